@@ -1,0 +1,56 @@
+#include "device/io_operation.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <iostream>
+#include <utility>
+
+static_assert(offsetof(IoOperation, overlapped) == 8, "found from its OVERLAPPED");
+
+IoOperation::IoOperation(IoCallback completionCallback) : callback(std::move(completionCallback)) {}
+
+IoOperation* IoOperation::FromOverlapped(OVERLAPPED* member) noexcept {
+    return CONTAINING_RECORD(member, IoOperation, overlapped);
+}
+
+void IoOperation::Reset() {
+    if (status == kPending) {
+        std::cerr << "IoOperation::Reset expected status != kPending, instead status = " << 0
+                  << std::endl;
+        return;
+    }
+    status = kPending;
+    completionKey = 0;
+    bytesTransferred = 0;
+    errorCode = 0;
+}
+
+void IoOperation::Complete(std::uint32_t bytes, std::uint64_t key) {
+    issued = false;  // the packet is off the port, whatever becomes of it here
+    if (status != kPending) {
+        std::cerr << "IoOperation::Complete expected status == kPending, instead status = "
+                  << status << std::endl;
+        return;
+    }
+    status = kComplete;
+    completionKey = key;
+    bytesTransferred = bytes;
+    callback(this);  // this operation may be gone now
+}
+
+void IoOperation::Error(std::uint32_t code) {
+    issued = false;
+    if (status != kPending) {
+        std::cerr << "IoOperation::Error expected status == kPending, instead status = " << status
+                  << std::endl;
+        return;
+    }
+    status = kError;
+    errorCode = code;
+    callback(this);  // this operation may be gone now
+}
+
+void DiscardOperation(IoOperation* operation) noexcept {
+    std::free(operation->transferBuffer);
+    delete operation;
+}

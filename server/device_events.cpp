@@ -1,0 +1,154 @@
+// The table of cameras: found at start-up, arriving, leaving, given up.
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <new>
+
+#include <boost/algorithm/string/predicate.hpp>
+#include <boost/smart_ptr/make_shared.hpp>
+#include <windows.h>
+
+#include <setupapi.h>
+#include <winioctl.h>
+
+#include "device/camera_identification.h"
+#include "device/device.h"
+#include "device/io_operation.h"
+#include "device/windows_exception.h"
+#include "server/server.h"
+#include "session/server_client.h"
+
+namespace {
+
+/// Destroys what SetupDiGetClassDevsW returns.
+struct DeviceInfoListDestroyer {
+    using pointer = HDEVINFO;
+    void operator()(HDEVINFO list) const noexcept { ::SetupDiDestroyDeviceInfoList(list); }
+};
+using UniqueDeviceInfoList = std::unique_ptr<void, DeviceInfoListDestroyer>;
+
+using UniqueInterfaceDetail = std::unique_ptr<SP_DEVICE_INTERFACE_DETAIL_DATA_W, GlobalFreer>;
+
+/// The interface's path is in the result's DevicePath. Empty if the interface has just gone.
+UniqueInterfaceDetail GetInterfaceDetail(HDEVINFO list, SP_DEVICE_INTERFACE_DATA& data) {
+    DWORD size = 0;
+    ::SetupDiGetDeviceInterfaceDetailW(list, &data, nullptr, 0, &size, nullptr);
+    if (size < sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W))
+        return nullptr;
+    UniqueInterfaceDetail detail(
+        static_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(::GlobalAlloc(GMEM_FIXED, size)));
+    if (!detail)
+        throw std::bad_alloc();
+    detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W);
+    if (!::SetupDiGetDeviceInterfaceDetailW(list, &data, detail.get(), size, nullptr, nullptr))
+        return nullptr;
+    return detail;
+}
+
+bool IsSamePath(const Device& device, const wchar_t* path) {
+    return boost::algorithm::iequals(device.Path(), path);
+}
+
+}  // namespace
+
+void Server::EnumerateInterfaces(const GUID& classGuid) {
+    const HDEVINFO present = ::SetupDiGetClassDevsW(&classGuid, nullptr, nullptr,
+                                                    DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
+    if (present == INVALID_HANDLE_VALUE)
+        return;
+    const UniqueDeviceInfoList list(present);
+
+    SP_DEVICE_INTERFACE_DATA data{};
+    data.cbSize = sizeof(data);
+    for (DWORD index = 0;
+         ::SetupDiEnumDeviceInterfaces(list.get(), nullptr, &classGuid, index, &data); ++index) {
+        if (const auto detail = GetInterfaceDetail(list.get(), data))
+            DeviceArrival(detail->DevicePath);
+    }
+}
+
+void Server::PostDeviceEvent(WPARAM eventCode, const DEV_BROADCAST_HDR* record) {
+    UniqueMalloc copy(std::malloc(record->dbch_size));
+    if (!copy)
+        throw std::bad_alloc();
+    std::memcpy(copy.get(), record, record->dbch_size);
+    auto operation = std::make_unique<IoOperation>([self = self](IoOperation* posted) {
+        if (*self != nullptr)
+            (*self)->DeviceEvent(posted);
+        else
+            DiscardOperation(posted);
+    });
+    operation->transferBuffer = copy.get();
+    if (!::PostQueuedCompletionStatus(completionPort, 0, eventCode, &operation->overlapped))
+        throw WindowsException("PostQueuedCompletionStatus failed.");
+    // Posted: both belong to the packet now, and DeviceEvent frees them.
+    static_cast<void>(copy.release());
+    static_cast<void>(operation.release());
+}
+
+void Server::DeviceEvent(IoOperation* operation) {
+    const UniqueMalloc block(operation->transferBuffer);
+    const std::uint64_t eventCode = operation->completionKey;
+    delete operation;
+
+    const auto* const header = static_cast<const DEV_BROADCAST_HDR*>(block.get());
+    if (header->dbch_devicetype != DBT_DEVTYP_DEVICEINTERFACE)
+        return;
+    const auto& record = *static_cast<const DEV_BROADCAST_DEVICEINTERFACE_W*>(block.get());
+    try {
+        // Only CD-ROM devices are taken while running, although the start-up enumeration takes
+        // disks too. Kept on purpose: a camera shows both faces, and would be announced twice.
+        if (eventCode == DBT_DEVICEARRIVAL && record.dbcc_classguid == GUID_DEVINTERFACE_CDROM)
+            DeviceArrival(record.dbcc_name);
+        else if (eventCode == DBT_DEVICEREMOVECOMPLETE)
+            DeviceDetach(record);
+    } catch (...) {
+        std::cerr << "Error in Server::DeviceEvent().\n";
+        throw;
+    }
+}
+
+void Server::DeviceArrival(const wchar_t* path) {
+    std::wcout << L"DeviceArrival: " << path << std::endl;
+    if (!IdentifyCamera(path, false))
+        return;
+    for (const auto& [id, device] : devices) {
+        if (IsSamePath(*device, path))
+            return;
+    }
+    const auto device = boost::make_shared<Device>(path, nextDeviceId, completionPort);
+    devices.emplace(static_cast<std::int32_t>(nextDeviceId), device);
+    ++nextDeviceId;
+    if (mainCommunicator)
+        mainCommunicator->SendCameraAttached(*device);
+    else
+        LaunchApplication();
+}
+
+void Server::DeviceDetach(const DEV_BROADCAST_DEVICEINTERFACE_W& record) {
+    for (auto entry = devices.begin(); entry != devices.end(); ++entry) {
+        if (IsSamePath(*entry->second, record.dbcc_name)) {
+            const boost::shared_ptr<Device> device = entry->second;
+            devices.erase(entry);
+            TellDetached(*device);
+            return;
+        }
+    }
+}
+
+void Server::RemoveDevice(const boost::shared_ptr<Device>& device) {
+    if (!device)
+        return;
+    devices.erase(static_cast<std::int32_t>(device->Id()));
+    device->SetRemoved();
+    TellDetached(*device);
+}
+
+void Server::TellDetached(const Device& device) {
+    if (mainCommunicator)
+        mainCommunicator->SendCameraDetached(device);
+    else
+        std::cerr << "No main communicator found on device detach.\n";
+}

@@ -1,0 +1,81 @@
+#include "server/server.h"
+
+#include <algorithm>
+#include <iostream>
+#include <utility>
+
+#include <boost/smart_ptr/make_shared.hpp>
+
+// <initguid.h> makes the next header define its GUIDs here and not only declare them.
+#include <initguid.h>
+// clang-format off: must follow
+#include <winioctl.h>
+// clang-format on
+
+#include "device/device.h"
+#include "device/io_operation.h"
+#include "device/windows_exception.h"
+#include "session/server_client.h"
+
+std::atomic<Server*> theServer{nullptr};
+
+Server::Server(HANDLE port) : completionPort(port), self(boost::make_shared<Server*>(this)) {
+    EnumerateInterfaces(GUID_DEVINTERFACE_DISK);
+    EnumerateInterfaces(GUID_DEVINTERFACE_CDROM);
+    acceptOperation = std::make_unique<IoOperation>([self = self](IoOperation* operation) {
+        if (*self != nullptr)
+            (*self)->OnClientConnected(operation);
+        else
+            DiscardOperation(operation);
+    });
+    ListenOnPipe();
+}
+
+Server::~Server() {
+    *self = nullptr;
+    cameraClients.clear();
+    mainCommunicator.reset();
+    if (listeningPipe) {
+        ::DisconnectNamedPipe(listeningPipe.get());
+        listeningPipe.reset();
+    }
+    devices.clear();
+    if (acceptOperation->issued)
+        static_cast<void>(acceptOperation.release());  // frees itself with its packet
+}
+
+void Server::PostQuit() {
+    auto operation = std::make_unique<IoOperation>(IoCallback());
+    operation->status = IoOperation::kQuit;
+    if (!::PostQueuedCompletionStatus(completionPort, 0, 0, &operation->overlapped))
+        throw WindowsException("PostQueuedCompletionStatus failed.");
+    static_cast<void>(operation.release());  // posted: the dispatcher frees it
+}
+
+boost::shared_ptr<ServerClient> Server::GetMainCommunicator() const {
+    return mainCommunicator;
+}
+
+boost::shared_ptr<Device> Server::FindDevice(std::uint32_t id) const {
+    const auto found = devices.find(static_cast<std::int32_t>(id));
+    return found != devices.end() ? found->second : boost::shared_ptr<Device>();
+}
+
+void Server::RemoveClient(ServerClient* client) {
+    if (mainCommunicator && mainCommunicator.get() == client) {
+        std::cout << "Removing main communicator." << std::endl;
+        mainCommunicator.reset();
+        return;
+    }
+    // Kept on purpose: a camera pipe that leaves while nobody is main communicator says so.
+    if (!mainCommunicator)
+        std::cerr << "No main communicator when RemoveClient() called.\n";
+    const auto found = std::find_if(cameraClients.begin(), cameraClients.end(),
+                                    [client](const auto& entry) { return entry.get() == client; });
+    if (found == cameraClients.end()) {
+        std::cerr << "RemoveClient() on non-existing client.\n";
+        return;
+    }
+    const boost::shared_ptr<ServerClient> removed = std::move(*found);  // until the list is whole
+    cameraClients.erase(found);
+}

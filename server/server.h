@@ -1,0 +1,106 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <boost/smart_ptr/shared_ptr.hpp>
+#include <windows.h>
+
+// After <windows.h>, whose types it uses.
+#include <dbt.h>
+
+#include "device/unique_handle.h"
+
+class Device;
+class IoOperation;
+class ServerClient;
+
+/// The hub of the service: the listening instance of the camera pipe, the connected clients and
+/// the cameras present.
+///
+/// Thread: the dispatcher thread makes, uses and destroys it. PostQuit(), PostDeviceEvent() and
+/// LaunchIfNoMainCommunicator() are for other threads, as they say.
+///
+/// The client that connects while no main communicator is connected becomes the main communicator,
+/// and is the one that is told of cameras that come and go. All others are camera pipes.
+class Server {
+public:
+    /// Records the cameras among the disk and CD-ROM devices present, starting the desktop
+    /// application for each, and opens the first pipe instance. `port` is not owned and outlives
+    /// the server and every packet that it still holds for it.
+    /// Throws WindowsException and std::bad_alloc.
+    explicit Server(HANDLE port);
+
+    /// Releases the clients, the listening instance and the cameras. Their pending operations stay
+    /// behind and free themselves with their packets, if somebody still takes those off the port.
+    ~Server();
+
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    /// Ends the dispatcher loop once it has taken what is queued before. For the control handler's
+    /// thread: touches only the port and a new operation. Throws WindowsException.
+    void PostQuit();
+
+    /// Hands a copy of a broadcast record (`dbch_size` bytes, see <dbt.h>) and its WM_DEVICECHANGE
+    /// event code to the dispatcher thread. For the thread of the notification window: touches only
+    /// the port, and what it has just made. Throws WindowsException.
+    void PostDeviceEvent(WPARAM eventCode, const DEV_BROADCAST_HDR* record);
+
+    /// Starts the desktop application unless a main communicator is connected. Also for the thread
+    /// of the notification window, and then deliberately unguarded: it looks at the main
+    /// communicator while the dispatcher thread may change it. Never throws.
+    void LaunchIfNoMainCommunicator() noexcept;
+
+    /// Empty if none is connected.
+    boost::shared_ptr<ServerClient> GetMainCommunicator() const;
+
+    /// Empty if no camera with this identifier is present.
+    boost::shared_ptr<Device> FindDevice(std::uint32_t id) const;
+
+    /// Drops the registry's reference, which destroys the client at once.
+    void RemoveClient(ServerClient* client);
+
+    /// Gives up a camera for which no transfer could be started and tells the main communicator.
+    /// Does nothing for an empty pointer. May destroy the main communicator (it may have hung up).
+    void RemoveDevice(const boost::shared_ptr<Device>& device);
+
+private:
+    // listening_pipe.cpp
+    /// Opens the next pipe instance and waits for its client. A failure is one line on standard
+    /// error, and the end of accepting.
+    void ListenOnPipe() noexcept;
+    void StartListening();
+    void OnClientConnected(IoOperation* operation);
+
+    // device_events.cpp
+    void EnumerateInterfaces(const GUID& classGuid);
+    void DeviceEvent(IoOperation* operation);
+    void DeviceArrival(const wchar_t* path);
+    void DeviceDetach(const DEV_BROADCAST_DEVICEINTERFACE_W& record);
+    void TellDetached(const Device& device);
+
+    // application_launcher.cpp
+    /// Starts the desktop application in the session of the user at the console, with that user's
+    /// token, environment and desktop. Touches nothing of the server.
+    void LaunchApplication() noexcept;
+
+    HANDLE completionPort;        // not owned
+    UniqueHandle listeningPipe;   // bound to the port; empty if none
+    std::uint32_t nextDeviceId = 1;  // identifiers are never reused
+    std::unique_ptr<IoOperation> acceptOperation;  // for every ConnectNamedPipe
+    std::vector<boost::shared_ptr<ServerClient>> cameraClients;  // in the order of connection
+    std::map<std::int32_t, boost::shared_ptr<Device>> devices;   // by identifier, signed
+    boost::shared_ptr<ServerClient> mainCommunicator;            // empty if none
+
+    // How callbacks find the server; holds null once it is destroyed, as packets may come later.
+    boost::shared_ptr<Server*> self;
+};
+
+/// The one server of the process; null until it is constructed, and never set back. The control
+/// handler and the notification window reach it from their threads.
+extern std::atomic<Server*> theServer;

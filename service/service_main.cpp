@@ -1,0 +1,90 @@
+#include "service/service_main.h"
+
+#include "device/windows_exception.h"
+#include "server/server.h"
+#include "service/dispatcher.h"
+
+BYTE runningAsService = 1;
+
+namespace {
+
+constexpr DWORD kStartWaitHintMilliseconds = 3000;
+
+SERVICE_STATUS_HANDLE serviceStatusHandle = nullptr;
+SERVICE_STATUS serviceStatus{};  // filled in place by each report
+DWORD checkPointCounter = 1;     // of the next pending state; never reset
+
+void ReportStartPending() {
+    serviceStatus.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    serviceStatus.dwCurrentState = SERVICE_START_PENDING;
+    serviceStatus.dwControlsAccepted = 0;
+    serviceStatus.dwWin32ExitCode = NO_ERROR;
+    serviceStatus.dwServiceSpecificExitCode = 0;
+    serviceStatus.dwCheckPoint = checkPointCounter++;
+    serviceStatus.dwWaitHint = kStartWaitHintMilliseconds;
+    ::SetServiceStatus(serviceStatusHandle, &serviceStatus);
+}
+
+void ReportStopPending() {
+    serviceStatus.dwWaitHint = 0;
+    serviceStatus.dwCheckPoint = checkPointCounter++;
+    serviceStatus.dwCurrentState = SERVICE_STOP_PENDING;
+    serviceStatus.dwControlsAccepted = SERVICE_ACCEPT_STOP;
+    serviceStatus.dwWin32ExitCode = NO_ERROR;
+    ::SetServiceStatus(serviceStatusHandle, &serviceStatus);
+}
+
+/// For the states that last: RUNNING and STOPPED.
+void ReportState(DWORD state) {
+    serviceStatus.dwCurrentState = state;
+    serviceStatus.dwControlsAccepted = SERVICE_ACCEPT_STOP;
+    serviceStatus.dwWin32ExitCode = NO_ERROR;
+    serviceStatus.dwCheckPoint = 0;
+    serviceStatus.dwWaitHint = 0;
+    ::SetServiceStatus(serviceStatusHandle, &serviceStatus);
+}
+
+void RunService() {
+    if (runningAsService) {
+        serviceStatusHandle = ::RegisterServiceCtrlHandlerW(L"OrvikService", ServiceCtrlHandler);
+        if (serviceStatusHandle == nullptr)
+            throw WindowsException("RegisterServiceCtrlHandler() failed.");
+        ReportStartPending();
+    }
+
+    // One thread takes the packets. The port is never closed: packets of operations that are left
+    // behind may still come, and it goes with the process.
+    const HANDLE completionPort = ::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1);
+    if (completionPort == nullptr)
+        throw WindowsException("CreateIoCompletionPort() failed.");
+
+    Server server(completionPort);
+    theServer = &server;
+
+    if (runningAsService)
+        ReportState(SERVICE_RUNNING);
+    RunDispatcher(completionPort);
+    if (runningAsService)
+        ReportState(SERVICE_STOPPED);  // before anything is taken down
+}
+
+/// Unwinds, then ends the process: nothing above the service thread's frame would catch.
+void RunServiceOrEndProcess() noexcept {
+    RunService();
+}
+
+}  // namespace
+
+void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/) {
+    if (runningAsService)
+        RunServiceOrEndProcess();
+    else
+        RunService();
+}
+
+void WINAPI ServiceCtrlHandler(DWORD control) {
+    if (control != SERVICE_CONTROL_STOP)
+        return;
+    ReportStopPending();
+    theServer.load()->PostQuit();
+}

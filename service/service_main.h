@@ -1,0 +1,21 @@
+#pragma once
+
+#include <windows.h>
+
+/// True (1) when the service control manager runs this process, false (0) in the foreground.
+/// main() clears it before it calls ServiceMain(); it does not change afterwards.
+extern BYTE runningAsService;
+
+/// The body of the service in both run modes: starts everything, runs the dispatcher on the
+/// calling thread until a stop control arrives, and takes everything down. In the foreground
+/// nothing stops it. The arguments are not read.
+///
+/// Throws WindowsException and whatever a completion handler throws in the foreground. As a
+/// service it doesn't return from such an exception: the process ends at once, without a report
+/// of STOPPED, so that the service control manager sees a crash and can restart it.
+void WINAPI ServiceMain(DWORD argc, LPWSTR* argv);
+
+/// Takes the stop control: reports STOP_PENDING and has the dispatcher end its loop. Ignores every
+/// other control. Runs on the service control dispatcher's thread.
+/// Throws WindowsException.
+void WINAPI ServiceCtrlHandler(DWORD control);

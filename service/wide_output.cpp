@@ -1,0 +1,45 @@
+#include "service/wide_output.h"
+
+#include <array>
+#include <iostream>
+
+#include <windows.h>
+
+namespace {
+
+/// A lone half of a surrogate pair becomes U+FFFD.
+bool WriteUtf8(const wchar_t* text, int length) {
+    std::array<char, 8> bytes{};
+    const int size = ::WideCharToMultiByte(CP_UTF8, 0, text, length, bytes.data(),
+                                           static_cast<int>(bytes.size()), nullptr, nullptr);
+    return std::cout.rdbuf()->sputn(bytes.data(), size) == size;
+}
+
+}  // namespace
+
+WideOutput::WideOutput() : previous(std::wcout.rdbuf(this)) {}
+
+WideOutput::~WideOutput() {
+    std::wcout.rdbuf(previous);
+}
+
+WideOutput::int_type WideOutput::overflow(int_type character) {
+    if (traits_type::eq_int_type(character, traits_type::eof()))
+        return traits_type::not_eof(character);
+    const wchar_t unit = traits_type::to_char_type(character);
+    bool written = true;
+    if (highSurrogate != 0) {
+        const wchar_t pair[] = {highSurrogate, unit};
+        written = WriteUtf8(pair, 2);
+        highSurrogate = 0;
+    } else if (IS_HIGH_SURROGATE(unit)) {
+        highSurrogate = unit;
+    } else {
+        written = WriteUtf8(&unit, 1);
+    }
+    return written ? character : traits_type::eof();
+}
+
+int WideOutput::sync() {
+    return std::cout.rdbuf()->pubsync();
+}
