@@ -9,6 +9,13 @@ static_assert(offsetof(IoOperation, overlapped) == 8, "found from its OVERLAPPED
 
 IoOperation::IoOperation(IoCallback completionCallback) : callback(std::move(completionCallback)) {}
 
+IoOperation::~IoOperation() {
+    if (keeper != nullptr) {
+        keeper->operation = nullptr;
+        keeper->issued = false;
+    }
+}
+
 IoOperation* IoOperation::FromOverlapped(OVERLAPPED* member) noexcept {
     return CONTAINING_RECORD(member, IoOperation, overlapped);
 }
@@ -26,7 +33,8 @@ void IoOperation::Reset() {
 }
 
 void IoOperation::Complete(std::uint32_t bytes, std::uint64_t key) {
-    issued = false;  // the packet is off the port, whatever becomes of it here
+    if (keeper != nullptr)
+        keeper->issued = false;  // the packet is off the port, whatever becomes of it here
     if (status != kPending) {
         std::cerr << "IoOperation::Complete expected status == kPending, instead status = "
                   << status << std::endl;
@@ -39,7 +47,8 @@ void IoOperation::Complete(std::uint32_t bytes, std::uint64_t key) {
 }
 
 void IoOperation::Error(std::uint32_t code) {
-    issued = false;
+    if (keeper != nullptr)
+        keeper->issued = false;
     if (status != kPending) {
         std::cerr << "IoOperation::Error expected status == kPending, instead status = " << status
                   << std::endl;
@@ -48,6 +57,22 @@ void IoOperation::Error(std::uint32_t code) {
     status = kError;
     errorCode = code;
     callback(this);  // this operation may be gone now
+}
+
+KeptOperation::KeptOperation(IoCallback callback)
+    : operation(new IoOperation(std::move(callback))) {
+    operation->keeper = this;
+}
+
+KeptOperation::~KeptOperation() {
+    if (!issued) {
+        delete operation;
+        return;
+    }
+    operation->keeper = nullptr;
+    // One that was issued without a Reset() would refuse its packet, and nobody would free it.
+    if (operation->status != IoOperation::kPending)
+        operation->Reset();
 }
 
 void DiscardOperation(IoOperation* operation) noexcept {

@@ -6,6 +6,7 @@
 #include <windows.h>
 
 class IoOperation;
+class KeptOperation;
 
 /// Called on the dispatcher thread with the operation whose packet has been taken off the port.
 /// May destroy the operation, and with it this very callable. Calling an empty one throws
@@ -20,10 +21,10 @@ using IoCallback = boost::function<void(IoOperation*)>;
 ///
 /// Ownership: once issued, an operation belongs to the port until its packet has been taken off
 /// it, whoever else goes away first. "Its OVERLAPPED is not pending any more" does not say that:
-/// a packet that is queued but not yet taken already shows its final status. So an owner that
-/// keeps an operation asks `issued`, and leaves an issued one behind with a callback that frees
-/// it. What the system may still write into must live as long as the operation; the simplest way
-/// is to let the callback own it. A packet with error 995 frees its operation without the callback.
+/// a packet that is queued but not yet taken already shows its final status. A packet with error
+/// 995 frees its operation without the callback. An owner that keeps an operation from one use to
+/// the next holds it in a KeptOperation, which knows all that. What the system may still write
+/// into lives as long as the operation; the simplest way is to let the callback own it.
 ///
 /// Thread: dispatcher only, but for making and posting one, which any thread may do.
 class IoOperation {
@@ -36,6 +37,7 @@ public:
     };
 
     explicit IoOperation(IoCallback completionCallback);
+    ~IoOperation();
 
     IoOperation(const IoOperation&) = delete;
     IoOperation& operator=(const IoOperation&) = delete;
@@ -67,9 +69,37 @@ public:
     /// operation itself.
     void* transferBuffer = nullptr;
 
-    /// True from a successful start of the I/O until Complete() or Error() is called for its
-    /// packet, also when they refuse it. Set by owners that keep the operation (pipe accept, read
-    /// and write); an operation that travels alone has no owner who would ask.
+    /// Set and used by KeptOperation alone; null for an operation that travels alone. Public only
+    /// because mixed access would leave the position of `overlapped` to the compiler.
+    KeptOperation* keeper = nullptr;
+};
+
+/// An operation that its owner keeps and issues again and again: pipe accept, read and write.
+///
+/// Frees it at the end, unless it is issued then: in that case it is left to the port, and its
+/// callback, which is called with its packet, has to free it and to touch nothing of the owner.
+/// Thread: dispatcher only.
+class KeptOperation {
+public:
+    explicit KeptOperation(IoCallback callback);
+    ~KeptOperation();
+
+    KeptOperation(const KeptOperation&) = delete;
+    KeptOperation& operator=(const KeptOperation&) = delete;
+
+    /// Null once the dispatcher has freed it, because its packet came with error 995.
+    IoOperation* Get() const noexcept { return operation; }
+
+    /// Call it when the I/O has been started and a packet is to come.
+    void SetIssued() noexcept { issued = true; }
+
+    /// True until its packet has been taken off the port, also when the operation refuses it.
+    bool IsIssued() const noexcept { return issued; }
+
+private:
+    friend class IoOperation;
+
+    IoOperation* operation;
     bool issued = false;
 };
 

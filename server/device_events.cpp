@@ -74,12 +74,7 @@ void Server::PostDeviceEvent(WPARAM eventCode, const DEV_BROADCAST_HDR* record) 
     if (!copy)
         throw std::bad_alloc();
     std::memcpy(copy.get(), record, record->dbch_size);
-    auto operation = std::make_unique<IoOperation>([self = self](IoOperation* posted) {
-        if (*self != nullptr)
-            (*self)->DeviceEvent(posted);
-        else
-            DiscardOperation(posted);
-    });
+    auto operation = std::make_unique<IoOperation>(CallbackTo<&Server::DeviceEvent>());
     operation->transferBuffer = copy.get();
     if (!::PostQueuedCompletionStatus(completionPort, 0, eventCode, &operation->overlapped))
         throw WindowsException("PostQueuedCompletionStatus failed.");

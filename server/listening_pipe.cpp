@@ -107,17 +107,17 @@ void Server::StartListening() {
     if (::CreateIoCompletionPort(listeningPipe.get(), completionPort, key, 0) != completionPort)
         throw WindowsException("Failed to connect pipe to IOCompletionPort.");
 
-    if (!::ConnectNamedPipe(listeningPipe.get(), &acceptOperation->overlapped)) {
+    if (!::ConnectNamedPipe(listeningPipe.get(), &acceptOperation.Get()->overlapped)) {
         const DWORD error = ::GetLastError();
         // A client was faster than ConnectNamedPipe, which then queues no packet. It gets the one
         // that every other client gets, so that it is served and the next instance is opened.
         const bool connected =
             error == ERROR_PIPE_CONNECTED &&
-            ::PostQueuedCompletionStatus(completionPort, 0, key, &acceptOperation->overlapped);
+            ::PostQueuedCompletionStatus(completionPort, 0, key, &acceptOperation.Get()->overlapped);
         if (error != ERROR_IO_PENDING && !connected)
             throw WindowsException("ConnectNamedPipe failed.");
     }
-    acceptOperation->issued = true;
+    acceptOperation.SetIssued();
 }
 
 void Server::OnClientConnected(IoOperation* operation) {
@@ -137,7 +137,7 @@ void Server::OnClientConnected(IoOperation* operation) {
     }
     std::cout << "ServerClient connected." << std::endl;
 
-    acceptOperation->Reset();
+    operation->Reset();
     ListenOnPipe();
 
     for (const auto& [id, device] : devices) {

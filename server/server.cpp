@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <memory>
 #include <utility>
 
 #include <boost/smart_ptr/make_shared.hpp>
@@ -19,15 +20,12 @@
 
 std::atomic<Server*> theServer{nullptr};
 
-Server::Server(HANDLE port) : completionPort(port), self(boost::make_shared<Server*>(this)) {
+Server::Server(HANDLE port)
+    : self(boost::make_shared<Server*>(this)),
+      completionPort(port),
+      acceptOperation(CallbackTo<&Server::OnClientConnected>()) {
     EnumerateInterfaces(GUID_DEVINTERFACE_DISK);
     EnumerateInterfaces(GUID_DEVINTERFACE_CDROM);
-    acceptOperation = std::make_unique<IoOperation>([self = self](IoOperation* operation) {
-        if (*self != nullptr)
-            (*self)->OnClientConnected(operation);
-        else
-            DiscardOperation(operation);
-    });
     ListenOnPipe();
 }
 
@@ -40,8 +38,6 @@ Server::~Server() {
         listeningPipe.reset();
     }
     devices.clear();
-    if (acceptOperation->issued)
-        static_cast<void>(acceptOperation.release());  // frees itself with its packet
 }
 
 void Server::PostQuit() {

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,10 +12,10 @@
 // After <windows.h>, whose types it uses.
 #include <dbt.h>
 
+#include "device/io_operation.h"
 #include "device/unique_handle.h"
 
 class Device;
-class IoOperation;
 class ServerClient;
 
 /// The hub of the service: the listening instance of the camera pipe, the connected clients and
@@ -77,6 +76,18 @@ private:
     void StartListening();
     void OnClientConnected(IoOperation* operation);
 
+    /// A completion callback that calls `handler` while this server lives, and afterwards frees
+    /// the operation.
+    template <void (Server::*handler)(IoOperation*)>
+    IoCallback CallbackTo() const {
+        return [self = self](IoOperation* operation) {
+            if (*self != nullptr)
+                ((*self)->*handler)(operation);
+            else
+                DiscardOperation(operation);
+        };
+    }
+
     // device_events.cpp
     void EnumerateInterfaces(const GUID& classGuid);
     void DeviceEvent(IoOperation* operation);
@@ -89,16 +100,16 @@ private:
     /// token, environment and desktop. Touches nothing of the server.
     void LaunchApplication() noexcept;
 
-    HANDLE completionPort;        // not owned
-    UniqueHandle listeningPipe;   // bound to the port; empty if none
+    // How callbacks find the server; holds null once it is destroyed, as packets may come later.
+    boost::shared_ptr<Server*> self;
+
+    HANDLE completionPort;           // not owned
+    UniqueHandle listeningPipe;      // bound to the port; empty if none
     std::uint32_t nextDeviceId = 1;  // identifiers are never reused
-    std::unique_ptr<IoOperation> acceptOperation;  // for every ConnectNamedPipe
+    KeptOperation acceptOperation;   // for every ConnectNamedPipe
     std::vector<boost::shared_ptr<ServerClient>> cameraClients;  // in the order of connection
     std::map<std::int32_t, boost::shared_ptr<Device>> devices;   // by identifier, signed
     boost::shared_ptr<ServerClient> mainCommunicator;            // empty if none
-
-    // How callbacks find the server; holds null once it is destroyed, as packets may come later.
-    boost::shared_ptr<Server*> self;
 };
 
 /// The one server of the process; null until it is constructed, and never set back. The control

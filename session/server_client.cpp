@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <initializer_list>
 #include <iostream>
 #include <limits>
+#include <memory>
 #include <utility>
 
 #include <boost/smart_ptr/make_shared.hpp>
@@ -20,40 +20,29 @@ bool CallFailed(BOOL result) noexcept {
     return !result && ::GetLastError() != ERROR_IO_PENDING;
 }
 
-/// Frees an operation, or leaves it to the port if its packet is still to come.
-void FreeOrLeaveToPort(std::unique_ptr<IoOperation> operation) {
-    if (!operation->issued)
-        return;
-    // The second read of a header in pieces is issued without a Reset(); as it stands its packet
-    // would be refused and nobody would free it.
-    if (operation->status != IoOperation::kPending)
-        operation->Reset();
-    static_cast<void>(operation.release());
+/// True if the OVERLAPPED says so, which is no word on whether a packet is still to come.
+bool ShowsPending(const KeptOperation& operation) noexcept {
+    return operation.Get() != nullptr && !HasOverlappedIoCompleted(&operation.Get()->overlapped);
 }
 
 }  // namespace
 
 ServerClient::ServerClient(Server* owner, UniqueHandle connectedPipe)
-    : server(owner),
-      pipe(std::move(connectedPipe)),
-      memory(boost::make_shared<IoMemory>()) {
+    : memory(boost::make_shared<IoMemory>()),
+      headerReadOperation(CallbackTo<&ServerClient::ReadHeaderComplete>()),
+      bodyReadOperation(CallbackTo<&ServerClient::ReadBodyComplete>()),
+      writeOperation(CallbackTo<&ServerClient::WriteComplete>()),
+      server(owner),
+      pipe(std::move(connectedPipe)) {
     memory->session = this;
-    headerReadOperation =
-        std::make_unique<IoOperation>(CallbackTo<&ServerClient::ReadHeaderComplete>());
-    bodyReadOperation =
-        std::make_unique<IoOperation>(CallbackTo<&ServerClient::ReadBodyComplete>());
-    writeOperation = std::make_unique<IoOperation>(CallbackTo<&ServerClient::WriteComplete>());
     DoRead();
 }
 
 ServerClient::~ServerClient() {
     std::cout << "ServerClient shutdown.\n" << std::flush;
-    for (const auto* operation : {&headerReadOperation, &bodyReadOperation, &writeOperation}) {
-        if (!HasOverlappedIoCompleted(&(*operation)->overlapped)) {
-            std::cerr << "PROBLEM!!! ServerClient destructor with active overlapped structure.\n";
-            break;
-        }
-    }
+    if (ShowsPending(headerReadOperation) || ShowsPending(bodyReadOperation) ||
+        ShowsPending(writeOperation))
+        std::cerr << "PROBLEM!!! ServerClient destructor with active overlapped structure.\n";
     memory->session = nullptr;
     pipe.reset();
     if (attachedCamera) {
@@ -62,14 +51,10 @@ ServerClient::~ServerClient() {
     }
 
     // What no issued operation uses goes now, and not with the last transfer's packet.
-    if (!bodyReadOperation->issued)
+    if (!bodyReadOperation.IsIssued())
         memory->body.reset();
     auto& queue = memory->writeQueue;
-    queue.erase(writeOperation->issued ? queue.begin() + 1 : queue.begin(), queue.end());
-
-    FreeOrLeaveToPort(std::move(writeOperation));
-    FreeOrLeaveToPort(std::move(bodyReadOperation));
-    FreeOrLeaveToPort(std::move(headerReadOperation));
+    queue.erase(writeOperation.IsIssued() ? queue.begin() + 1 : queue.begin(), queue.end());
 }
 
 bool ServerClient::SendCameraAttached(const Device& camera) {
@@ -87,9 +72,9 @@ void ServerClient::DoRead() {
     auto* const target = reinterpret_cast<std::byte*>(&memory->header) + received;
     const auto size = static_cast<DWORD>(sizeof(MessageHeader) - received);
     if (CallFailed(
-            ::ReadFile(pipe.get(), target, size, nullptr, &headerReadOperation->overlapped)))
+            ::ReadFile(pipe.get(), target, size, nullptr, &headerReadOperation.Get()->overlapped)))
         throw WindowsException("DoRead ReadFile failed.");
-    headerReadOperation->issued = true;
+    headerReadOperation.SetIssued();
 }
 
 /// Reads up to `length` bytes into the body, behind what is there.
@@ -97,9 +82,9 @@ void ServerClient::ReadBody(std::uint64_t length) {
     constexpr std::uint64_t kLargestRead = std::numeric_limits<DWORD>::max();
     if (CallFailed(::ReadFile(pipe.get(), memory->body.get() + received,
                               static_cast<DWORD>(std::min(length, kLargestRead)), nullptr,
-                              &bodyReadOperation->overlapped)))
+                              &bodyReadOperation.Get()->overlapped)))
         throw WindowsException();
-    bodyReadOperation->issued = true;
+    bodyReadOperation.SetIssued();
 }
 
 void ServerClient::ReadHeaderComplete(IoOperation* operation) {
@@ -171,14 +156,14 @@ bool ServerClient::StartWrite() {
     writing = true;
     const auto& entry = memory->writeQueue.front();
     if (CallFailed(::WriteFile(pipe.get(), entry.data(), static_cast<DWORD>(entry.size()), nullptr,
-                               &writeOperation->overlapped))) {
+                               &writeOperation.Get()->overlapped))) {
         const DWORD error = ::GetLastError();
         if (error != ERROR_NO_DATA && error != ERROR_BROKEN_PIPE)
             throw WindowsException();
         server->RemoveClient(this);  // this session is gone
         return false;
     }
-    writeOperation->issued = true;
+    writeOperation.SetIssued();
     return true;
 }
 

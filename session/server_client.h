@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 
 #include <boost/smart_ptr/shared_ptr.hpp>
@@ -87,14 +86,14 @@ private:
 
     void OnTransferComplete(IoOperation* operation);
 
-    std::unique_ptr<IoOperation> headerReadOperation;
-    std::unique_ptr<IoOperation> bodyReadOperation;
-    std::unique_ptr<IoOperation> writeOperation;
+    boost::shared_ptr<IoMemory> memory;  // shared with the callback of every operation
+    KeptOperation headerReadOperation;
+    KeptOperation bodyReadOperation;
+    KeptOperation writeOperation;
     bool writing = false;  // a WriteFile is in flight on writeOperation
     Server* server;        // not owned; outlives every client
     UniqueHandle pipe;
-    std::uint64_t received = 0;          // bytes of the current header or body so far
-    boost::shared_ptr<IoMemory> memory;  // shared with the callback of every operation
+    std::uint64_t received = 0;  // bytes of the current header or body so far
     std::uint32_t attachedCameraId = kNoCamera;
     boost::shared_ptr<Device> attachedCamera;
 };
