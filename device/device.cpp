@@ -23,19 +23,21 @@ ULONG_PTR CompletionKey(HANDLE handle) noexcept {
 
 UCHAR Direction(std::uint32_t type) noexcept {
     switch (type) {
-    case kTransferIn:
-        return SCSI_IOCTL_DATA_IN;
-    case kTransferNoData:
-        return SCSI_IOCTL_DATA_UNSPECIFIED;
-    default:
-        return SCSI_IOCTL_DATA_OUT;
+        case kTransferIn:
+            return SCSI_IOCTL_DATA_IN;
+        case kTransferNoData:
+            return SCSI_IOCTL_DATA_UNSPECIFIED;
+        default:
+            return SCSI_IOCTL_DATA_OUT;
     }
 }
 
 }  // namespace
 
 Device::Device(std::wstring interfacePath, std::uint32_t cameraId, HANDLE port)
-    : id(cameraId), path(std::move(interfacePath)), completionPort(port) {}
+    : id(cameraId),
+      path(std::move(interfacePath)),
+      completionPort(port) {}
 
 Device::~Device() {
     // One close stands for as many as are open: only the one that ends the count does anything,
@@ -92,16 +94,16 @@ void Device::Transfer(IoOperation* operation, const TransferRequest* request, co
     std::memcpy(scsi.Cdb, request->cdb.data(), sizeof(scsi.Cdb));
 
     switch (scsi.DataIn) {
-    case SCSI_IOCTL_DATA_OUT:
-        if (length > 0)
-            std::memcpy(buffer->Data(), data, static_cast<std::size_t>(length));
-        break;
-    case SCSI_IOCTL_DATA_UNSPECIFIED:
-        // The length is declared to the driver all the same: no stale heap memory leaves here.
-        std::memset(buffer->Data(), 0, static_cast<std::size_t>(length));
-        break;
-    default:
-        break;  // the driver fills it
+        case SCSI_IOCTL_DATA_OUT:
+            if (length > 0)
+                std::memcpy(buffer->Data(), data, static_cast<std::size_t>(length));
+            break;
+        case SCSI_IOCTL_DATA_UNSPECIFIED:
+            // The length is declared to the driver all the same: no stale heap memory leaves here.
+            std::memset(buffer->Data(), 0, static_cast<std::size_t>(length));
+            break;
+        default:
+            break;  // the driver fills it
     }
 
     // A packet comes in either case, also when the call finishes at once with success.

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-#include <boost/function.hpp>
 #include <windows.h>
+#include <boost/function.hpp>
 
 class IoOperation;
 class KeptOperation;

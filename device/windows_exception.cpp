@@ -14,9 +14,9 @@ namespace {
 /// First line of the system's message for `code`; empty when the system has none.
 std::string SystemMessage(DWORD code) {
     char* text = nullptr;
-    ::FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS |
-                         FORMAT_MESSAGE_FROM_SYSTEM,
-                     nullptr, code, 0, reinterpret_cast<char*>(&text), 0, nullptr);
+    ::FormatMessageA(
+        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_SYSTEM,
+        nullptr, code, 0, reinterpret_cast<char*>(&text), 0, nullptr);
     const std::unique_ptr<char, LocalFreer> buffer(text);
     return text != nullptr ? std::string(text, std::strcspn(text, "\r\n")) : std::string();
 }

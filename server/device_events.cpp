@@ -6,9 +6,9 @@
 #include <memory>
 #include <new>
 
+#include <windows.h>
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/smart_ptr/make_shared.hpp>
-#include <windows.h>
 
 #include <setupapi.h>
 #include <winioctl.h>
@@ -54,8 +54,8 @@ bool IsSamePath(const Device& device, const wchar_t* path) {
 }  // namespace
 
 void Server::EnumerateInterfaces(const GUID& classGuid) {
-    const HDEVINFO present = ::SetupDiGetClassDevsW(&classGuid, nullptr, nullptr,
-                                                    DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
+    const HDEVINFO present =
+        ::SetupDiGetClassDevsW(&classGuid, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
     if (present == INVALID_HANDLE_VALUE)
         return;
     const UniqueDeviceInfoList list(present);

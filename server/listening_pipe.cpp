@@ -7,8 +7,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include <boost/smart_ptr/make_shared.hpp>
 #include <windows.h>
+#include <boost/smart_ptr/make_shared.hpp>
 
 #include <aclapi.h>
 
@@ -111,9 +111,9 @@ void Server::StartListening() {
         const DWORD error = ::GetLastError();
         // A client was faster than ConnectNamedPipe, which then queues no packet. It gets the one
         // that every other client gets, so that it is served and the next instance is opened.
-        const bool connected =
-            error == ERROR_PIPE_CONNECTED &&
-            ::PostQueuedCompletionStatus(completionPort, 0, key, &acceptOperation.Get()->overlapped);
+        const bool connected = error == ERROR_PIPE_CONNECTED &&
+                               ::PostQueuedCompletionStatus(completionPort, 0, key,
+                                                            &acceptOperation.Get()->overlapped);
         if (error != ERROR_IO_PENDING && !connected)
             throw WindowsException("ConnectNamedPipe failed.");
     }

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include <boost/smart_ptr/shared_ptr.hpp>
 #include <windows.h>
+#include <boost/smart_ptr/shared_ptr.hpp>
 
 // After <windows.h>, whose types it uses.
 #include <dbt.h>
@@ -103,10 +103,10 @@ private:
     // How callbacks find the server; holds null once it is destroyed, as packets may come later.
     boost::shared_ptr<Server*> self;
 
-    HANDLE completionPort;           // not owned
-    UniqueHandle listeningPipe;      // bound to the port; empty if none
-    std::uint32_t nextDeviceId = 1;  // identifiers are never reused
-    KeptOperation acceptOperation;   // for every ConnectNamedPipe
+    HANDLE completionPort;                                       // not owned
+    UniqueHandle listeningPipe;                                  // bound to the port; empty if none
+    std::uint32_t nextDeviceId = 1;                              // identifiers are never reused
+    KeptOperation acceptOperation;                               // for every ConnectNamedPipe
     std::vector<boost::shared_ptr<ServerClient>> cameraClients;  // in the order of connection
     std::map<std::int32_t, boost::shared_ptr<Device>> devices;   // by identifier, signed
     boost::shared_ptr<ServerClient> mainCommunicator;            // empty if none

@@ -20,6 +20,6 @@ protected:
     int sync() override;
 
 private:
-    std::wstreambuf* previous;   // std::wcout's own
-    wchar_t highSurrogate = 0;   // first half of a pair that is still to come, or 0
+    std::wstreambuf* previous;  // std::wcout's own
+    wchar_t highSurrogate = 0;  // first half of a pair that is still to come, or 0
 };

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <span>
 
-#include <boost/smart_ptr/shared_ptr.hpp>
 #include <windows.h>
+#include <boost/smart_ptr/shared_ptr.hpp>
 
 #include "device/io_operation.h"
 #include "device/unique_handle.h"

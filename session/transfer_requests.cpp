@@ -58,8 +58,8 @@ bool ServerClient::HandleRequest() {
 bool ServerClient::StartTransfer(const boost::shared_ptr<Device>& camera) {
     const MessageHeader& header = memory->header;
     const std::byte* const body = memory->body.get();
-    TransferRequest request{header.messageType, header.requestId, header.cameraId,
-                            header.bodyLength, {}};
+    TransferRequest request{
+        header.messageType, header.requestId, header.cameraId, header.bodyLength, {}};
     std::memcpy(request.cdb.data(), body, kCdbFieldSize);
 
     auto operation = std::make_unique<IoOperation>(CallbackTo<&ServerClient::OnTransferComplete>());
@@ -114,14 +114,14 @@ void ServerClient::OnTransferComplete(IoOperation* operation) {
 
     // The identifiers come from the block: the session's header belongs to a later message by now.
     if (operation->status == IoOperation::kError || buffer->scsi.ScsiStatus != 0) {
-        static_cast<void>(
-            QueueMessage({kTransferFailed, buffer->requestId, buffer->cameraId, 0}));
+        static_cast<void>(QueueMessage({kTransferFailed, buffer->requestId, buffer->cameraId, 0}));
         return;
     }
     // A driver that had no data to return may count the system's record alone.
     std::uint32_t length = 0;
     if (buffer->dataIn != 0 && operation->bytesTransferred > sizeof(PassThroughBuffer))
-        length = operation->bytesTransferred - static_cast<std::uint32_t>(sizeof(PassThroughBuffer));
+        length =
+            operation->bytesTransferred - static_cast<std::uint32_t>(sizeof(PassThroughBuffer));
     if (!QueueMessage({kTransferSucceeded, buffer->requestId, buffer->cameraId, length}))
         return;
     if (length != 0)

@@ -33,13 +33,13 @@ public:
     }
 
     bool IsValid() const {
-        return bytes.size() > sizeof(IMAGE_DOS_HEADER) && Headers().Signature == IMAGE_NT_SIGNATURE &&
+        return bytes.size() > sizeof(IMAGE_DOS_HEADER) &&
+               Headers().Signature == IMAGE_NT_SIGNATURE &&
                Headers().OptionalHeader.Magic == IMAGE_NT_OPTIONAL_HDR64_MAGIC;
     }
 
     const IMAGE_NT_HEADERS64& Headers() const {
-        return At<IMAGE_NT_HEADERS64>(
-            static_cast<std::size_t>(At<IMAGE_DOS_HEADER>(0).e_lfanew));
+        return At<IMAGE_NT_HEADERS64>(static_cast<std::size_t>(At<IMAGE_DOS_HEADER>(0).e_lfanew));
     }
 
     /// Names of the imported DLLs, in lower case.
@@ -53,9 +53,8 @@ public:
             if (entry.Name == 0)
                 return names;
             std::string name = &At<char>(Offset(entry.Name));
-            std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) {
-                return static_cast<char>(std::tolower(c));
-            });
+            std::transform(name.begin(), name.end(), name.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
             names.insert(name);
         }
     }
@@ -104,9 +103,7 @@ TEST_P(ShippedPrograms, AreHardened) {
     EXPECT_TRUE(bits & IMAGE_DLLCHARACTERISTICS_NX_COMPAT);
     // Without its relocations an image can't be moved, whatever the bits say.
     EXPECT_FALSE(image.Headers().FileHeader.Characteristics & IMAGE_FILE_RELOCS_STRIPPED);
-    EXPECT_NE(image.Headers()
-                  .OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_BASERELOC]
-                  .Size,
+    EXPECT_NE(image.Headers().OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_BASERELOC].Size,
               0u);
 }
 
@@ -114,8 +111,8 @@ TEST_P(ShippedPrograms, TellTheirVersion) {
     const std::wstring path = PathOf(GetParam()).wstring();
     std::vector<std::byte> block(::GetFileVersionInfoSizeW(path.c_str(), nullptr));
     ASSERT_FALSE(block.empty()) << path;
-    ASSERT_TRUE(::GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(block.size()),
-                                      block.data()));
+    ASSERT_TRUE(
+        ::GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(block.size()), block.data()));
 
     VS_FIXEDFILEINFO* fixed = nullptr;
     UINT size = 0;
