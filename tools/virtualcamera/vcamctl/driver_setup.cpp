@@ -1,0 +1,195 @@
+#include "driver_setup.h"
+
+#include <windows.h>
+
+#include <newdev.h>
+#include <setupapi.h>
+
+#include <array>
+#include <memory>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "virtual_camera.h"
+
+namespace vcam {
+namespace {
+
+constexpr wchar_t kHardwareId[] = L"ROOT\\OrvikVirtualCamera";
+constexpr wchar_t kServiceName[] = L"orvikvcam";
+constexpr wchar_t kDriverFile[] = L"orvikvcam.sys";
+
+struct DeviceListCloser {
+    using pointer = HDEVINFO;
+    void operator()(HDEVINFO list) const noexcept { ::SetupDiDestroyDeviceInfoList(list); }
+};
+using UniqueDeviceList = std::unique_ptr<void, DeviceListCloser>;
+
+struct ServiceCloser {
+    using pointer = SC_HANDLE;
+    void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }
+};
+using UniqueService = std::unique_ptr<void, ServiceCloser>;
+
+struct KeyCloser {
+    using pointer = HKEY;
+    void operator()(HKEY key) const noexcept { ::RegCloseKey(key); }
+};
+using UniqueKey = std::unique_ptr<void, KeyCloser>;
+
+[[noreturn]] void Fail(DWORD code, const std::string& what) {
+    throw std::system_error(static_cast<int>(code), std::system_category(), what);
+}
+
+[[noreturn]] void FailLast(const std::string& what) {
+    Fail(::GetLastError(), what);
+}
+
+UniqueDeviceList OwnList(HDEVINFO list, const std::string& what) {
+    if (list == INVALID_HANDLE_VALUE)
+        FailLast(what);
+    return UniqueDeviceList(list);
+}
+
+/// Whether the first hardware id of this device is ours.
+bool IsOurBus(HDEVINFO list, SP_DEVINFO_DATA* device) {
+    std::array<wchar_t, 256> ids = {};
+    return ::SetupDiGetDeviceRegistryPropertyW(list, device, SPDRP_HARDWAREID, nullptr,
+                                               reinterpret_cast<BYTE*>(ids.data()),
+                                               sizeof(ids) - 2 * sizeof(wchar_t), nullptr) &&
+           ::CompareStringOrdinal(ids.data(), -1, kHardwareId, -1, TRUE) == CSTR_EQUAL;
+}
+
+/// Calls `action` for each of our bus devices, present or not. Normally there is one or none.
+template <typename Action>
+void ForEachBus(Action action) {
+    const UniqueDeviceList list =
+        OwnList(::SetupDiGetClassDevsW(nullptr, L"ROOT", nullptr, DIGCF_ALLCLASSES),
+                "cannot list the root devices");
+    SP_DEVINFO_DATA device = {};
+    device.cbSize = sizeof(device);
+    for (DWORD index = 0; ::SetupDiEnumDeviceInfo(list.get(), index, &device); ++index) {
+        if (IsOurBus(list.get(), &device))
+            action(list.get(), &device);
+    }
+}
+
+bool BusExists() {
+    bool found = false;
+    ForEachBus([&](HDEVINFO, SP_DEVINFO_DATA*) { found = true; });
+    return found;
+}
+
+void CreateBus(const std::wstring& infPath) {
+    GUID classGuid = {};
+    std::array<wchar_t, 64> className = {};
+    if (!::SetupDiGetINFClassW(infPath.c_str(), &classGuid, className.data(),
+                               static_cast<DWORD>(className.size()), nullptr))
+        FailLast("cannot read the INF file of the driver");
+    const UniqueDeviceList list = OwnList(::SetupDiCreateDeviceInfoList(&classGuid, nullptr),
+                                          "SetupDiCreateDeviceInfoList failed");
+    SP_DEVINFO_DATA device = {};
+    device.cbSize = sizeof(device);
+    if (!::SetupDiCreateDeviceInfoW(list.get(), className.data(), &classGuid, nullptr, nullptr,
+                                    DICD_GENERATE_ID, &device))
+        FailLast("cannot make the bus device");
+
+    std::vector<wchar_t> ids(std::begin(kHardwareId), std::end(kHardwareId));
+    ids.push_back(L'\0');  // a list of strings ends with an empty one
+    if (!::SetupDiSetDeviceRegistryPropertyW(list.get(), &device, SPDRP_HARDWAREID,
+                                             reinterpret_cast<const BYTE*>(ids.data()),
+                                             static_cast<DWORD>(ids.size() * sizeof(wchar_t))))
+        FailLast("cannot set the hardware id of the bus device");
+    if (!::SetupDiCallClassInstaller(DIF_REGISTERDEVICE, list.get(), &device))
+        FailLast("cannot register the bus device");
+}
+
+void RemoveBus(HDEVINFO list, SP_DEVINFO_DATA* device) {
+    if (!::SetupDiCallClassInstaller(DIF_REMOVE, list, device))
+        FailLast("cannot remove the bus device");
+}
+
+/// The name under which the system keeps its copy of the driver's INF ("oem7.inf"), or empty.
+std::wstring InstalledInf(HDEVINFO list, SP_DEVINFO_DATA* device) {
+    const HKEY key = ::SetupDiOpenDevRegKey(list, device, DICS_FLAG_GLOBAL, 0, DIREG_DRV, KEY_READ);
+    if (key == INVALID_HANDLE_VALUE)
+        return {};
+    const UniqueKey owner(key);
+    std::array<wchar_t, MAX_PATH> name = {};
+    DWORD size = sizeof(name) - sizeof(wchar_t);
+    if (::RegQueryValueExW(key, L"InfPath", nullptr, nullptr, reinterpret_cast<BYTE*>(name.data()),
+                           &size) != ERROR_SUCCESS)
+        return {};
+    return name.data();
+}
+
+void RemoveService() {
+    const UniqueService manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+    if (!manager)
+        FailLast("cannot open the service control manager");
+    const UniqueService service(::OpenServiceW(manager.get(), kServiceName, SERVICE_STOP | DELETE));
+    if (!service) {
+        if (::GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST)
+            return;
+        FailLast("cannot open the driver's service");
+    }
+    // A driver whose last device is gone has stopped by itself on Windows, then this fails.
+    SERVICE_STATUS status = {};
+    ::ControlService(service.get(), SERVICE_CONTROL_STOP, &status);
+    if (!::DeleteService(service.get()) && ::GetLastError() != ERROR_SERVICE_MARKED_FOR_DELETE)
+        FailLast("cannot delete the driver's service");
+}
+
+std::wstring InstalledDriverPath() {
+    std::array<wchar_t, MAX_PATH> folder = {};
+    const UINT length = ::GetSystemDirectoryW(folder.data(), static_cast<UINT>(folder.size()));
+    if (length == 0 || length >= folder.size())
+        FailLast("cannot find the system folder");
+    return std::wstring(folder.data()) + L"\\drivers\\" + kDriverFile;
+}
+
+}  // namespace
+
+void InstallDriver(const std::wstring& infPath) {
+    const bool existed = BusExists();
+    if (!existed)
+        CreateBus(infPath);
+    BOOL reboot = FALSE;
+    if (!::UpdateDriverForPlugAndPlayDevicesW(nullptr, kHardwareId, infPath.c_str(),
+                                              INSTALLFLAG_FORCE, &reboot)) {
+        const DWORD error = ::GetLastError();
+        if (!existed)
+            ForEachBus(RemoveBus);  // a device without a driver would be in the way next time
+        Fail(error, "cannot install the driver");
+    }
+    if (reboot)
+        Fail(ERROR_SUCCESS_REBOOT_REQUIRED, "the driver is installed");
+    Bus{};  // throws when the driver does not run
+}
+
+void UninstallDriver() {
+    std::vector<std::wstring> infs;
+    if (BusExists()) {
+        try {
+            Bus().UnplugAll();
+        } catch (const std::system_error&) {
+            // A bus that does not run has no cameras, and its remains can be removed as well.
+        }
+    }
+    ForEachBus([&](HDEVINFO list, SP_DEVINFO_DATA* device) {
+        if (std::wstring inf = InstalledInf(list, device); !inf.empty())
+            infs.push_back(std::move(inf));
+        RemoveBus(list, device);
+    });
+    RemoveService();
+    for (const std::wstring& inf : infs) {
+        if (!::SetupUninstallOEMInfW(inf.c_str(), SUOI_FORCEDELETE, nullptr) &&
+            ::GetLastError() != ERROR_FILE_NOT_FOUND)
+            FailLast("cannot remove the driver's INF file");
+    }
+    if (!::DeleteFileW(InstalledDriverPath().c_str()) && ::GetLastError() != ERROR_FILE_NOT_FOUND)
+        FailLast("cannot delete the driver file");
+}
+
+}  // namespace vcam
