@@ -1,0 +1,31 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+
+#include <windows.h>
+
+namespace orvik {
+
+/// The time by which a call has to be done.
+class Deadline {
+public:
+    explicit Deadline(std::chrono::milliseconds fromNow) noexcept
+        : end(Clock::now() + std::clamp(fromNow, std::chrono::milliseconds(0), kLongest)) {}
+
+    /// What is left in milliseconds, for the waiting functions of Windows; 0 when it has passed.
+    DWORD Left() const noexcept {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        return left.count() > 0 ? static_cast<DWORD>(left.count()) : 0;
+    }
+
+    bool Passed() const noexcept { return Clock::now() >= end; }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    static constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 30);
+
+    Clock::time_point end;
+};
+
+}  // namespace orvik

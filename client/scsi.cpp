@@ -1,0 +1,93 @@
+// Commands and data formats of SCSI. What a camera sends is checked here; no call of Windows.
+
+#include "orvik/client.h"
+
+#include <algorithm>
+
+namespace orvik {
+
+namespace {
+
+constexpr std::uint8_t kTestUnitReady = 0x00;
+constexpr std::uint8_t kRead6 = 0x08;
+constexpr std::uint8_t kInquiry = 0x12;
+constexpr std::uint8_t kReadCapacity10 = 0x25;
+
+constexpr std::size_t kStandardInquiryLength = 36;
+
+template <typename... Values>
+std::array<std::byte, sizeof...(Values)> Bytes(Values... values) noexcept {
+    return {static_cast<std::byte>(values)...};
+}
+
+/// A fixed field that is padded with spaces, by some devices with zeros.
+std::string TextField(std::span<const std::byte> field) {
+    std::string text;
+    for (const std::byte value : field)
+        text += static_cast<char>(value);
+    text.erase(text.find_last_not_of(std::string(" \0", 2)) + 1);
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+    return text;
+}
+
+std::uint32_t BigEndian(std::span<const std::byte, 4> bytes) noexcept {
+    std::uint32_t value = 0;
+    for (const std::byte next : bytes)
+        value = value << 8 | std::to_integer<std::uint32_t>(next);
+    return value;
+}
+
+void RequireLength(std::span<const std::byte> data, std::size_t least, const std::string& what) {
+    if (data.size() < least)
+        throw Error(ErrorKind::kBadAnswer, "the camera's " + what + " data has " +
+                                               std::to_string(data.size()) + " bytes instead of " +
+                                               std::to_string(least));
+}
+
+}  // namespace
+
+std::array<std::byte, 6> InquiryCdb() noexcept {
+    return Bytes(kInquiry, 0, 0, 0, kStandardInquiryLength, 0);
+}
+
+std::array<std::byte, 6> TestUnitReadyCdb() noexcept {
+    return Bytes(kTestUnitReady, 0, 0, 0, 0, 0);
+}
+
+std::array<std::byte, 8> ReadCapacityCdb() noexcept {
+    return Bytes(kReadCapacity10, 0, 0, 0, 0, 0, 0, 0);
+}
+
+std::array<std::byte, 6> Read6Cdb(std::uint32_t first, std::uint32_t count) {
+    if (count == 0 || count > kRead6CountLimit)
+        throw Error(ErrorKind::kBadArgument, "READ(6) reads 1 to " +
+                                                 std::to_string(kRead6CountLimit) +
+                                                 " blocks, not " + std::to_string(count));
+    if (first >= kRead6BlockLimit || count > kRead6BlockLimit - first)
+        throw Error(ErrorKind::kBadArgument, "READ(6) reaches only the first " +
+                                                 std::to_string(kRead6BlockLimit) + " blocks");
+    return Bytes(kRead6, first >> 16, first >> 8 & 0xFF, first & 0xFF, count, 0);
+}
+
+Inquiry DecodeInquiry(std::span<const std::byte> data) {
+    RequireLength(data, kStandardInquiryLength, "INQUIRY");
+    constexpr std::byte kDeviceTypeMask{0x1F};
+    constexpr std::byte kRemovableBit{0x80};
+    return {.deviceType = std::to_integer<std::uint8_t>(data[0] & kDeviceTypeMask),
+            .removable = (data[1] & kRemovableBit) != std::byte{0},
+            .vendor = TextField(data.subspan(8, 8)),
+            .product = TextField(data.subspan(16, 16)),
+            .revision = TextField(data.subspan(32, 4))};
+}
+
+Capacity DecodeCapacity(std::span<const std::byte> data) {
+    RequireLength(data, 8, "READ CAPACITY");
+    const std::uint32_t lastBlock = BigEndian(data.first<4>());
+    const std::uint32_t blockLength = BigEndian(data.subspan<4, 4>());
+    if (blockLength == 0)
+        throw Error(ErrorKind::kBadAnswer, "the camera says that its blocks have no bytes");
+    return {.blockCount = std::uint64_t{lastBlock} + 1, .blockLength = blockLength};
+}
+
+}  // namespace orvik

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+/// What orvikctl returns to the shell. Scripts rely on the numbers.
+enum class ExitCode {
+    kSuccess = 0,
+    kFailure = 1,  // none of those below
+    kUsage = 2,
+    kAccessDenied = 3,
+    kCancelled = 4,
+    kNotReachable = 5,  // the service is not running, or takes no connection
+    kNoSuchCamera = 6,
+    kTimedOut = 7,
+    kRefused = 8,    // by the camera
+    kTransport = 9,  // the connection to the service failed, or what came over it made no sense
+};
+
+/// Ends the command with a text and an exit code.
+class Failure : public std::runtime_error {
+public:
+    Failure(ExitCode exitCode, const std::string& text)
+        : std::runtime_error(text),
+          code(exitCode) {}
+
+    ExitCode Code() const noexcept { return code; }
+
+private:
+    ExitCode code;
+};

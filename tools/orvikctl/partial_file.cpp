@@ -1,0 +1,50 @@
+#include "partial_file.h"
+
+#include <string>
+
+#include <windows.h>
+
+namespace {
+
+std::string Utf8(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return {text.begin(), text.end()};
+}
+
+}  // namespace
+
+FileError::FileError(const std::string& text, const std::filesystem::path& file)
+    : orvik::Error(orvik::ErrorKind::kSystem, text + " " + Utf8(file), ::GetLastError()) {}
+
+PartialFile::PartialFile(const std::filesystem::path& targetFile)
+    : target(targetFile),
+      partial(targetFile) {
+    partial += L"." + std::to_wstring(::GetCurrentProcessId()) + L".part";
+    file = OwnFile(::CreateFileW(partial.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                 FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file)
+        throw FileError("cannot create", partial);
+}
+
+PartialFile::~PartialFile() {
+    if (committed)
+        return;
+    file.reset();
+    ::DeleteFileW(partial.c_str());
+}
+
+void PartialFile::Write(std::span<const std::byte> bytes) {
+    DWORD written = 0;
+    if (!::WriteFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr))
+        throw FileError("cannot write", partial);
+}
+
+void PartialFile::Commit() {
+    // Flushed first, or a power failure could leave the name with only a part of the bytes.
+    if (!::FlushFileBuffers(file.get()))
+        throw FileError("cannot write", partial);
+    file.reset();
+    if (!::MoveFileExW(partial.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING))
+        throw FileError("cannot create", target);
+    committed = true;
+}
