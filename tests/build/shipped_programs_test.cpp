@@ -145,9 +145,11 @@ TEST_P(ShippedPrograms, HaveAManifestThatMakesNarrowStringsUtf8) {
     ::FreeLibrary(module);
 }
 
+std::string NameWithoutExtension(const testing::TestParamInfo<const char*>& program) {
+    return std::filesystem::path(program.param).stem().string();
+}
+
 INSTANTIATE_TEST_SUITE_P(All, ShippedPrograms, testing::Values(SHIPPED_PROGRAMS),
-                         [](const auto& info) {
-                             return std::filesystem::path(info.param).stem().string();
-                         });
+                         NameWithoutExtension);
 
 }  // namespace

@@ -1,0 +1,72 @@
+// The exchange that the protocol page shows, played against the service: page and service cannot
+// drift apart.
+
+#include <cstddef>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "plugged_camera.h"
+#include "raw_client.h"
+#include "service_fixture.h"
+
+namespace system_test {
+namespace {
+
+/// What one side sends before the other has its turn.
+struct Turn {
+    bool fromClient;
+    Bytes bytes;
+};
+
+/// Reads the block that begins with "```hex": lines of "> bytes" from client to service and
+/// "< bytes" back; those that begin with # are comments. Lines of one direction behind each other
+/// are one turn.
+std::vector<Turn> ReadExchange(std::istream& page) {
+    std::vector<Turn> turns;
+    std::string line;
+    while (std::getline(page, line) && !line.starts_with("```hex")) {
+    }
+    while (std::getline(page, line) && !line.starts_with("```")) {
+        std::istringstream words(line);
+        std::string direction;
+        if (!(words >> direction) || direction.starts_with('#'))
+            continue;
+        if (direction != ">" && direction != "<") {
+            ADD_FAILURE() << "not a line of an exchange: " << line;
+            continue;
+        }
+        const bool fromClient = direction == ">";
+        if (turns.empty() || turns.back().fromClient != fromClient)
+            turns.push_back({fromClient, {}});
+        unsigned value = 0;
+        while (words >> std::hex >> value)
+            turns.back().bytes.push_back(static_cast<std::byte>(value));
+        EXPECT_TRUE(words.eof()) << "not hexadecimal: " << line;
+    }
+    return turns;
+}
+
+TEST_F(SystemTest, ExchangeOnTheProtocolPageIsWhatHappens) {
+    std::ifstream page(Narrow(TestFolder() + L"\\protocol.md"));  // the build copies it
+    ASSERT_TRUE(page.is_open());
+    const std::vector<Turn> turns = ReadExchange(page);
+    ASSERT_GE(turns.size(), 3u) << "the page shows no exchange";
+
+    PluggedCamera camera(bus);
+    RunningService service;
+    RawClient client;
+    for (const Turn& turn : turns) {
+        if (turn.fromClient)
+            client.Send(turn.bytes);
+        else
+            EXPECT_EQ(client.Receive(turn.bytes.size()), turn.bytes);
+    }
+    EXPECT_TRUE(client.RoundTrip());  // and nothing more
+}
+
+}  // namespace
+}  // namespace system_test

@@ -1,0 +1,23 @@
+// What launch_recorder, which stands in for the desktop application, tells the test that had it
+// registered.
+#pragma once
+
+#include <windows.h>
+
+namespace system_test {
+
+/// The mailslot that the test listens at.
+inline constexpr wchar_t kLaunchMailslot[] = LR"(\\.\mailslot\orvik-test-launches)";
+
+/// How the program was started, as it sees it itself. One message of the mailslot.
+struct LaunchRecord {
+    wchar_t desktop[64];
+    wchar_t userProfile[260];  // from its environment
+    DWORD flags;               // of its STARTUPINFOW
+    WORD showWindow;
+    WORD argumentCount;  // the program's name is one
+    DWORD sessionId;
+    BOOL hasConsole;
+};
+
+}  // namespace system_test

@@ -1,0 +1,30 @@
+// Stands in for the desktop application: tells the test how it was started, and ends.
+
+#include "launch_record.h"
+
+#include <iterator>
+
+int main(int argc, char* /*argv*/[]) {
+    system_test::LaunchRecord record{};
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    ::GetStartupInfoW(&startup);
+    if (startup.lpDesktop != nullptr)
+        ::lstrcpynW(record.desktop, startup.lpDesktop, static_cast<int>(std::size(record.desktop)));
+    ::GetEnvironmentVariableW(L"USERPROFILE", record.userProfile,
+                              static_cast<DWORD>(std::size(record.userProfile)));
+    record.flags = startup.dwFlags;
+    record.showWindow = startup.wShowWindow;
+    record.argumentCount = static_cast<WORD>(argc);
+    ::ProcessIdToSessionId(::GetCurrentProcessId(), &record.sessionId);
+    record.hasConsole = ::GetConsoleCP() != 0;
+
+    const HANDLE mailslot = ::CreateFileW(system_test::kLaunchMailslot, GENERIC_WRITE,
+                                          FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (mailslot == INVALID_HANDLE_VALUE)
+        return 1;
+    DWORD written = 0;
+    const BOOL told = ::WriteFile(mailslot, &record, sizeof(record), &written, nullptr);
+    ::CloseHandle(mailslot);
+    return told ? 0 : 1;
+}

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <iostream>
+
+#include "virtual_camera.h"
+
+namespace system_test {
+
+// The ways in which a request can end, from <ntstatus.h>, which doesn't go with <windows.h>.
+inline constexpr auto kStatusIoDeviceError = static_cast<vcam::NtStatus>(0xC0000185);  // 1117
+inline constexpr auto kStatusCancelled = static_cast<vcam::NtStatus>(0xC0000120);      // 995
+inline constexpr auto kStatusBufferOverflow = static_cast<vcam::NtStatus>(0x80000005);
+
+// One departure from an ordinary camera each.
+inline vcam::Behaviour FailsAtOnce(vcam::NtStatus status) {
+    vcam::Behaviour behaviour;
+    behaviour.immediateStatus = status;
+    return behaviour;
+}
+inline vcam::Behaviour CompletesWith(vcam::NtStatus status) {
+    vcam::Behaviour behaviour;
+    behaviour.completionStatus = status;
+    return behaviour;
+}
+inline vcam::Behaviour AnswersScsiStatus(std::uint8_t status) {
+    vcam::Behaviour behaviour;
+    behaviour.scsiStatus = status;
+    return behaviour;
+}
+inline vcam::Behaviour Holds() {
+    vcam::Behaviour behaviour;
+    behaviour.hold = true;
+    return behaviour;
+}
+
+/// A virtual camera that is plugged while this object lives.
+class PluggedCamera {
+public:
+    explicit PluggedCamera(vcam::Bus& onBus, const vcam::PlugOptions& options = {})
+        : bus(&onBus),
+          id(onBus.Plug(options)) {}
+    ~PluggedCamera() { Unplug(); }
+
+    PluggedCamera(const PluggedCamera&) = delete;
+    PluggedCamera& operator=(const PluggedCamera&) = delete;
+
+    void Unplug() noexcept {
+        if (id == 0)
+            return;
+        try {
+            bus->Unplug(id);
+        } catch (const std::exception& exception) {
+            std::cerr << exception.what() << '\n';  // the next test unplugs what is left
+        }
+        id = 0;
+    }
+
+    /// The bus's identifier, which is not the one that the service gives.
+    vcam::CameraId Id() const noexcept { return id; }
+
+    void Set(const vcam::Behaviour& behaviour) { bus->SetBehaviour(id, behaviour); }
+    vcam::CameraCounters Counters() const { return bus->Counters(id); }
+
+    /// The last request that reached the driver.
+    vcam::Request LastRequest() const { return bus->LastRequests(id, 1).at(0); }
+
+private:
+    vcam::Bus* bus;  // not owned
+    vcam::CameraId id;
+};
+
+}  // namespace system_test

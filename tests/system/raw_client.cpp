@@ -1,0 +1,204 @@
+#include "raw_client.h"
+
+#include <algorithm>
+#include <ostream>
+#include <string>
+#include <system_error>
+
+namespace system_test {
+
+namespace {
+
+[[noreturn]] void Fail(DWORD error, const std::string& what) {
+    throw std::system_error(static_cast<int>(error), std::system_category(), what);
+}
+
+UniqueHandle Connect(DWORD accessRights) {
+    const Deadline deadline;
+    for (;;) {
+        UniqueHandle pipe = OwnFile(::CreateFileW(
+            kPipeName, GENERIC_READ | GENERIC_WRITE | accessRights, 0, nullptr, OPEN_EXISTING,
+            FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
+        if (pipe)
+            return pipe;
+        const DWORD error = ::GetLastError();
+        if (error != ERROR_PIPE_BUSY || deadline.Over())
+            Fail(error, "connecting");
+        // Its result does not matter: somebody else may be faster all the same.
+        ::WaitNamedPipeW(kPipeName, deadline.MillisecondsLeft());
+    }
+}
+
+Cdb MakeCdb(std::uint8_t code, std::uint8_t b1, std::uint8_t b2, std::uint8_t b3, std::uint8_t b4) {
+    return {std::byte{code}, std::byte{b1}, std::byte{b2}, std::byte{b3}, std::byte{b4}};
+}
+
+Cdb BlockCommand(std::uint8_t code, std::uint32_t block, std::uint8_t blocks) {
+    return MakeCdb(code, static_cast<std::uint8_t>(block >> 16 & 0x1F),
+                   static_cast<std::uint8_t>(block >> 8 & 0xFF),
+                   static_cast<std::uint8_t>(block & 0xFF), blocks);
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& stream, const Message& message) {
+    const MessageHeader& header = message.header;
+    stream << "{type " << header.messageType << ", request " << header.requestId << ", camera "
+           << header.cameraId << ", length " << header.bodyLength << "}";
+    if (!message.body.empty())
+        stream << " and " << message.body.size() << " bytes";
+    return stream;
+}
+
+Message Succeeded(std::uint32_t requestId, std::uint32_t cameraId, Bytes body) {
+    const auto length = static_cast<std::uint32_t>(body.size());
+    return {{kTransferSucceeded, requestId, cameraId, length}, std::move(body)};
+}
+
+Message Failed(std::uint32_t requestId, std::uint32_t cameraId) {
+    return {{kTransferFailed, requestId, cameraId, 0}, {}};
+}
+
+Message Attached(std::uint32_t cameraId) {
+    return {{kCameraAttached, kNotificationId, cameraId, 0}, {}};
+}
+
+Message Detached(std::uint32_t cameraId) {
+    return {{kCameraDetached, kNotificationId, cameraId, 0}, {}};
+}
+
+Cdb TestUnitReady() {
+    return MakeCdb(0x00, 0, 0, 0, 0);
+}
+
+Cdb Inquiry(std::uint8_t allocationLength) {
+    return MakeCdb(0x12, 0, 0, 0, allocationLength);
+}
+
+Cdb Read6(std::uint32_t block, std::uint8_t blocks) {
+    return BlockCommand(0x08, block, blocks);
+}
+
+Cdb Write6(std::uint32_t block, std::uint8_t blocks) {
+    return BlockCommand(0x0A, block, blocks);
+}
+
+Bytes Pattern(std::size_t size, std::uint32_t seed) {
+    Bytes bytes(size);
+    std::uint32_t state = seed * 2654435761u + 1;
+    for (std::byte& byte : bytes) {
+        state = state * 1664525u + 1013904223u;
+        byte = static_cast<std::byte>(state >> 24);
+    }
+    return bytes;
+}
+
+Bytes HeaderBytes(const MessageHeader& header) {
+    const auto bytes = std::as_bytes(std::span(&header, 1));
+    return {bytes.begin(), bytes.end()};
+}
+
+Bytes MessageBytes(std::uint32_t messageType, std::uint32_t requestId, std::uint32_t cameraId,
+                   std::span<const std::byte> body) {
+    Bytes bytes =
+        HeaderBytes({messageType, requestId, cameraId, static_cast<std::uint32_t>(body.size())});
+    bytes.insert(bytes.end(), body.begin(), body.end());
+    return bytes;
+}
+
+Bytes RequestBytes(std::uint32_t messageType, std::uint32_t requestId, std::uint32_t cameraId,
+                   const Cdb& cdb, std::span<const std::byte> data) {
+    Bytes body(cdb.begin(), cdb.end());
+    body.insert(body.end(), data.begin(), data.end());
+    return MessageBytes(messageType, requestId, cameraId, body);
+}
+
+RawClient::RawClient(DWORD accessRights)
+    : pipe(Connect(accessRights)),
+      event(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+
+DWORD RawClient::Finish(BOOL started, OVERLAPPED& overlapped, const Deadline& deadline,
+                        DWORD* count) {
+    if (!started && ::GetLastError() != ERROR_IO_PENDING)
+        return ::GetLastError();
+    const bool late =
+        ::WaitForSingleObject(event.get(), deadline.MillisecondsLeft()) != WAIT_OBJECT_0;
+    if (late)
+        ::CancelIoEx(pipe.get(), &overlapped);
+    // After a cancel too: the buffer belongs to the system until the operation has ended.
+    if (::GetOverlappedResult(pipe.get(), &overlapped, count, TRUE))
+        return ERROR_SUCCESS;
+    const DWORD error = ::GetLastError();
+    return late && error == ERROR_OPERATION_ABORTED ? DWORD{ERROR_TIMEOUT} : error;
+}
+
+void RawClient::Send(std::span<const std::byte> bytes) {
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = event.get();
+    DWORD count = 0;
+    const BOOL started = ::WriteFile(pipe.get(), bytes.data(), static_cast<DWORD>(bytes.size()),
+                                     nullptr, &overlapped);
+    const DWORD error = Finish(started, overlapped, Deadline(), &count);
+    if (error != ERROR_SUCCESS || count != bytes.size())
+        Fail(error, "sending " + std::to_string(bytes.size()) + " bytes, " + std::to_string(count) +
+                        " sent");
+}
+
+std::size_t RawClient::ReceiveSome(std::byte* to, std::size_t size, const Deadline& deadline) {
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = event.get();
+    DWORD count = 0;
+    const BOOL started = ::ReadFile(pipe.get(), to, static_cast<DWORD>(size), nullptr, &overlapped);
+    const DWORD error = Finish(started, overlapped, deadline, &count);
+    if (error != ERROR_SUCCESS && error != ERROR_BROKEN_PIPE)
+        Fail(error, "receiving");
+    return count;
+}
+
+Bytes RawClient::Receive(std::size_t count) {
+    const Deadline deadline;
+    Bytes bytes(count);
+    for (std::size_t done = 0; done < count;) {
+        const std::size_t more = ReceiveSome(bytes.data() + done, count - done, deadline);
+        if (more == 0)
+            Fail(ERROR_BROKEN_PIPE, "receiving, after " + std::to_string(done) + " of " +
+                                        std::to_string(count) + " bytes");
+        done += more;
+    }
+    return bytes;
+}
+
+Message RawClient::ReceiveMessage() {
+    Message message;
+    const Bytes header = Receive(sizeof(message.header));
+    std::memcpy(&message.header, header.data(), header.size());
+    message.body = Receive(message.header.bodyLength);
+    return message;
+}
+
+bool RawClient::RoundTrip() {
+    constexpr std::uint32_t kRoundTripId = 0x5052494E;
+    Send(HeaderBytes({kTransferNoData, kRoundTripId, 0, 0}));
+    for (bool silent = true;; silent = false) {
+        if (ReceiveMessage() == Failed(kRoundTripId, 0))
+            return silent;
+    }
+}
+
+std::size_t RawClient::Available() const {
+    DWORD count = 0;
+    if (!::PeekNamedPipe(pipe.get(), nullptr, 0, nullptr, &count, nullptr))
+        Fail(::GetLastError(), "PeekNamedPipe");
+    return count;
+}
+
+Bytes RawClient::ReceiveUntilClosed() {
+    const Deadline deadline;
+    Bytes all;
+    std::byte buffer[4096];
+    while (const std::size_t count = ReceiveSome(buffer, sizeof(buffer), deadline))
+        all.insert(all.end(), buffer, buffer + count);
+    return all;
+}
+
+}  // namespace system_test

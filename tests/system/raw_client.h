@@ -1,0 +1,122 @@
+// A client of the camera pipe that knows the bytes and nothing else, so that tests can be as wrong
+// as they like.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <iosfwd>
+#include <span>
+#include <vector>
+
+#include <windows.h>
+
+#include "device/unique_handle.h"
+#include "service_fixture.h"
+#include "session/message.h"
+
+namespace system_test {
+
+using Bytes = std::vector<std::byte>;
+
+/// One message in either direction.
+struct Message {
+    MessageHeader header;
+    Bytes body;
+
+    friend bool operator==(const Message& a, const Message& b) noexcept {
+        return std::memcmp(&a.header, &b.header, sizeof(a.header)) == 0 && a.body == b.body;
+    }
+};
+std::ostream& operator<<(std::ostream& stream, const Message& message);
+
+// What the service sends.
+Message Succeeded(std::uint32_t requestId, std::uint32_t cameraId, Bytes body = {});
+Message Failed(std::uint32_t requestId, std::uint32_t cameraId);
+Message Attached(std::uint32_t cameraId);
+Message Detached(std::uint32_t cameraId);
+
+using Cdb = std::array<std::byte, kCdbFieldSize>;
+
+// Commands that the virtual camera knows, padded with zeros.
+Cdb TestUnitReady();
+Cdb Inquiry(std::uint8_t allocationLength = 36);
+Cdb Read6(std::uint32_t block, std::uint8_t blocks);  // 0 blocks are 256
+Cdb Write6(std::uint32_t block, std::uint8_t blocks);
+
+/// `size` bytes that differ from their neighbours, and from those of another seed.
+Bytes Pattern(std::size_t size, std::uint32_t seed = 0);
+
+/// The bytes of a header, or of a whole message with its body.
+Bytes HeaderBytes(const MessageHeader& header);
+Bytes MessageBytes(std::uint32_t messageType, std::uint32_t requestId, std::uint32_t cameraId,
+                   std::span<const std::byte> body);
+
+/// The bytes of a request of type 2, 3 or 4: the command, and what follows it in the body.
+Bytes RequestBytes(std::uint32_t messageType, std::uint32_t requestId, std::uint32_t cameraId,
+                   const Cdb& cdb, std::span<const std::byte> data = {});
+
+/// One connection to the camera pipe. One thread at a time. Calls that fail or pass the deadline
+/// throw std::system_error.
+///
+/// Closing is leaving. A client that leaves before the service waits for its next message ends the
+/// service's run, so one that leaves while the service is to go on does it after an answer that
+/// came from the camera, and with no request outstanding: then the service waits.
+class RawClient {
+public:
+    /// Connects; waits while all instances of the pipe are busy. Asks for `accessRights` beside
+    /// reading and writing.
+    explicit RawClient(DWORD accessRights = 0);
+
+    RawClient(RawClient&&) noexcept = default;
+    RawClient& operator=(RawClient&&) noexcept = default;
+    ~RawClient() = default;
+
+    HANDLE Pipe() const noexcept { return pipe.get(); }
+
+    /// Leaves: the pipe is closed, and the client can do nothing more.
+    void Leave() noexcept { pipe.reset(); }
+
+    /// One WriteFile, waited for until the pipe has taken all of it.
+    void Send(std::span<const std::byte> bytes);
+
+    /// Sends a request of type 2, 3 or 4 in one write.
+    void SendRequest(std::uint32_t messageType, std::uint32_t requestId, std::uint32_t cameraId,
+                     const Cdb& cdb, std::span<const std::byte> data = {}) {
+        Send(RequestBytes(messageType, requestId, cameraId, cdb, data));
+    }
+
+    /// Exactly `count` bytes.
+    Bytes Receive(std::size_t count);
+
+    Message ReceiveMessage();
+
+    /// Sends a request and takes the next message, whatever it is.
+    Message Ask(std::uint32_t messageType, std::uint32_t requestId, std::uint32_t cameraId,
+                const Cdb& cdb, std::span<const std::byte> data = {}) {
+        SendRequest(messageType, requestId, cameraId, cdb, data);
+        return ReceiveMessage();
+    }
+
+    /// A harmless round trip: a request without a body, which the service refuses without looking
+    /// for the camera. Whatever it had to say before has come first; true if it was nothing.
+    bool RoundTrip();
+
+    /// Bytes that have come and are not read yet.
+    std::size_t Available() const;
+
+    /// Waits until the other end is closed, reading what comes before. Returns that.
+    Bytes ReceiveUntilClosed();
+
+private:
+    /// Reads what there is, up to `size` bytes; nothing: the pipe was closed at the other end.
+    std::size_t ReceiveSome(std::byte* to, std::size_t size, const Deadline& deadline);
+    /// Waits for an operation that has been started; the error that it ended with.
+    DWORD Finish(BOOL started, OVERLAPPED& overlapped, const Deadline& deadline, DWORD* count);
+
+    UniqueHandle pipe;
+    UniqueHandle event;  // of the one operation that is under way
+};
+
+}  // namespace system_test

@@ -1,0 +1,457 @@
+// The road of a request to the camera's driver and back: what reaches the driver, what the client
+// gets for each way in which a transfer can end, and many of them at once.
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <numeric>
+#include <random>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "plugged_camera.h"
+#include "raw_client.h"
+#include "service_fixture.h"
+
+namespace system_test {
+namespace {
+
+constexpr std::uint32_t kCamera = 1;  // the service's identifier of the first camera
+
+/// The service in the foreground, with one camera.
+class TransferTest : public SystemTest {
+protected:
+    RawClient Connect() {
+        RawClient client;
+        EXPECT_EQ(client.ReceiveMessage(), Attached(kCamera));
+        return client;
+    }
+
+    PluggedCamera camera{bus};
+    RunningService service;
+};
+
+// --- the block that the driver gets ---
+
+/// One request, and the length of the data phase that it leads to.
+struct BlockCase {
+    std::uint32_t messageType;
+    std::uint32_t extra;  // bytes of the body behind the command
+    std::uint32_t transferLength;
+    std::uint8_t dataIn;  // direction in the system's record
+};
+
+class PassThroughBlock : public TransferTest, public testing::WithParamInterface<BlockCase> {};
+
+void Put(Bytes& block, std::size_t offset, std::uint32_t value, std::size_t size) {
+    std::memcpy(block.data() + offset, &value, size);
+}
+
+TEST_P(PassThroughBlock, ReachesTheDriverByteByByte) {
+    const auto [messageType, extra, transferLength, dataIn] = GetParam();
+    constexpr std::uint32_t kRequestId = 0xA1B2C3D4;
+    const Bytes data = Pattern(extra);
+    Cdb cdb;  // all 16 bytes are carried, although the camera is told of 8
+    std::iota(reinterpret_cast<std::uint8_t*>(cdb.data()),
+              reinterpret_cast<std::uint8_t*>(cdb.data()) + cdb.size(), std::uint8_t{0xE1});
+    RawClient client = Connect();
+    EXPECT_EQ(client.Ask(messageType, kRequestId, kCamera, cdb, data),
+              Failed(kRequestId, kCamera));  // no camera knows this command
+
+    Bytes expected(65 + transferLength);
+    Put(expected, 0, 56, 2);  // Length
+    Put(expected, 6, 8, 1);   // CdbLength
+    Put(expected, 8, dataIn, 1);
+    Put(expected, 12, transferLength, 4);
+    Put(expected, 16, 100, 4);  // TimeOutValue
+    Put(expected, 24, 65, 4);   // DataBufferOffset
+    std::copy(cdb.begin(), cdb.end(), expected.begin() + 36);
+    Put(expected, 56, kRequestId, 4);
+    Put(expected, 60, kCamera, 4);
+    Put(expected, 64, messageType == kTransferIn ? 1 : 0, 1);
+    if (messageType == kTransferOut)
+        std::copy(data.begin(), data.end(), expected.begin() + 65);
+
+    vcam::Request request = camera.LastRequest();
+    EXPECT_EQ(request.inputLength, expected.size());
+    EXPECT_EQ(request.outputLength, expected.size());
+    if (messageType == kTransferIn) {
+        // The driver is to fill the data area; what it holds before is nobody's business.
+        request.block.resize(65);
+        expected.resize(65);
+    }
+    EXPECT_EQ(request.block, expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, PassThroughBlock,
+    testing::Values(BlockCase{kTransferOut, 0, 0, 0}, BlockCase{kTransferOut, 1, 1, 0},
+                    BlockCase{kTransferOut, 512, 512, 0}, BlockCase{kTransferOut, 65536, 65536, 0},
+                    BlockCase{kTransferIn, 0, 65536, 1}, BlockCase{kTransferIn, 84, 65536, 1},
+                    BlockCase{kTransferNoData, 0, 0, 2}, BlockCase{kTransferNoData, 1, 1, 2},
+                    BlockCase{kTransferNoData, 512, 512, 2},
+                    BlockCase{kTransferNoData, 65536, 65536, 2}),
+    [](const auto& request) {
+        return "Type" + std::to_string(request.param.messageType) + "With" +
+               std::to_string(request.param.extra) + "Bytes";
+    });
+
+// --- data ---
+
+TEST_F(TransferTest, WrittenBlocksReachTheCamerasMemoryAndCanBeReadBack) {
+    const Bytes data = Pattern(65536);
+    RawClient client = Connect();
+    EXPECT_EQ(client.Ask(kTransferOut, 1, kCamera, Write6(5, 128), data), Succeeded(1, kCamera));
+    EXPECT_EQ(bus.ReadMemory(camera.Id(), 5 * vcam::kBlockSize, data.size()), data);
+    EXPECT_EQ(client.Ask(kTransferIn, 2, kCamera, Read6(5, 128)), Succeeded(2, kCamera, data));
+}
+
+TEST_F(TransferTest, AnswerHasAsManyBytesAsTheCameraReturned) {
+    const Bytes data = Pattern(65536);
+    bus.WriteMemory(camera.Id(), 0, data);
+    RawClient client = Connect();
+    for (const std::uint32_t length : {0u, 1u, 511u, 512u, 65535u, 65536u}) {
+        vcam::Behaviour behaviour;
+        behaviour.maximumDataBytes = length;
+        camera.Set(behaviour);
+        EXPECT_EQ(client.Ask(kTransferIn, length, kCamera, Read6(0, 0)),
+                  Succeeded(length, kCamera, Bytes(data.begin(), data.begin() + length)));
+    }
+}
+
+TEST_F(TransferTest, DriverThatCountsLessThanTheHeadOfTheBlockReturnedNoData) {
+    RawClient client = Connect();
+    for (const std::uint32_t returned : {0u, 56u, 64u, 65u}) {
+        vcam::Behaviour behaviour;
+        behaviour.returnedBytes = returned;
+        camera.Set(behaviour);
+        EXPECT_EQ(client.Ask(kTransferIn, returned, kCamera, Inquiry()),
+                  Succeeded(returned, kCamera));
+    }
+}
+
+TEST_F(TransferTest, OnlyTransferInIsAnsweredWithData) {
+    RawClient client = Connect();
+    const Bytes data = Pattern(512);
+    EXPECT_EQ(client.Ask(kTransferOut, 1, kCamera, Write6(0, 1), data), Succeeded(1, kCamera));
+    EXPECT_EQ(client.Ask(kTransferNoData, 2, kCamera, TestUnitReady(), data),
+              Succeeded(2, kCamera));
+}
+
+// --- ways to fail ---
+
+TEST_F(TransferTest, ScsiStatusFailsTheRequestAndKeepsTheCamera) {
+    RawClient client = Connect();
+    for (const std::uint8_t status : std::initializer_list<std::uint8_t>{0x02, 0x08, 0x18, 0xFF}) {
+        camera.Set(AnswersScsiStatus(status));
+        EXPECT_EQ(client.Ask(kTransferIn, status, kCamera, Inquiry()), Failed(status, kCamera));
+    }
+    camera.Set({});
+    EXPECT_EQ(client.Ask(kTransferNoData, 1, kCamera, TestUnitReady()), Succeeded(1, kCamera));
+    EXPECT_TRUE(client.RoundTrip());
+}
+
+TEST_F(TransferTest, CompletionErrorFailsTheRequestAndKeepsTheCamera) {
+    RawClient client = Connect();
+    camera.Set(CompletesWith(kStatusIoDeviceError));
+    EXPECT_EQ(client.Ask(kTransferIn, 1, kCamera, Inquiry()), Failed(1, kCamera));
+    camera.Set({});
+    EXPECT_EQ(client.Ask(kTransferNoData, 2, kCamera, TestUnitReady()), Succeeded(2, kCamera));
+
+    service.Output().WaitFor("GetQueuedCompletionStatus returned FALSE: 1117");
+    const std::string key = service.Output().WaitFor("CompletionKey: 0x")[0].substr(17);
+    EXPECT_EQ(key.find_first_not_of("0123456789"), std::string::npos) << key;
+    EXPECT_GT(std::stoul(key), 10000u);  // the handle's value and 10000, in decimal
+    EXPECT_TRUE(client.RoundTrip());     // nobody is told that a camera has gone
+}
+
+TEST_F(TransferTest, AbortedTransferIsNeverAnsweredAndTheServiceGoesOn) {
+    RawClient client = Connect();
+    camera.Set(CompletesWith(kStatusCancelled));
+    client.SendRequest(kTransferIn, 1, kCamera, Inquiry());
+    service.Output().WaitFor("GetQueuedCompletionStatus returned FALSE: 995");
+    service.Output().WaitFor("CompletionKey: 0x");
+    EXPECT_TRUE(client.RoundTrip());
+    camera.Set({});
+    EXPECT_EQ(client.Ask(kTransferNoData, 2, kCamera, TestUnitReady()), Succeeded(2, kCamera));
+}
+
+/// A status with which the driver refuses a request at once.
+class ImmediateFailure : public TransferTest, public testing::WithParamInterface<vcam::NtStatus> {};
+
+TEST_P(ImmediateFailure, FailsTheRequestFirstAndThenDetachesTheCamera) {
+    RawClient client = Connect();
+    camera.Set(FailsAtOnce(GetParam()));
+    EXPECT_EQ(client.Ask(kTransferIn, 1, kCamera, Inquiry()), Failed(1, kCamera));
+    EXPECT_EQ(client.ReceiveMessage(), Detached(kCamera));
+    EXPECT_TRUE(client.RoundTrip());  // one answer, and one notification
+
+    // The camera is gone from the table, for good.
+    camera.Set({});
+    RawClient next;
+    EXPECT_TRUE(next.RoundTrip());
+
+    // This session has it still attached, and no call is made for it any more.
+    const std::uint64_t requests = camera.Counters().requests;
+    EXPECT_EQ(client.Ask(kTransferIn, 2, kCamera, Inquiry()), Failed(2, kCamera));
+    EXPECT_TRUE(client.RoundTrip());
+    EXPECT_EQ(camera.Counters().requests, requests);
+}
+
+// An error, an abort, and a warning, for which a packet comes in spite of the failure.
+INSTANTIATE_TEST_SUITE_P(Statuses, ImmediateFailure,
+                         testing::Values(kStatusIoDeviceError, kStatusCancelled,
+                                         kStatusBufferOverflow),
+                         [](const auto& status) {
+                             return "Status" +
+                                    std::to_string(static_cast<std::uint32_t>(status.param));
+                         });
+
+TEST_F(TransferTest, CameraGivenUpFailsForEveryClientThatHasIt) {
+    RawClient mainCommunicator = Connect();
+    RawClient requester = Connect();
+    RawClient holder = Connect();
+    EXPECT_EQ(holder.Ask(kTransferNoData, 1, kCamera, TestUnitReady()), Succeeded(1, kCamera));
+
+    camera.Set(FailsAtOnce(kStatusIoDeviceError));
+    EXPECT_EQ(requester.Ask(kTransferNoData, 2, kCamera, TestUnitReady()), Failed(2, kCamera));
+    EXPECT_EQ(mainCommunicator.ReceiveMessage(), Detached(kCamera));
+    camera.Set({});
+
+    const std::uint64_t requests = camera.Counters().requests;
+    EXPECT_EQ(holder.Ask(kTransferNoData, 3, kCamera, TestUnitReady()), Failed(3, kCamera));
+    EXPECT_EQ(requester.Ask(kTransferNoData, 4, kCamera, TestUnitReady()), Failed(4, kCamera));
+    EXPECT_EQ(camera.Counters().requests, requests);
+    // Camera pipes are not told, and nobody is told twice.
+    EXPECT_TRUE(holder.RoundTrip());
+    EXPECT_TRUE(requester.RoundTrip());
+    EXPECT_TRUE(mainCommunicator.RoundTrip());
+
+    // To one that has not attached it, it is a camera like any that never was.
+    mainCommunicator.SendRequest(kTransferNoData, 5, kCamera, TestUnitReady());
+    EXPECT_EQ(mainCommunicator.ReceiveUntilClosed(), Bytes());
+    service.Errors().WaitFor("Exception: Bad camera in request.");
+}
+
+TEST_F(TransferTest, CameraGivenUpWithoutAMainCommunicatorIsSaidOnStandardError) {
+    RawClient mainCommunicator = Connect();
+    RawClient client = Connect();
+    EXPECT_EQ(mainCommunicator.Ask(kTransferNoData, 1, kCamera, TestUnitReady()),
+              Succeeded(1, kCamera));
+    mainCommunicator.Leave();
+    service.Output().WaitFor("Removing main communicator.");
+
+    camera.Set(FailsAtOnce(kStatusIoDeviceError));
+    EXPECT_EQ(client.Ask(kTransferNoData, 2, kCamera, TestUnitReady()), Failed(2, kCamera));
+    service.Errors().WaitFor("No main communicator found on device detach.");
+    EXPECT_TRUE(client.RoundTrip());
+}
+
+TEST_F(TransferTest, UnpluggedCameraFailsTheRequestAndIsDetached) {
+    RawClient client = Connect();
+    EXPECT_EQ(client.Ask(kTransferNoData, 1, kCamera, TestUnitReady()), Succeeded(1, kCamera));
+    camera.Unplug();
+    EXPECT_EQ(client.Ask(kTransferNoData, 2, kCamera, TestUnitReady()), Failed(2, kCamera));
+    EXPECT_EQ(client.ReceiveMessage(), Detached(kCamera));
+    EXPECT_TRUE(client.RoundTrip());
+}
+
+TEST_F(TransferTest, TransfersPendingOnAnUnpluggedCameraFail) {
+    RawClient client = Connect();
+    camera.Set(Holds());
+    for (std::uint32_t id = 1; id <= 3; ++id)
+        client.SendRequest(kTransferIn, id, kCamera, Inquiry());
+    bus.WaitForPending(camera.Id(), 3, kDeadline);
+    camera.Unplug();
+    for (std::uint32_t id = 1; id <= 3; ++id)
+        EXPECT_EQ(client.ReceiveMessage(), Failed(id, kCamera));
+    EXPECT_TRUE(client.RoundTrip());  // they had been started, so the camera is not given up yet
+}
+
+TEST_F(TransferTest, CameraThatCannotBeOpenedEndsTheRun) {
+    RawClient client = Connect();
+    camera.Unplug();
+    client.SendRequest(kTransferNoData, 1, kCamera, TestUnitReady());
+    EXPECT_EQ(client.ReceiveUntilClosed(), Bytes());
+    EXPECT_EQ(service.WaitForEnd(), 0u);
+    const std::vector<std::string> lines = service.Errors().WaitForEnd();
+    ASSERT_EQ(lines.size(), 1u) << service.Errors().Text();
+    EXPECT_TRUE(lines[0].starts_with("Exception: Device::Open() failed.  GetLastError() = 0x"))
+        << lines[0];
+}
+
+// --- handles of the camera ---
+
+TEST_F(TransferTest, ClientsOfOneCameraShareItsHandle) {
+    const vcam::CameraCounters before = camera.Counters();
+    EXPECT_EQ(before.opens, before.closes);  // the look at start-up is over
+    {
+        RawClient one = Connect();
+        RawClient two = Connect();
+        EXPECT_EQ(camera.Counters().opens, before.opens);  // connecting opens nothing
+        for (std::uint32_t id = 1; id <= 3; ++id) {
+            EXPECT_EQ(one.Ask(kTransferNoData, id, kCamera, TestUnitReady()),
+                      Succeeded(id, kCamera));
+            EXPECT_EQ(two.Ask(kTransferNoData, id, kCamera, TestUnitReady()),
+                      Succeeded(id, kCamera));
+        }
+        EXPECT_EQ(camera.Counters().opens, before.opens + 1);
+
+        one.Leave();
+        service.Output().WaitFor("ServerClient shutdown.");
+        EXPECT_EQ(two.Ask(kTransferNoData, 9, kCamera, TestUnitReady()), Succeeded(9, kCamera));
+        EXPECT_EQ(camera.Counters().closes, before.closes);
+    }
+    // The last one closes it.
+    bus.WaitFor(camera.Id(), vcam::Counter::kCloses, before.closes + 1, kDeadline);
+    RawClient three = Connect();
+    EXPECT_EQ(three.Ask(kTransferNoData, 1, kCamera, TestUnitReady()), Succeeded(1, kCamera));
+    EXPECT_EQ(camera.Counters().opens, before.opens + 2);
+}
+
+/// The service in the foreground, with two cameras. Which of them got which identifier is up to
+/// the enumeration: the product tells.
+class TwoCameras : public SystemTest {
+protected:
+    static vcam::PlugOptions Product(const char* name) {
+        vcam::PlugOptions options;
+        options.product = name;
+        return options;
+    }
+
+    TwoCameras() {
+        RawClient client;
+        EXPECT_EQ(client.ReceiveMessage(), Attached(1));
+        EXPECT_EQ(client.ReceiveMessage(), Attached(2));
+        const Bytes answer = client.Ask(kTransferIn, 1, 1, Inquiry()).body;
+        if (answer.size() != 36 || answer[16] != std::byte{'A'})
+            std::swap(first, second);
+    }
+
+    PluggedCamera a{bus, Product("A")};
+    PluggedCamera b{bus, Product("B")};
+    PluggedCamera* first = &a;   // the service's camera 1
+    PluggedCamera* second = &b;  // the service's camera 2
+    RunningService service;
+};
+
+TEST_F(TwoCameras, SessionClosesOneCameraBeforeItOpensTheOther) {
+    bus.WaitFor(first->Id(), vcam::Counter::kCloses, first->Counters().opens, kDeadline);
+    const vcam::CameraCounters one = first->Counters();
+    const vcam::CameraCounters two = second->Counters();
+    RawClient client;
+    client.ReceiveMessage();
+    client.ReceiveMessage();
+    EXPECT_EQ(client.Ask(kTransferNoData, 1, 1, TestUnitReady()), Succeeded(1, 1));
+    EXPECT_EQ(client.Ask(kTransferNoData, 2, 1, TestUnitReady()), Succeeded(2, 1));
+    EXPECT_EQ(first->Counters().opens, one.opens + 1);
+    EXPECT_EQ(first->Counters().closes, one.closes);
+
+    EXPECT_EQ(client.Ask(kTransferNoData, 3, 2, TestUnitReady()), Succeeded(3, 2));
+    EXPECT_EQ(first->Counters().closes, one.closes + 1);
+    EXPECT_EQ(second->Counters().opens, two.opens + 1);
+
+    EXPECT_EQ(client.Ask(kTransferNoData, 4, 1, TestUnitReady()), Succeeded(4, 1));
+    EXPECT_EQ(first->Counters().opens, one.opens + 2);
+    EXPECT_EQ(second->Counters().closes, two.closes + 1);
+    EXPECT_EQ(second->Counters().requests, two.requests + 1);
+}
+
+TEST_F(TwoCameras, TransferOfACameraThatTheSessionHasLeftIsStillAnswered) {
+    RawClient client;
+    client.ReceiveMessage();
+    client.ReceiveMessage();
+    first->Set(Holds());
+    client.SendRequest(kTransferIn, 1, 1, Inquiry());
+    bus.WaitForPending(first->Id(), 1, kDeadline);
+    EXPECT_EQ(client.Ask(kTransferNoData, 2, 2, TestUnitReady()), Succeeded(2, 2));
+    bus.ReleaseAll(first->Id());
+    const Message answer = client.ReceiveMessage();
+    EXPECT_EQ(answer, Succeeded(1, 1, answer.body));
+    EXPECT_EQ(answer.body.size(), 36u);
+}
+
+// --- many at once ---
+
+TEST_F(TransferTest, ManyTransfersOfOneSessionEndOutOfOrderEachWithItsOwnData) {
+    constexpr std::uint32_t kTransfers = 60;
+    constexpr std::uint32_t kBlocksEach = 20;
+    const Bytes memory = Pattern(kTransfers * kBlocksEach * vcam::kBlockSize);
+    bus.WriteMemory(camera.Id(), 0, memory);
+    RawClient client = Connect();
+    camera.Set(Holds());
+
+    // Each reads its own blocks, or for every third one only tests the unit.
+    std::vector<Message> answers;  // by request
+    for (std::uint32_t i = 0; i < kTransfers; ++i) {
+        const std::uint32_t id = 1000 + i;
+        if (i % 3 == 2) {
+            client.SendRequest(kTransferNoData, id, kCamera, TestUnitReady());
+            answers.push_back(Succeeded(id, kCamera));
+            continue;
+        }
+        client.SendRequest(kTransferIn, id, kCamera, Read6(i * kBlocksEach, kBlocksEach));
+        const auto begin = memory.begin() + i * kBlocksEach * vcam::kBlockSize;
+        answers.push_back(
+            Succeeded(id, kCamera, Bytes(begin, begin + kBlocksEach * vcam::kBlockSize)));
+    }
+    bus.WaitForPending(camera.Id(), kTransfers, kDeadline);
+
+    std::vector<std::uint32_t> order(kTransfers);
+    std::iota(order.begin(), order.end(), 0u);
+    std::shuffle(order.begin(), order.end(), std::mt19937(20));
+    for (const std::uint32_t index : order)
+        bus.Release(camera.Id(), index + 1);  // sequence numbers count from 1
+    for (const std::uint32_t index : order)
+        ASSERT_EQ(client.ReceiveMessage(), answers[index]);
+    EXPECT_TRUE(client.RoundTrip());
+}
+
+TEST_F(TransferTest, TransfersOfManySessionsReachTheirOwnSession) {
+    constexpr std::uint32_t kSessions = 30;
+    constexpr std::uint32_t kTransfersEach = 5;
+    bus.WriteMemory(camera.Id(), 0, Pattern(kSessions * kTransfersEach * vcam::kBlockSize));
+    camera.Set(Holds());
+    std::vector<RawClient> clients;
+    for (std::uint32_t session = 0; session < kSessions; ++session) {
+        clients.push_back(Connect());
+        for (std::uint32_t i = 0; i < kTransfersEach; ++i)
+            clients.back().SendRequest(kTransferIn, i, kCamera,
+                                       Read6(session * kTransfersEach + i, 1));
+    }
+    bus.WaitForPending(camera.Id(), kSessions * kTransfersEach, kDeadline);
+    bus.ReleaseAll(camera.Id());
+    for (std::uint32_t session = 0; session < kSessions; ++session) {
+        for (std::uint32_t i = 0; i < kTransfersEach; ++i) {
+            const std::uint64_t offset = (session * kTransfersEach + i) * vcam::kBlockSize;
+            ASSERT_EQ(clients[session].ReceiveMessage(),
+                      Succeeded(i, kCamera, bus.ReadMemory(camera.Id(), offset, 512)));
+        }
+    }
+}
+
+TEST_F(TransferTest, ClientThatDiesWithTransfersPendingLeavesTheServiceWhole) {
+    RawClient bystander = Connect();
+    RawClient client = Connect();
+    camera.Set(Holds());
+    for (std::uint32_t id = 1; id <= 20; ++id)
+        client.SendRequest(kTransferIn, id, kCamera, Inquiry());
+    bus.WaitForPending(camera.Id(), 20, kDeadline);
+    EXPECT_TRUE(bystander.RoundTrip());  // so the service waits for the client's next message
+    client.Leave();
+    service.Output().WaitFor("ServerClient shutdown.");
+
+    // The packets come when nobody wants them any more.
+    camera.Set({});
+    bus.ReleaseAll(camera.Id());
+    EXPECT_EQ(bystander.Ask(kTransferNoData, 1, kCamera, TestUnitReady()), Succeeded(1, kCamera));
+    EXPECT_TRUE(bystander.RoundTrip());
+    EXPECT_EQ(service.Errors().Text(), "");
+}
+
+}  // namespace
+}  // namespace system_test
