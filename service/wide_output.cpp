@@ -2,6 +2,7 @@
 
 #include <array>
 #include <iostream>
+#include <utility>
 
 #include <windows.h>
 
@@ -29,14 +30,17 @@ WideOutput::int_type WideOutput::overflow(int_type character) {
     const wchar_t unit = traits_type::to_char_type(character);
     bool written = true;
     if (highSurrogate != 0) {
-        const wchar_t pair[] = {highSurrogate, unit};
-        written = WriteUtf8(pair, 2);
-        highSurrogate = 0;
-    } else if (IS_HIGH_SURROGATE(unit)) {
-        highSurrogate = unit;
-    } else {
-        written = WriteUtf8(&unit, 1);
+        // Only with its second half is it a character; what else follows stands for itself.
+        const wchar_t text[] = {std::exchange(highSurrogate, wchar_t{0}), unit};
+        const bool isPair = IS_LOW_SURROGATE(unit);
+        written = WriteUtf8(text, isPair ? 2 : 1);
+        if (isPair)
+            return written ? character : traits_type::eof();
     }
+    if (IS_HIGH_SURROGATE(unit))
+        highSurrogate = unit;
+    else
+        written = WriteUtf8(&unit, 1) && written;
     return written ? character : traits_type::eof();
 }
 

@@ -81,16 +81,17 @@ TEST_F(EnumerationTest, DisksAndCdromsAreRecordedInAscendingOrderDisksFirst) {
     EXPECT_EQ(client.Ask(kTransferNoData, 1, 3, TestUnitReady()), Succeeded(1, 3));
     EXPECT_EQ(cdrom.Counters().requests, 1u);
 
-    const std::vector<std::string> lines = service.Output().WaitFor("DeviceArrival: ", 3);
-    const auto position = [&](const PluggedCamera& camera) {
-        const std::string line = "DeviceArrival: " + Narrow(bus.InterfacePath(camera.Id()));
-        return std::find(lines.begin(), lines.end(), line) - lines.begin();
+    const auto lineOf = [&](const PluggedCamera& plugged) {
+        return "DeviceArrival: " + Narrow(bus.InterfacePath(plugged.Id()));
     };
-    const auto count = static_cast<std::ptrdiff_t>(lines.size());
-    EXPECT_LT(position(cdrom), count) << service.Output().Text();
+    service.Output().WaitFor(lineOf(cdrom));  // the last of them
+    const std::vector<std::string> lines = service.Output().Lines();
+    const auto position = [&](const PluggedCamera& plugged) {
+        return std::find(lines.begin(), lines.end(), lineOf(plugged)) - lines.begin();
+    };
     EXPECT_LT(position(disk), position(cdrom)) << service.Output().Text();
     EXPECT_LT(position(otherDisk), position(cdrom)) << service.Output().Text();
-    EXPECT_EQ(position(tape), count) << service.Output().Text();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), lineOf(tape)), 0);
 }
 
 TEST_F(EnumerationTest, TwelveCamerasAreAnnouncedInAscendingOrder) {
@@ -337,19 +338,10 @@ private:
     UniqueHandle mailslot;
 };
 
-/// How often the service in the foreground has tried to start the application. Whether it may
-/// depends on who runs the tests.
-std::size_t Launches(RunningService& service) {
-    RawClient client;
-    client.RoundTrip();  // by then all lines of the start-up are written
-    std::string text = service.Output().Text() + service.Errors().Text();
-    std::size_t count = 0;
-    for (const char* const line :
-         {"Launching application...", "Failed to get user token to launch application."}) {
-        for (std::size_t at = 0; (at = text.find(line, at)) != std::string::npos; ++at)
-            ++count;
-    }
-    return count;
+/// How often the service in the foreground has said that it starts the application.
+std::ptrdiff_t Launches(RunningService& service) {
+    const std::vector<std::string> lines = service.Output().Lines();
+    return std::count(lines.begin(), lines.end(), "Launching application...");
 }
 
 using LaunchTest = SystemTest;
@@ -382,7 +374,8 @@ TEST_F(LaunchTest, OnlyCamerasAtStartUpAreAReason) {
         return options;
     }());
     RunningService service;
-    EXPECT_EQ(Launches(service), 2u);
+    if (!MayStartApplication())
+        GTEST_SKIP() << "whoever runs the tests may not start programs for the user";
     // Clients that come, work and go are none, nor is the loss of the main communicator.
     {
         RawClient client;
@@ -390,8 +383,8 @@ TEST_F(LaunchTest, OnlyCamerasAtStartUpAreAReason) {
         EXPECT_EQ(client.ReceiveMessage(), Attached(2));
         EXPECT_EQ(client.Ask(kTransferNoData, 1, 1, TestUnitReady()), Succeeded(1, 1));
     }
-    service.Output().WaitFor("ServerClient shutdown.");
-    EXPECT_EQ(Launches(service), 2u);
+    service.Output().WaitFor("ServerClient shutdown.");  // all lines before it have come too
+    EXPECT_EQ(Launches(service), 2);
 }
 
 TEST_F(LaunchTest, WithoutACameraNothingIsStarted) {
@@ -401,7 +394,9 @@ TEST_F(LaunchTest, WithoutACameraNothingIsStarted) {
         return options;
     }());
     RunningService service;
-    EXPECT_EQ(Launches(service), 0u);
+    RawClient client;
+    service.Output().WaitFor("ServerClient connected.");
+    EXPECT_EQ(Launches(service), 0);
 }
 
 TEST_F(LaunchTest, ApplicationThatCannotBeStartedDisturbsNothing) {

@@ -17,7 +17,9 @@ int main(int argc, char* /*argv*/[]) {
     record.showWindow = startup.wShowWindow;
     record.argumentCount = static_cast<WORD>(argc);
     ::ProcessIdToSessionId(::GetCurrentProcessId(), &record.sessionId);
-    record.hasConsole = ::GetConsoleCP() != 0;
+    const HANDLE console = ::CreateFileW(L"CONOUT$", GENERIC_WRITE, FILE_SHARE_WRITE, nullptr,
+                                         OPEN_EXISTING, 0, nullptr);
+    record.hasConsole = console != INVALID_HANDLE_VALUE;
 
     const HANDLE mailslot = ::CreateFileW(system_test::kLaunchMailslot, GENERIC_WRITE,
                                           FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);

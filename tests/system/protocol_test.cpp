@@ -217,7 +217,7 @@ TEST_F(ProtocolTest, ClientThatLeavesWhileIdleIsRemoved) {
     client.Leave();
     service.Output().WaitFor("ServerClient shutdown.");
     EXPECT_EQ(bystander.Ask(kTransferNoData, 2, kCamera, TestUnitReady()), Succeeded(2, kCamera));
-    EXPECT_EQ(service.Errors().Text(), "");
+    EXPECT_EQ(service.ErrorLines(), std::vector<std::string>());
 }
 
 TEST_F(ProtocolTest, ClientThatLeavesBeforeTheServiceWaitsForItEndsTheRun) {
@@ -235,7 +235,7 @@ TEST_F(ProtocolTest, ClientThatLeavesBeforeTheServiceWaitsForItEndsTheRun) {
     EXPECT_EQ(bystander.ReceiveUntilClosed(), Bytes());
     EXPECT_EQ(service.WaitForEnd(), 0u);
     // Before it stand lines of the sessions that go with it, whose reads are pending.
-    const std::vector<std::string> lines = service.Errors().WaitForEnd();
+    const std::vector<std::string> lines = service.ErrorLines();
     ASSERT_FALSE(lines.empty());
     EXPECT_TRUE(
         lines.back().starts_with("Exception: DoRead ReadFile failed.  GetLastError() = 0x6d ("))
@@ -255,8 +255,7 @@ TEST_P(UnknownCamera, EndsTheRunWithoutAnAnswer) {
     client.SendRequest(GetParam().messageType, 1, GetParam().cameraId, TestUnitReady());
     EXPECT_EQ(client.ReceiveUntilClosed(), Bytes());
     EXPECT_EQ(service.WaitForEnd(), 0u);
-    EXPECT_EQ(service.Errors().WaitForEnd(),
-              std::vector<std::string>{"Exception: Bad camera in request."});
+    EXPECT_EQ(service.ErrorLines(), std::vector<std::string>{"Exception: Bad camera in request."});
     EXPECT_EQ(camera.Counters().requests, 0u);
 }
 
@@ -275,8 +274,7 @@ TEST_F(ProtocolTest, UnknownCameraEndsTheRunAlsoWhenAnotherOneIsAttached) {
     client.SendRequest(kTransferNoData, 2, kCamera + 1, TestUnitReady());
     EXPECT_EQ(client.ReceiveUntilClosed(), Bytes());
     EXPECT_EQ(service.WaitForEnd(), 0u);
-    EXPECT_EQ(service.Errors().WaitForEnd(),
-              std::vector<std::string>{"Exception: Bad camera in request."});
+    EXPECT_EQ(service.ErrorLines(), std::vector<std::string>{"Exception: Bad camera in request."});
 }
 
 /// The service in the foreground, with two cameras.

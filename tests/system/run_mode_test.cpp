@@ -9,9 +9,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <windows.h>
-
-#include <wtsapi32.h>
 
 #include "plugged_camera.h"
 #include "raw_client.h"
@@ -23,16 +20,6 @@ namespace {
 constexpr std::uint32_t kCamera = 1;  // the service's identifier of the first camera
 
 using RunModeTest = SystemTest;
-
-/// True where the service in the foreground, which runs as whoever runs the tests, may start
-/// programs for the user at the console.
-bool MayLaunch() {
-    HANDLE token = nullptr;
-    if (!::WTSQueryUserToken(::WTSGetActiveConsoleSessionId(), &token))
-        return false;
-    ::CloseHandle(token);
-    return true;
-}
 
 /// Without the lines about other devices of the machine.
 std::vector<std::string> WithoutOtherDevices(std::vector<std::string> lines,
@@ -109,7 +96,7 @@ TEST_F(RunModeTest, ForegroundPrintsItsProgressLineByLine) {
     ASSERT_EQ(handles.size(), 3u) << output.Text();
     std::vector<std::string> expected = {"DeviceArrival: " + path};
     std::vector<std::string> expectedErrors = {"Exception: Bad camera in request."};
-    if (MayLaunch())
+    if (MayStartApplication())
         expected.push_back("Launching application...");
     else
         expectedErrors.insert(expectedErrors.begin(),

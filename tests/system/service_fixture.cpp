@@ -6,6 +6,8 @@
 #include <type_traits>
 #include <utility>
 
+#include <wtsapi32.h>
+
 namespace system_test {
 
 namespace {
@@ -133,7 +135,7 @@ void InstallService() {
 void RemoveService(const UniqueServiceHandle& service) {
     const DWORD processId = StatusOf(service).dwProcessId;
     if (processId != 0) {
-        // Another error than these two is none either: the process may have just ended.
+        // Neither call has to succeed: the process may just have ended.
         const UniqueHandle process(
             ::OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, processId));
         SERVICE_STATUS status{};
@@ -204,6 +206,14 @@ std::string Narrow(std::wstring_view text) {
     return narrow;
 }
 
+bool MayStartApplication() {
+    HANDLE token = nullptr;
+    if (!::WTSQueryUserToken(::WTSGetActiveConsoleSessionId(), &token))
+        return false;
+    ::CloseHandle(token);
+    return true;
+}
+
 void EndLeftovers() {
     RemoveLeftService();
     EndPipeServer();
@@ -259,6 +269,11 @@ std::vector<std::string> OutputLines::WaitForEnd() {
     std::unique_lock lock(mutex);
     if (!changed.wait_for(lock, kDeadline, [&] { return ended; }))
         throw std::runtime_error("the stream does not end, seen:\n" + Joined());
+    return lines;
+}
+
+std::vector<std::string> OutputLines::Lines() const {
+    const std::lock_guard lock(mutex);
     return lines;
 }
 
@@ -434,6 +449,12 @@ DWORD RunningService::WaitForEnd() {
     DWORD exitCode = 0;
     ::GetExitCodeProcess(Process(), &exitCode);
     return exitCode;
+}
+
+std::vector<std::string> RunningService::ErrorLines() {
+    std::vector<std::string> lines = IsRunning() ? Errors().Lines() : Errors().WaitForEnd();
+    std::erase(lines, "Failed to get user token to launch application.");
+    return lines;
 }
 
 SERVICE_STATUS_PROCESS RunningService::Status() const {

@@ -66,7 +66,8 @@ public:
     /// Waits until the process has closed the stream, and returns all lines.
     std::vector<std::string> WaitForEnd();
 
-    /// The lines so far, as a text for a failure message.
+    /// The lines so far, also as a text for a failure message.
+    std::vector<std::string> Lines() const;
     std::string Text() const;
 
 private:
@@ -157,6 +158,10 @@ public:
     // In the foreground only.
     OutputLines& Output() { return program->Output(); }
     OutputLines& Errors() { return program->Errors(); }
+    /// The lines on standard error: those so far, or all if the process has ended. Without the one
+    /// that says that the desktop application can't be started: whether it may depends on who runs
+    /// the tests.
+    std::vector<std::string> ErrorLines();
 
     // Under the service control manager only.
     SERVICE_STATUS_PROCESS Status() const;
@@ -193,6 +198,10 @@ private:
     struct Registration;
     std::unique_ptr<Registration> registration;
 };
+
+/// True where the service in the foreground, which runs as whoever runs the tests, may start
+/// programs for the user at the console. Windows lets only LocalSystem do that.
+bool MayStartApplication();
 
 /// Ends and removes an OrvikService that an earlier run of these tests has left, in either mode.
 /// Throws std::runtime_error if there is one that is none of theirs.

@@ -283,7 +283,7 @@ TEST_F(EnduranceTest, NeitherHandlesNorMemoryGrowWithTheClientsThatCameAndWent) 
     EXPECT_LE(handlesAfter, handles + 5);
     // One forgotten block of a transfer in each round would be 3 MiB, one forgotten queue 100.
     EXPECT_LE(workingSetAfter, workingSet + 2 * 1024 * 1024);
-    EXPECT_EQ(service.Errors().Text(), "");
+    EXPECT_EQ(service.ErrorLines(), std::vector<std::string>());
 }
 
 }  // namespace

@@ -1,0 +1,199 @@
+#include "device/camera_identification.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <winioctl.h>
+
+#include "service_fixture.h"
+
+namespace {
+
+class IdentificationTest : public ServiceFixture {
+protected:
+    /// What is said of a camera with these strings.
+    bool Identify(std::optional<std::string> vendor, std::optional<std::string> product,
+                  std::optional<std::string> revision, bool acceptChip = false) {
+        vcam::PlugOptions options;
+        options.vendor = std::move(vendor);
+        options.product = std::move(product);
+        options.revision = std::move(revision);
+        options.instanceId = L"identified";
+        const vcam::CameraId camera = bus.Plug(options);
+        const bool answer = IdentifyCamera(bus.InterfacePath(camera).c_str(), acceptChip);
+        const vcam::CameraCounters counters = bus.Counters(camera);
+        EXPECT_EQ(counters.opens, counters.closes);
+        bus.Unplug(camera);
+        return answer;
+    }
+
+    bool Identify(const vcam::Behaviour& behaviour, bool acceptChip = false) {
+        const vcam::CameraId camera = Plug();
+        bus.SetBehaviour(camera, behaviour);
+        const bool answer = IdentifyCamera(bus.InterfacePath(camera).c_str(), acceptChip);
+        bus.Unplug(camera);
+        ForgetPlugged();
+        return answer;
+    }
+
+    /// A descriptor whose three strings follow one another, at the offsets that are given.
+    static vcam::Behaviour WithDescriptor(std::size_t size, ULONG sizeField, ULONG vendorOffset,
+                                          ULONG revisionOffset, const std::string& strings) {
+        std::vector<std::byte> bytes(size);
+        STORAGE_DEVICE_DESCRIPTOR head{};
+        head.Version = sizeof(head);
+        head.Size = sizeField;
+        head.VendorIdOffset = vendorOffset;
+        head.ProductRevisionOffset = revisionOffset;
+        std::memcpy(bytes.data(), &head, std::min(size, sizeof(head)));
+        if (size > kStrings)
+            std::memcpy(bytes.data() + kStrings, strings.data(),
+                        std::min(strings.size(), size - kStrings));
+        vcam::Behaviour behaviour;
+        behaviour.descriptor = bytes;
+        return behaviour;
+    }
+
+    static constexpr ULONG kStrings = sizeof(STORAGE_DEVICE_DESCRIPTOR);
+};
+
+TEST_F(IdentificationTest, VendorAndRevisionMakeACameraWhateverTheProduct) {
+    EXPECT_TRUE(Identify("Orvik", "Virtual Camera", "F01"));
+    EXPECT_TRUE(Identify("Orvik", "", "F01"));
+    EXPECT_TRUE(Identify("Orvik", std::nullopt, "F01"));
+    EXPECT_TRUE(Identify("Orvik", "COACH6 (I62)", "F01"));
+}
+
+TEST_F(IdentificationTest, SpacesAroundAreCut) {
+    EXPECT_TRUE(Identify("Orvik   ", "x", "F01 "));
+    EXPECT_TRUE(Identify("   Orvik", "x", " F01"));
+    EXPECT_TRUE(Identify("  Orvik  ", "  x  ", "  F01  "));
+}
+
+TEST_F(IdentificationTest, OtherWhiteSpaceIsNotCut) {
+    EXPECT_FALSE(Identify("Orvik\t", "x", "F01"));
+    EXPECT_FALSE(Identify("Orvik", "x", "F01\n"));
+    EXPECT_FALSE(Identify("\tOrvik", "x", "F01"));
+}
+
+TEST_F(IdentificationTest, CaseAndEveryCharacterMatter) {
+    EXPECT_FALSE(Identify("orvik", "x", "F01"));
+    EXPECT_FALSE(Identify("Orvik", "x", "f01"));
+    EXPECT_FALSE(Identify("Orvi", "x", "F01"));
+    EXPECT_FALSE(Identify("Orvik2", "x", "F01"));
+    EXPECT_FALSE(Identify("Orvik", "x", "F010"));
+    EXPECT_FALSE(Identify("Orvik", "x", "F02"));
+    EXPECT_FALSE(Identify("Or vik", "x", "F01"));
+}
+
+TEST_F(IdentificationTest, ChipIdentityCountsOnlyForThoseWhoAskForIt) {
+    EXPECT_FALSE(Identify("ZORAN", "COACH6 (I62)", "1.00"));
+    EXPECT_TRUE(Identify("ZORAN", "COACH6 (I62)", "1.00", true));
+    EXPECT_TRUE(Identify("ZORAN ", " COACH6 (I62) ", std::nullopt, true));
+    EXPECT_FALSE(Identify("ZORAN", "COACH6 (I63)", "F01", true));
+    EXPECT_FALSE(Identify("Zoran", "COACH6 (I62)", "1.00", true));
+    EXPECT_FALSE(Identify("ZORAN", "COACH6 (I62)", "F01", false));
+    EXPECT_TRUE(Identify("Orvik", "x", "F01", true));
+}
+
+TEST_F(IdentificationTest, AbsentStringsAreEmptyAndNoCamera) {
+    EXPECT_FALSE(Identify(std::nullopt, "x", "F01"));
+    EXPECT_FALSE(Identify("Orvik", "x", std::nullopt));
+    EXPECT_FALSE(Identify(std::nullopt, std::nullopt, std::nullopt));
+    EXPECT_FALSE(Identify("", "", ""));
+    EXPECT_FALSE(Identify("     ", " ", "   "));
+    EXPECT_FALSE(Identify(std::nullopt, "COACH6 (I62)", "F01", true));
+}
+
+TEST_F(IdentificationTest, ShortAnswersAreNoCamera) {
+    for (const std::uint32_t count : {0u, 1u, 7u}) {
+        vcam::Behaviour behaviour;
+        behaviour.descriptorHeaderBytes = count;
+        EXPECT_FALSE(Identify(behaviour)) << count << " bytes of the header";
+    }
+    for (const std::uint32_t count : {0u, 8u, 20u, 41u}) {
+        vcam::Behaviour behaviour;
+        behaviour.descriptorBytes = count;
+        EXPECT_FALSE(Identify(behaviour)) << count << " bytes of the descriptor";
+    }
+    EXPECT_TRUE(Identify(vcam::Behaviour{}));
+}
+
+TEST_F(IdentificationTest, OffsetsOutsideTheDescriptorAreTakenForAbsentStrings) {
+    const std::string strings("Orvik\0F01\0", 10);
+    const ULONG size = kStrings + 10;
+    EXPECT_TRUE(Identify(WithDescriptor(size, size, kStrings, kStrings + 6, strings)));
+    for (const ULONG wrong : {size, size + 1, 0x1000ul, 0x7FFFFFFFul, 0x80000000ul, 0xFFFFFFFFul}) {
+        SCOPED_TRACE(wrong);
+        EXPECT_FALSE(Identify(WithDescriptor(size, size, wrong, kStrings + 6, strings)));
+        EXPECT_FALSE(Identify(WithDescriptor(size, size, kStrings, wrong, strings)));
+    }
+}
+
+TEST_F(IdentificationTest, StringWithoutItsEndStopsAtTheDescriptorsEnd) {
+    // The revision's NUL would be behind the last byte.
+    const std::string strings("Orvik\0F01", 9);
+    const ULONG size = kStrings + 9;
+    EXPECT_TRUE(Identify(WithDescriptor(size, size, kStrings, kStrings + 6, strings)));
+    // Spaces up to the very end.
+    const std::string spaces("Orvik\0   ", 9);
+    EXPECT_FALSE(Identify(WithDescriptor(size, size, kStrings, kStrings + 6, spaces)));
+}
+
+TEST_F(IdentificationTest, OddSizesOfTheDescriptorAreNoCamera) {
+    for (const ULONG size : {0ul, 1ul, 8ul, 12ul, 35ul}) {
+        SCOPED_TRACE(size);
+        EXPECT_FALSE(Identify(WithDescriptor(std::max<std::size_t>(size, 8), size, 1, 1, "")));
+    }
+    // Says that it is longer than it is.
+    const std::string strings("Orvik\0F01\0", 10);
+    EXPECT_FALSE(
+        Identify(WithDescriptor(kStrings + 10, kStrings + 11, kStrings, kStrings + 6, strings)));
+}
+
+TEST_F(IdentificationTest, PathThatCannotBeOpenedOrAskedIsNoCamera) {
+    EXPECT_FALSE(IdentifyCamera(LR"(\\?\no#such#device)", false));
+    EXPECT_FALSE(IdentifyCamera(L"", true));
+    EXPECT_FALSE(IdentifyCamera(LR"(C:\windows)", true));
+    EXPECT_FALSE(IdentifyCamera(LR"(C:\windows\system32\kernel32.dll)", true));
+}
+
+TEST_F(IdentificationTest, CameraInUseIsStillIdentified) {
+    const vcam::CameraId camera = Plug();
+    const std::wstring path = bus.InterfacePath(camera);
+    const UniqueHandle user = OwnFile(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0,
+                                                    nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(user);
+    EXPECT_TRUE(IdentifyCamera(path.c_str(), false));
+}
+
+TEST(TrimSpaces, CutsSpacesAtBothEndsInPlace) {
+    const auto trim = [](std::string text) {
+        char* const start = TrimSpaces(text.data());
+        EXPECT_GE(start, text.data());
+        EXPECT_LE(start, text.data() + text.size());
+        return std::string(start);
+    };
+    EXPECT_EQ(trim(""), "");
+    EXPECT_EQ(trim(" "), "");
+    EXPECT_EQ(trim("     "), "");
+    EXPECT_EQ(trim("a"), "a");
+    EXPECT_EQ(trim(" a"), "a");
+    EXPECT_EQ(trim("a "), "a");
+    EXPECT_EQ(trim("  a b  "), "a b");
+    EXPECT_EQ(trim("\ta\t"), "\ta\t");
+    EXPECT_EQ(trim(" \ta\n "), "\ta\n");
+    char text[] = "  ab   ";
+    EXPECT_EQ(TrimSpaces(text), text + 2);
+    EXPECT_EQ(std::string(text, sizeof(text)), std::string("  ab\0\0\0\0", 8));
+}
+
+}  // namespace

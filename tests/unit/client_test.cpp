@@ -1,0 +1,816 @@
+// The client library against a service of the test's own, which can lie.
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include "device/unique_handle.h"
+#include "orvik/client.h"
+#include "session/message.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using orvik::Client;
+using orvik::ErrorKind;
+using Bytes = std::vector<std::byte>;
+
+constexpr auto kGenerous = 20s;  // for what happens at once unless something is broken
+
+Bytes MakeBytes(std::initializer_list<unsigned> values) {
+    Bytes bytes;
+    for (const unsigned value : values)
+        bytes.push_back(static_cast<std::byte>(value));
+    return bytes;
+}
+
+Bytes Pattern(std::size_t size) {
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<std::byte>(i * 7 + i / 251);
+    return bytes;
+}
+
+Bytes BytesOf(const MessageHeader& header) {
+    const auto* const first = reinterpret_cast<const std::byte*>(&header);
+    return {first, first + sizeof(header)};
+}
+
+struct Request {
+    MessageHeader header;
+    Bytes body;
+};
+
+/// The service's end of one connection. Its calls return false, or fail the test, once the client
+/// has left.
+class Peer {
+public:
+    explicit Peer(UniqueHandle connected) : pipe(std::move(connected)) {}
+
+    /// One ReadFile.
+    Bytes ReadOnce(std::size_t most = 1 << 20) {
+        Bytes bytes(most);
+        DWORD count = 0;
+        if (!::ReadFile(pipe.get(), bytes.data(), static_cast<DWORD>(most), &count, nullptr))
+            count = 0;
+        bytes.resize(count);
+        return bytes;
+    }
+
+    Request ReadRequest() {
+        Request request{};
+        const Bytes header = ReadOnce(sizeof(MessageHeader));
+        EXPECT_EQ(header.size(), sizeof(MessageHeader)) << "no whole header came";
+        if (header.size() != sizeof(MessageHeader))
+            return request;
+        std::memcpy(&request.header, header.data(), sizeof(MessageHeader));
+        if (request.header.bodyLength != 0)
+            request.body = ReadOnce(request.header.bodyLength);
+        EXPECT_EQ(request.body.size(), request.header.bodyLength);
+        return request;
+    }
+
+    bool Send(const Bytes& bytes) {
+        DWORD count = 0;
+        return ::WriteFile(pipe.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &count,
+                           nullptr) != FALSE;
+    }
+
+    bool Send(const MessageHeader& header, const Bytes& body = {}) {
+        return Send(BytesOf(header)) && (body.empty() || Send(body));
+    }
+
+    bool Succeed(const Request& request, const Bytes& data = {}) {
+        return Send({kTransferSucceeded, request.header.requestId, request.header.cameraId,
+                     static_cast<std::uint32_t>(data.size())},
+                    data);
+    }
+
+    bool Refuse(const Request& request) {
+        return Send({kTransferFailed, request.header.requestId, request.header.cameraId, 0});
+    }
+
+    bool Announce(std::uint32_t camera) {
+        return Send({kCameraAttached, kNotificationId, camera, 0});
+    }
+
+    /// Greets as the service does: the cameras present, then the answer to the round trip.
+    void Welcome(std::initializer_list<std::uint32_t> cameras) {
+        for (const std::uint32_t camera : cameras)
+            Announce(camera);
+        Refuse(ReadRequest());
+    }
+
+    bool ClientIsThere() const {
+        return ::PeekNamedPipe(pipe.get(), nullptr, 0, nullptr, nullptr, nullptr) != FALSE;
+    }
+
+    /// Returns what comes until the client has left.
+    Bytes ReadToTheEnd() {
+        Bytes all;
+        for (Bytes some = ReadOnce(); !some.empty(); some = ReadOnce())
+            all.insert(all.end(), some.begin(), some.end());
+        return all;
+    }
+
+    void Close() { pipe.reset(); }
+
+private:
+    UniqueHandle pipe;
+};
+
+/// A camera pipe of the test's own. As in the service there is always one instance that waits for a
+/// client, and the next is opened only when that one is taken.
+class FakeService {
+public:
+    /// `script` plays the service for the first client, on a thread of its own.
+    /// `beforeNextInstance` is called with the number of each client, from 1 on.
+    explicit FakeService(std::function<void(Peer&)> script,
+                         std::function<void(int)> beforeNextInstance = {}) {
+        UniqueHandle first = MakeInstance();
+        acceptor = std::thread([this, script = std::move(script),
+                                beforeNextInstance = std::move(beforeNextInstance),
+                                listening = std::move(first)]() mutable {
+            while (true) {
+                ::ConnectNamedPipe(listening.get(), nullptr);
+                if (stopping) {
+                    accepted = true;
+                    return;
+                }
+                const int number = ++connections;
+                Peer peer(std::move(listening));
+                if (beforeNextInstance)
+                    beforeNextInstance(number);
+                listening = MakeInstance();
+                players.emplace_back([peer = std::move(peer), number, script]() mutable {
+                    if (number == 1)
+                        script(peer);
+                    else
+                        peer.ReadToTheEnd();
+                });
+            }
+        });
+    }
+
+    ~FakeService() {
+        stopping = true;
+        // Wakes the acceptor, which may just be about to open its next instance.
+        UniqueHandle last;
+        while (!last && !accepted) {
+            last = OwnFile(
+                ::CreateFileW(name.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+            if (!last)
+                ::WaitNamedPipeW(name.c_str(), 50);
+        }
+        acceptor.join();
+        for (std::thread& player : players)
+            player.join();
+    }
+
+    FakeService(const FakeService&) = delete;
+    FakeService& operator=(const FakeService&) = delete;
+
+    const std::wstring& Name() const { return name; }
+    int Connections() const { return connections; }
+
+private:
+    static std::wstring UniqueName() {
+        static std::atomic<int> count{0};
+        return LR"(\\.\pipe\orvik-client-test-)" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
+               std::to_wstring(++count);
+    }
+
+    UniqueHandle MakeInstance() const {
+        UniqueHandle instance = OwnFile(::CreateNamedPipeW(
+            name.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT,
+            PIPE_UNLIMITED_INSTANCES, 65536, 65536, 0, nullptr));
+        EXPECT_TRUE(instance) << ::GetLastError();
+        return instance;
+    }
+
+    const std::wstring name = UniqueName();
+    std::atomic<bool> stopping{false};
+    std::atomic<bool> accepted{false};  // the acceptor has seen it
+    std::atomic<int> connections{0};
+    std::vector<std::thread> players;
+    std::thread acceptor;
+};
+
+/// Something that one thread waits for and another makes happen.
+class Event {
+public:
+    void Set() { promise.set_value(); }
+    bool Wait() const { return future.wait_for(kGenerous) == std::future_status::ready; }
+
+private:
+    std::promise<void> promise;
+    std::shared_future<void> future = promise.get_future().share();
+};
+
+/// Runs `call`, which must throw, and returns its error.
+template <typename Call>
+orvik::Error ErrorOf(Call call) {
+    try {
+        call();
+    } catch (const orvik::Error& error) {
+        return error;
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return {ErrorKind::kSystem, "nothing was thrown"};
+}
+
+template <typename Call>
+ErrorKind KindOf(Call call) {
+    return ErrorOf(std::move(call)).Kind();
+}
+
+TEST(ClientConnect, KnowsTheCamerasPresent) {
+    FakeService service([](Peer& peer) {
+        peer.Announce(3);
+        peer.Announce(1);
+        const Request roundTrip = peer.ReadRequest();
+        EXPECT_EQ(roundTrip.header.messageType, 4U);
+        EXPECT_EQ(roundTrip.header.bodyLength, 0U);
+        peer.Refuse(roundTrip);
+        peer.ReadToTheEnd();
+    });
+    const Client client(kGenerous, service.Name());
+    EXPECT_EQ(client.Cameras(), (std::vector<orvik::CameraId>{3, 1}));
+}
+
+TEST(ClientConnect, NoSuchPipe) {
+    const auto error = ErrorOf([] { Client(1s, LR"(\\.\pipe\orvik-client-test-none)"); });
+    EXPECT_EQ(error.Kind(), ErrorKind::kNotRunning) << error.what();
+    EXPECT_EQ(error.SystemCode(), DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_NE(std::string(error.what()).find("(error 2)"), std::string::npos) << error.what();
+}
+
+TEST(ClientConnect, EveryInstanceTakenUntilTheDeadline) {
+    const wchar_t name[] = LR"(\\.\pipe\orvik-client-test-busy)";
+    const UniqueHandle instance = OwnFile(
+        ::CreateNamedPipeW(name, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 65536, 65536, 0, nullptr));
+    ASSERT_TRUE(instance);
+    const UniqueHandle other = OwnFile(
+        ::CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(other);
+    const auto error = ErrorOf([&] { Client(100ms, name); });
+    EXPECT_EQ(error.Kind(), ErrorKind::kBusy) << error.what();
+    EXPECT_EQ(error.SystemCode(), DWORD{ERROR_PIPE_BUSY});
+}
+
+TEST(ClientConnect, WaitsForAnInstance) {
+    Event busy;
+    Event free;
+    FakeService service([](Peer& peer) { peer.ReadToTheEnd(); },
+                        [&](int number) {
+                            if (number == 1) {
+                                busy.Set();
+                                free.Wait();
+                            }
+                        });
+    const UniqueHandle other =
+        OwnFile(::CreateFileW(service.Name().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                              OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(busy.Wait());
+    // The second client gets no answer, but a connection.
+    auto kind = std::async(std::launch::async,
+                           [&] { return KindOf([&] { Client(500ms, service.Name()); }); });
+    free.Set();
+    EXPECT_EQ(kind.get(), ErrorKind::kTimedOut);
+    EXPECT_GE(service.Connections(), 2);
+}
+
+TEST(ClientConnect, ServiceThatIsSilent) {
+    FakeService service([](Peer& peer) { peer.ReadToTheEnd(); });
+    EXPECT_EQ(KindOf([&] { Client(100ms, service.Name()); }), ErrorKind::kTimedOut);
+}
+
+TEST(ClientTransfer, InReturnsTheData) {
+    const Bytes data = Pattern(65536);
+    FakeService service([&](Peer& peer) {
+        peer.Welcome({7});
+        const Request request = peer.ReadRequest();
+        EXPECT_EQ(request.header.messageType, 3U);
+        EXPECT_EQ(request.header.cameraId, 7U);
+        EXPECT_EQ(request.body, MakeBytes({0x12, 0, 0, 0, 36, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+        peer.Succeed(request, data);
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    EXPECT_EQ(client.TransferIn(7, orvik::InquiryCdb(), kGenerous), data);
+}
+
+TEST(ClientTransfer, OutSendsTheDataBehindThePaddedCdb) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Request request = peer.ReadRequest();
+        EXPECT_EQ(request.header.messageType, 2U);
+        EXPECT_EQ(request.body, MakeBytes({0x0A, 1, 2, 3, 4, 5, 6, 7, 0, 0, 0, 0, 0, 0, 0, 0,  //
+                                           0xAA, 0xBB, 0xCC}));
+        peer.Succeed(request);
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    client.TransferOut(7, MakeBytes({0x0A, 1, 2, 3, 4, 5, 6, 7}), MakeBytes({0xAA, 0xBB, 0xCC}),
+                       kGenerous);
+}
+
+TEST(ClientTransfer, MegabytesOut) {
+    const Bytes data = Pattern(std::size_t{8} << 20);
+    FakeService service([&](Peer& peer) {
+        peer.Welcome({7});
+        Request request{};
+        const Bytes header = peer.ReadOnce(sizeof(MessageHeader));
+        ASSERT_EQ(header.size(), sizeof(MessageHeader));
+        std::memcpy(&request.header, header.data(), sizeof(MessageHeader));
+        while (request.body.size() < request.header.bodyLength) {
+            const Bytes some = peer.ReadOnce(request.header.bodyLength - request.body.size());
+            ASSERT_FALSE(some.empty());
+            request.body.insert(request.body.end(), some.begin(), some.end());
+        }
+        EXPECT_TRUE(
+            std::equal(data.begin(), data.end(), request.body.begin() + 16, request.body.end()));
+        peer.Succeed(request);
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    client.TransferOut(7, MakeBytes({0x0A}), data, kGenerous);
+}
+
+TEST(ClientTransfer, ARequestLeavesInOnePiece) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Bytes message = peer.ReadOnce();
+        EXPECT_EQ(message.size(), 16U + 16U + 512U);
+        Request request{};
+        std::memcpy(&request.header, message.data(), sizeof(MessageHeader));
+        EXPECT_EQ(request.header.bodyLength, 16U + 512U);
+        peer.Succeed(request);
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    client.TransferOut(7, MakeBytes({0x0A}), Pattern(512), kGenerous);
+}
+
+TEST(ClientTransfer, NoDataThatFails) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Request request = peer.ReadRequest();
+        EXPECT_EQ(request.header.messageType, 4U);
+        EXPECT_EQ(request.body, Bytes(16));
+        peer.Refuse(request);
+        peer.Succeed(peer.ReadRequest());
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    EXPECT_EQ(KindOf([&] { client.TransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous); }),
+              ErrorKind::kRefused);
+    client.TransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous);
+}
+
+TEST(ClientTransfer, AnswersInAnyOrderFindTheirRequests) {
+    constexpr std::size_t kCount = 50;
+    FakeService service([](Peer& peer) {
+        peer.Welcome({1, 2});
+        std::vector<Request> requests;
+        for (std::size_t i = 0; i < kCount; ++i)
+            requests.push_back(peer.ReadRequest());
+        std::shuffle(requests.begin(), requests.end(), std::mt19937(1));
+        for (const Request& request : requests)
+            peer.Succeed(request, {request.body[1], request.body[2]});
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    std::vector<orvik::RequestId> ids;
+    for (unsigned i = 0; i < kCount; ++i)
+        ids.push_back(client.SendTransferIn(1 + i % 2, MakeBytes({8, i, i ^ 0x55}), kGenerous));
+    for (unsigned i = 0; i < kCount; ++i)
+        EXPECT_EQ(client.Wait(ids[i], kGenerous), MakeBytes({i, i ^ 0x55})) << i;
+    EXPECT_EQ(KindOf([&] { client.Wait(ids[0], kGenerous); }), ErrorKind::kBadArgument);
+}
+
+TEST(ClientTransfer, AMessageInPiecesIsPutTogether) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Request request = peer.ReadRequest();
+        Bytes answer = BytesOf({kTransferSucceeded, request.header.requestId, 7, 5});
+        for (unsigned value = 1; value <= 5; ++value)
+            answer.push_back(static_cast<std::byte>(value));
+        for (const std::byte value : answer)
+            peer.Send(Bytes{value});
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    EXPECT_EQ(client.TransferIn(7, orvik::InquiryCdb(), kGenerous), MakeBytes({1, 2, 3, 4, 5}));
+}
+
+TEST(ClientRefuses, WhatWouldHarmBeforeAnythingIsSent) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Request request = peer.ReadRequest();
+        EXPECT_EQ(request.body.at(0), std::byte{0x5A}) << "something else was sent before";
+        peer.Succeed(request);
+        EXPECT_TRUE(peer.ReadToTheEnd().empty());
+    });
+    Client client(kGenerous, service.Name());
+    const Bytes one(1);
+    EXPECT_EQ(KindOf([&] { client.TransferNoData(7, Bytes(), kGenerous); }),
+              ErrorKind::kBadArgument);
+    EXPECT_EQ(KindOf([&] { client.TransferNoData(7, Bytes(9), kGenerous); }),
+              ErrorKind::kBadArgument);
+    const std::span<const std::byte> tooLong(one.data(), orvik::kTransferOutLimit + 1);
+    EXPECT_EQ(KindOf([&] { client.TransferOut(7, one, tooLong, kGenerous); }),
+              ErrorKind::kBadArgument);
+    for (const orvik::CameraId camera : {0U, 6U, 8U, 0xFFFFFFFFU})
+        EXPECT_EQ(KindOf([&] { client.TransferNoData(camera, one, kGenerous); }),
+                  ErrorKind::kNoSuchCamera);
+    EXPECT_EQ(KindOf([&] { client.Wait(1234, kGenerous); }), ErrorKind::kBadArgument);
+    client.TransferNoData(7, MakeBytes({0x5A}), kGenerous);
+}
+
+TEST(ClientCameras, FollowTheNotifications) {
+    Event reported;
+    FakeService service([&](Peer& peer) {
+        peer.Welcome({1, 2});
+        peer.Announce(9);
+        peer.Announce(9);
+        peer.Send({kCameraDetached, kNotificationId, 1, 0});
+        reported.Set();
+        peer.Succeed(peer.ReadRequest());
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    ASSERT_TRUE(reported.Wait());
+    // Reported before the request is sent, so refused, though nobody has waited for anything.
+    EXPECT_EQ(KindOf([&] { client.TransferNoData(1, orvik::TestUnitReadyCdb(), kGenerous); }),
+              ErrorKind::kNoSuchCamera);
+    EXPECT_EQ(client.Cameras(), (std::vector<orvik::CameraId>{2, 9}));
+    client.TransferNoData(9, orvik::TestUnitReadyCdb(), kGenerous);
+}
+
+TEST(ClientDeadline, AnAnswerThatComesLateCanBeWaitedForAgain) {
+    Event late;
+    FakeService service([&](Peer& peer) {
+        peer.Welcome({7});
+        const Request request = peer.ReadRequest();
+        EXPECT_TRUE(late.Wait());
+        peer.Succeed(request, MakeBytes({1}));
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    const orvik::RequestId id = client.SendTransferIn(7, orvik::InquiryCdb(), kGenerous);
+    EXPECT_EQ(KindOf([&] { client.Wait(id, 50ms); }), ErrorKind::kTimedOut);
+    EXPECT_EQ(KindOf([&] { client.Wait(id, 0ms); }), ErrorKind::kTimedOut);
+    late.Set();
+    EXPECT_EQ(client.Wait(id, kGenerous), MakeBytes({1}));
+}
+
+TEST(ClientDeadline, AnAnswerNobodyWaitsForIsDropped) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Request first = peer.ReadRequest();
+        const Request second = peer.ReadRequest();
+        peer.Succeed(first, MakeBytes({1}));
+        peer.Succeed(second, MakeBytes({2}));
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    EXPECT_EQ(KindOf([&] { client.TransferIn(7, orvik::InquiryCdb(), 50ms); }),
+              ErrorKind::kTimedOut);
+    EXPECT_EQ(client.TransferIn(7, orvik::InquiryCdb(), kGenerous), MakeBytes({2}));
+}
+
+TEST(ClientDeadline, AServiceThatDoesNotReadEndsTheConnection) {
+    Event done;
+    FakeService service([&](Peer& peer) {
+        peer.Welcome({7});
+        EXPECT_TRUE(done.Wait());
+    });
+    Client client(kGenerous, service.Name());
+    const Bytes data(1 << 20);
+    EXPECT_EQ(KindOf([&] { client.TransferOut(7, MakeBytes({0x0A}), data, 100ms); }),
+              ErrorKind::kTimedOut);
+    EXPECT_EQ(KindOf([&] { client.TransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous); }),
+              ErrorKind::kServiceGone);
+    done.Set();
+}
+
+TEST(ClientServiceGone, WhileIdle) {
+    FakeService service([](Peer& peer) { peer.Welcome({7}); });
+    Client client(kGenerous, service.Name());
+    EXPECT_EQ(KindOf([&] { client.TransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous); }),
+              ErrorKind::kServiceGone);
+}
+
+TEST(ClientServiceGone, EndsEveryRequestButThoseAnswered) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        peer.ReadRequest();
+        const Request second = peer.ReadRequest();
+        peer.ReadRequest();
+        peer.Succeed(second, MakeBytes({2}));
+    });
+    Client client(kGenerous, service.Name());
+    std::array<orvik::RequestId, 3> ids{};
+    for (orvik::RequestId& id : ids)
+        id = client.SendTransferIn(7, orvik::InquiryCdb(), kGenerous);
+    EXPECT_EQ(KindOf([&] { client.Wait(ids[0], kGenerous); }), ErrorKind::kServiceGone);
+    EXPECT_EQ(client.Wait(ids[1], kGenerous), MakeBytes({2}));
+    EXPECT_EQ(KindOf([&] { client.Wait(ids[2], kGenerous); }), ErrorKind::kServiceGone);
+}
+
+TEST(ClientServiceGone, InTheMiddleOfAMessage) {
+    for (const std::size_t bytes : {1U, 15U, 16U, 17U, 19U}) {
+        FakeService service([&](Peer& peer) {
+            peer.Welcome({7});
+            const Request request = peer.ReadRequest();
+            Bytes answer = BytesOf({kTransferSucceeded, request.header.requestId, 7, 4});
+            answer.resize(20);
+            answer.resize(bytes);
+            peer.Send(answer);
+        });
+        Client client(kGenerous, service.Name());
+        const auto error = ErrorOf([&] { client.TransferIn(7, orvik::InquiryCdb(), kGenerous); });
+        EXPECT_EQ(error.Kind(), ErrorKind::kServiceGone) << error.what();
+        EXPECT_NE(std::string(error.what()).find("in the middle"), std::string::npos)
+            << error.what();
+    }
+}
+
+/// What a lying service answers to request `id`, a command without data to camera 7.
+struct Lie {
+    const char* name;
+    MessageHeader (*answer)(std::uint32_t id);
+};
+
+class ClientLiedTo : public testing::TestWithParam<Lie> {};
+
+TEST_P(ClientLiedTo, SaysSoAndClosesTheConnection) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Request request = peer.ReadRequest();
+        const MessageHeader answer = GetParam().answer(request.header.requestId);
+        peer.Send(answer, Bytes(std::min(answer.bodyLength, 1U)));
+        EXPECT_TRUE(peer.ReadToTheEnd().empty());
+    });
+    Client client(kGenerous, service.Name());
+    const auto error =
+        ErrorOf([&] { client.TransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous); });
+    EXPECT_EQ(error.Kind(), ErrorKind::kBadAnswer) << error.what();
+    EXPECT_EQ(KindOf([&] { client.TransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous); }),
+              ErrorKind::kServiceGone);
+}
+
+constexpr Lie kLies[] = {
+    {"WrongId",
+     [](std::uint32_t id) {
+         return MessageHeader{kTransferSucceeded, id + 1, 7, 0};
+     }},
+    {"IdOfAnOldRequest",
+     [](std::uint32_t id) {
+         return MessageHeader{kTransferFailed, id - 1, 0, 0};
+     }},
+    {"WrongCamera",
+     [](std::uint32_t id) {
+         return MessageHeader{kTransferSucceeded, id, 8, 0};
+     }},
+    {"DataThatWasNotAskedFor",
+     [](std::uint32_t id) {
+         return MessageHeader{kTransferSucceeded, id, 7, 1};
+     }},
+    {"BodyLongerThanAnyAnswer",
+     [](std::uint32_t id) {
+         return MessageHeader{kTransferSucceeded, id, 7, 65537};
+     }},
+    {"BodyOfFourGigabytes",
+     [](std::uint32_t id) {
+         return MessageHeader{kTransferSucceeded, id, 7, 0xFFFFFFFF};
+     }},
+    {"FailureWithABody",
+     [](std::uint32_t id) {
+         return MessageHeader{kTransferFailed, id, 7, 1};
+     }},
+    {"TypeZero",
+     [](std::uint32_t id) {
+         return MessageHeader{0, id, 7, 0};
+     }},
+    {"TypeSix",
+     [](std::uint32_t id) {
+         return MessageHeader{6, id, 7, 0};
+     }},
+    {"NotificationWithABody",
+     [](std::uint32_t) {
+         return MessageHeader{kCameraAttached, kNotificationId, 7, 1};
+     }},
+    {"NotificationWithARequestId",
+     [](std::uint32_t id) {
+         return MessageHeader{kCameraDetached, id, 7, 0};
+     }},
+};
+
+INSTANTIATE_TEST_SUITE_P(All, ClientLiedTo, testing::ValuesIn(kLies),
+                         [](const auto& lie) { return std::string(lie.param.name); });
+
+TEST(ClientLied, TheSameAnswerTwice) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Request first = peer.ReadRequest();
+        peer.ReadRequest();
+        peer.Succeed(first);
+        peer.Succeed(first);
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    client.SendTransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous);
+    const auto second = client.SendTransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous);
+    EXPECT_EQ(KindOf([&] { client.Wait(second, kGenerous); }), ErrorKind::kBadAnswer);
+}
+
+TEST(ClientLied, TheRoundTripSucceeds) {
+    FakeService service([](Peer& peer) {
+        peer.Succeed(peer.ReadRequest());
+        peer.ReadToTheEnd();
+    });
+    EXPECT_EQ(KindOf([&] { Client(kGenerous, service.Name()); }), ErrorKind::kBadAnswer);
+}
+
+TEST(ClientLied, GarbageEndsInAnErrorAndNeverHangs) {
+    std::mt19937 random(20'24);
+    for (int round = 0; round < 200; ++round) {
+        // Half of the messages look right in some of their fields, so that more than the first
+        // check is met.
+        Bytes garbage;
+        for (int message = 0; message < 20; ++message) {
+            const auto pick = [&](std::initializer_list<std::uint32_t> values) {
+                return random() % 2 == 0 ? *(values.begin() + random() % values.size())
+                                         : static_cast<std::uint32_t>(random());
+            };
+            const Bytes header = BytesOf({pick({2, 3, 4, 5}), pick({0, 1, kNotificationId}),
+                                          pick({0, 7}), pick({0, 0, 1, 16, 65536})});
+            garbage.insert(garbage.end(), header.begin(), header.end());
+        }
+        FakeService service([&](Peer& peer) { peer.Send(garbage); });
+        try {
+            Client client(kGenerous, service.Name());
+            for (const orvik::CameraId camera : std::vector(client.Cameras()))
+                client.TransferNoData(camera, orvik::TestUnitReadyCdb(), kGenerous);
+        } catch (const orvik::Error& error) {
+            EXPECT_TRUE(error.Kind() == ErrorKind::kBadAnswer ||
+                        error.Kind() == ErrorKind::kServiceGone ||
+                        error.Kind() == ErrorKind::kNoSuchCamera)
+                << error.what();
+        }
+    }
+}
+
+TEST(ClientLeave, StaysUntilTheServiceSurelyReads) {
+    Event secondConnected;
+    Event nextTurn;
+    Event left;
+    std::promise<bool> wasThere;
+    FakeService service(
+        [&](Peer& peer) {
+            peer.Welcome({});
+            // The service has answered and is not yet reading.
+            EXPECT_TRUE(secondConnected.Wait());
+            wasThere.set_value(peer.ClientIsThere());
+            nextTurn.Set();
+            EXPECT_TRUE(peer.ReadToTheEnd().empty());
+            left.Set();
+        },
+        [&](int number) {
+            if (number == 2) {
+                secondConnected.Set();
+                nextTurn.Wait();
+            }
+        });
+    { const Client client(kGenerous, service.Name()); }
+    EXPECT_TRUE(wasThere.get_future().get()) << "left before the service's next turn";
+    EXPECT_TRUE(left.Wait());
+    EXPECT_EQ(service.Connections(), 2);
+}
+
+TEST(ClientLeave, NeedsNoSecondConnectionAfterASuccess) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        peer.Succeed(peer.ReadRequest());
+        peer.ReadToTheEnd();
+    });
+    {
+        Client client(kGenerous, service.Name());
+        client.TransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous);
+    }
+    EXPECT_EQ(service.Connections(), 1);
+}
+
+TEST(ClientLeave, WaitsForTheServiceAndNotForTheCamera) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        peer.ReadRequest();  // never answered
+        const Request roundTrip = peer.ReadRequest();
+        EXPECT_EQ(roundTrip.header.bodyLength, 0U);
+        peer.Refuse(roundTrip);
+        EXPECT_TRUE(peer.ReadToTheEnd().empty());
+    });
+    {
+        Client client(kGenerous, service.Name());
+        client.SendTransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous);
+    }
+    EXPECT_EQ(service.Connections(), 2);
+}
+
+TEST(ClientLeave, AServiceThatHangsFindsAHarmlessRequest) {
+    Event left;
+    FakeService service(
+        [&](Peer& peer) {
+            peer.Welcome({});
+            EXPECT_TRUE(left.Wait());
+            const Bytes rest = peer.ReadToTheEnd();
+            ASSERT_EQ(rest.size(), sizeof(MessageHeader));
+            MessageHeader header{};
+            std::memcpy(&header, rest.data(), sizeof(header));
+            EXPECT_EQ(header.messageType, 4U);
+            EXPECT_EQ(header.bodyLength, 0U);
+        },
+        [&](int number) {
+            if (number == 2)
+                left.Wait();
+        });
+    const auto start = std::chrono::steady_clock::now();
+    { const Client client(kGenerous, service.Name()); }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    left.Set();
+}
+
+TEST(Scsi, Commands) {
+    const auto bytes = [](const auto& cdb) { return Bytes(cdb.begin(), cdb.end()); };
+    EXPECT_EQ(bytes(orvik::InquiryCdb()), MakeBytes({0x12, 0, 0, 0, 36, 0}));
+    EXPECT_EQ(bytes(orvik::TestUnitReadyCdb()), MakeBytes({0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(bytes(orvik::ReadCapacityCdb()), MakeBytes({0x25, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(bytes(orvik::Read6Cdb(0x1F2345, 128)), MakeBytes({8, 0x1F, 0x23, 0x45, 128, 0}));
+    EXPECT_EQ(bytes(orvik::Read6Cdb(0x1FFFFF, 1)), MakeBytes({8, 0x1F, 0xFF, 0xFF, 1, 0}));
+}
+
+TEST(Scsi, Read6RefusesWhatItCannotSay) {
+    EXPECT_EQ(KindOf([] { orvik::Read6Cdb(0, 0); }), ErrorKind::kBadArgument);
+    EXPECT_EQ(KindOf([] { orvik::Read6Cdb(0, 256); }), ErrorKind::kBadArgument);
+    EXPECT_EQ(KindOf([] { orvik::Read6Cdb(0x200000, 1); }), ErrorKind::kBadArgument);
+    EXPECT_EQ(KindOf([] { orvik::Read6Cdb(0x1FFFFF, 2); }), ErrorKind::kBadArgument);
+    EXPECT_EQ(KindOf([] { orvik::Read6Cdb(0xFFFFFFFF, 2); }), ErrorKind::kBadArgument);
+}
+
+Bytes InquiryData(const std::string& texts) {
+    Bytes data = MakeBytes({0x60, 0x80, 4, 2, 31, 0, 0, 0});
+    for (const char c : texts)
+        data.push_back(static_cast<std::byte>(c));
+    return data;
+}
+
+TEST(Scsi, InquiryData) {
+    const auto inquiry = orvik::DecodeInquiry(InquiryData("Orvik   A camera        F01 "));
+    EXPECT_EQ(inquiry.deviceType, 0);
+    EXPECT_TRUE(inquiry.removable);
+    EXPECT_EQ(inquiry.vendor, "Orvik");
+    EXPECT_EQ(inquiry.product, "A camera");
+    EXPECT_EQ(inquiry.revision, "F01");
+}
+
+TEST(Scsi, InquiryDataFromAHostileCamera) {
+    using namespace std::string_literals;
+    const auto odd =
+        orvik::DecodeInquiry(InquiryData("\x1B[31m\xFF\0x        \0\0\0\0\0\0\0\0 \x7F\n "s));
+    EXPECT_EQ(odd.vendor, "?[31m??x");
+    EXPECT_EQ(odd.product, "");
+    EXPECT_EQ(odd.revision, " ??");
+    for (std::size_t size = 0; size < 36; ++size)
+        EXPECT_EQ(KindOf([&] { orvik::DecodeInquiry(Bytes(size)); }), ErrorKind::kBadAnswer);
+    EXPECT_EQ(orvik::DecodeInquiry(Bytes(36)).vendor, "");
+    EXPECT_EQ(orvik::DecodeInquiry(Bytes(65536)).vendor, "");
+}
+
+TEST(Scsi, CapacityData) {
+    const auto capacity = orvik::DecodeCapacity(MakeBytes({0, 1, 0x86, 0x9F, 0, 0, 2, 0}));
+    EXPECT_EQ(capacity.blockCount, 100'000U);
+    EXPECT_EQ(capacity.blockLength, 512U);
+    const auto largest =
+        orvik::DecodeCapacity(MakeBytes({0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0}));
+    EXPECT_EQ(largest.blockCount, std::uint64_t{1} << 32);
+    EXPECT_EQ(largest.blockLength, 0xFFFFFFFFU);
+    EXPECT_EQ(KindOf([] { orvik::DecodeCapacity(Bytes(7)); }), ErrorKind::kBadAnswer);
+    EXPECT_EQ(KindOf([] { orvik::DecodeCapacity(Bytes(8)); }), ErrorKind::kBadAnswer);
+}
+
+}  // namespace

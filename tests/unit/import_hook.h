@@ -1,0 +1,34 @@
+#pragma once
+
+#include <windows.h>
+
+/// Stands between this program and one imported function while it lives: calls go to
+/// `replacement`, which passes them on through Original(). The service's own code calls through
+/// the same table, so a test sees its calls, or does something at just that moment.
+///
+/// `entry` is the function's place in the import table, which the linker calls __imp_<function>.
+/// Thread: made and destroyed while nobody calls the function.
+template <typename Function>
+class ImportHook {
+public:
+    ImportHook(Function* entry, Function replacement) : place(entry), original(*entry) {
+        Set(replacement);
+    }
+    ~ImportHook() { Set(original); }
+
+    ImportHook(const ImportHook&) = delete;
+    ImportHook& operator=(const ImportHook&) = delete;
+
+    Function Original() const noexcept { return original; }
+
+private:
+    void Set(Function function) noexcept {
+        DWORD protection = 0;
+        ::VirtualProtect(place, sizeof(*place), PAGE_READWRITE, &protection);
+        *place = function;
+        ::VirtualProtect(place, sizeof(*place), protection, &protection);
+    }
+
+    Function* place;
+    Function original;
+};

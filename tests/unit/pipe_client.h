@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include <boost/smart_ptr/shared_ptr.hpp>
+
+#include "session/message.h"
+#include "test_port.h"
+
+using ByteVector = std::vector<std::byte>;
+
+/// `count` bytes that differ from each other's neighbours and, by `seed`, from other patterns.
+ByteVector Pattern(std::size_t count, unsigned seed = 0);
+
+/// The bytes of one message; `bodyLength` is that of `body`.
+ByteVector Message(std::uint32_t type, std::uint32_t requestId, std::uint32_t cameraId,
+                   std::span<const std::byte> body = {});
+
+/// One after the other.
+ByteVector operator+(ByteVector first, std::span<const std::byte> second);
+
+/// A message that has come from the service.
+struct ReceivedMessage {
+    MessageHeader header;
+    ByteVector body;
+};
+
+/// The other end of the camera pipe, as raw as possible: it writes what it is told and collects
+/// what comes. Its own packets come through the port of the test, so that one thread plays both
+/// sides and a test decides what happens before what.
+class PipeClient {
+public:
+    enum class Reading { kAtOnce, kNever };
+
+    /// Connects. Throws std::system_error. The service has not noticed before its packet is
+    /// dispatched.
+    explicit PipeClient(TestPort& port, Reading reading = Reading::kAtOnce);
+
+    /// Leaves, whatever is under way.
+    ~PipeClient();
+
+    PipeClient(const PipeClient&) = delete;
+    PipeClient& operator=(const PipeClient&) = delete;
+
+    /// Starts one WriteFile of these bytes. Throws std::system_error if it fails at once.
+    void Write(std::span<const std::byte> bytes);
+
+    /// For a client made with kNever.
+    void StartReading();
+
+    /// Closes the pipe. Packets of what was under way still come.
+    void Close();
+
+    std::size_t PendingWrites() const noexcept;
+
+    /// The service has closed its end.
+    bool HasEnded() const noexcept;
+
+    std::size_t BytesReceived() const noexcept;
+
+    /// The complete messages received so far.
+    std::vector<ReceivedMessage> Messages() const;
+
+private:
+    struct State;
+    boost::shared_ptr<State> state;  // shared with the callbacks of what is under way
+};

@@ -1,0 +1,663 @@
+// One client's requests and their answers: the wire protocol, the session, the transfers.
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include "call_log.h"
+#include "device/device.h"
+#include "device/windows_exception.h"
+#include "guarded_heap.h"
+#include "service_fixture.h"
+#include "session/server_client.h"
+
+namespace {
+
+constexpr std::size_t kBlock = vcam::kBlockSize;
+
+class SessionTest : public ServiceFixture {
+protected:
+    void TearDown() override {
+        client.reset();
+        memory = ByteVector();
+        ServiceFixture::TearDown();
+    }
+
+    /// A camera with a known memory, the server, and a client that knows of the camera.
+    void Start(const vcam::PlugOptions& options = {}) {
+        camera = Plug(options);
+        memory = Pattern(std::size_t{options.blockCount} * kBlock);
+        bus.WriteMemory(camera, 0, memory);
+        StartServer();
+        client = Connect();
+        WaitForMessage(*client, 1);
+        answers = 1;
+        output.Clear();
+    }
+
+    /// Sends a request and dispatches until it is answered.
+    ReceivedMessage Ask(std::uint32_t type, std::span<const std::byte> body,
+                        std::uint32_t cameraId = kFirstCamera) {
+        client->Write(Message(type, ++requests, cameraId, body));
+        const ReceivedMessage answer = WaitForMessage(*client, ++answers);
+        EXPECT_EQ(answer.header.requestId, requests);
+        EXPECT_EQ(answer.header.cameraId, cameraId);
+        EXPECT_EQ(answer.header.bodyLength, answer.body.size());
+        return answer;
+    }
+
+    ByteVector MemoryAt(std::size_t block, std::size_t count) const {
+        const auto start = memory.begin() + static_cast<std::ptrdiff_t>(block * kBlock);
+        return {start, start + static_cast<std::ptrdiff_t>(count * kBlock)};
+    }
+
+    std::uint64_t RequestsSeen() { return bus.Counters(camera).requests; }
+
+    vcam::CameraId camera = 0;
+    ByteVector memory;
+    std::unique_ptr<PipeClient> client;
+    std::size_t answers = 0;
+    std::uint32_t requests = 0;
+};
+
+TEST_F(SessionTest, TransferInAnswersWithExactlyWhatTheCameraReturned) {
+    Start();
+    for (const int blocks : {1, 2, 127, 128}) {
+        SCOPED_TRACE(blocks);
+        const ReceivedMessage answer = Ask(3, ReadCommand(5, static_cast<std::uint8_t>(blocks)));
+        EXPECT_EQ(answer.header.messageType, 2u);
+        EXPECT_EQ(answer.body, MemoryAt(5, static_cast<std::size_t>(blocks)));
+    }
+    EXPECT_EQ(output.Out() + output.Error(), "") << "a request writes no line";
+}
+
+TEST_F(SessionTest, TransferInAsksFor65536BytesWhateverItsBodyLength) {
+    Start();
+    const ReceivedMessage answer = Ask(3, ReadCommand(0, 1) + Pattern(84));
+    EXPECT_EQ(answer.header.messageType, 2u);
+    EXPECT_EQ(answer.body, MemoryAt(0, 1));
+    const vcam::Request request = bus.LastRequests(camera, 1).at(0);
+    EXPECT_EQ(request.inputLength, 65601u);
+    EXPECT_EQ(request.outputLength, 65601u);
+    EXPECT_EQ(reinterpret_cast<const PassThroughBuffer*>(request.block.data())->scsi.DataTransferLength,
+              65536u);
+}
+
+TEST_F(SessionTest, TransferOutOf528BytesSends512AndABlockOf577) {
+    Start();
+    const ByteVector data = Pattern(512, 3);
+    const ReceivedMessage answer = Ask(2, WriteCommand(7, data));
+    EXPECT_EQ(answer.header.messageType, 2u);
+    EXPECT_EQ(answer.header.bodyLength, 0u);
+    EXPECT_EQ(bus.ReadMemory(camera, 7 * kBlock, 512), data);
+    const vcam::Request request = bus.LastRequests(camera, 1).at(0);
+    EXPECT_EQ(request.inputLength, 577u);
+    EXPECT_EQ(ByteVector(request.block.begin() + 65, request.block.end()), data);
+}
+
+TEST_F(SessionTest, TransferOutOfTheCommandAloneSucceedsWithoutABody) {
+    Start();
+    const ReceivedMessage answer = Ask(2, TestUnitReadyCommand());
+    EXPECT_EQ(answer.header.messageType, 2u);
+    EXPECT_EQ(answer.header.bodyLength, 0u);
+    EXPECT_EQ(bus.LastRequests(camera, 1).at(0).inputLength, 65u);
+}
+
+TEST_F(SessionTest, TransferWithoutDataSendsZerosInPlaceOfItsFurtherBytes) {
+    Start();
+    const ReceivedMessage answer = Ask(4, TestUnitReadyCommand() + Pattern(100));
+    EXPECT_EQ(answer.header.messageType, 2u);
+    EXPECT_EQ(answer.header.bodyLength, 0u);
+    const vcam::Request request = bus.LastRequests(camera, 1).at(0);
+    EXPECT_EQ(request.inputLength, 165u);
+    EXPECT_EQ(ByteVector(request.block.begin() + 65, request.block.end()), ByteVector(100));
+}
+
+TEST_F(SessionTest, RequestWithoutAWholeCommandFailsBeforeAnyCameraIsLookedUp) {
+    Start();
+    for (const std::uint32_t type : {2u, 3u, 4u}) {
+        for (std::size_t length = 0; length < 16; ++length) {
+            for (const std::uint32_t id : {0u, kFirstCamera, 12345u, 0xFFFFFFFFu}) {
+                SCOPED_TRACE("type " + std::to_string(type) + ", length " +
+                             std::to_string(length) + ", camera " + std::to_string(id));
+                const ReceivedMessage answer = Ask(type, Pattern(length), id);
+                ASSERT_EQ(answer.header.messageType, 3u);
+                ASSERT_EQ(answer.header.bodyLength, 0u);
+            }
+        }
+    }
+    EXPECT_EQ(bus.Counters(camera).opens, bus.Counters(camera).closes) << "the camera was opened";
+    EXPECT_EQ(RequestsSeen(), 0u);
+}
+
+TEST_F(SessionTest, MessagesOfUnknownTypesAreSwallowedWhole) {
+    Start();
+    ByteVector all;
+    for (const std::uint32_t type : {0u, 1u, 5u, 7u, 0x80000002u, 0xFFFFFFFFu}) {
+        all = std::move(all) + Message(type, 1, kFirstCamera, Pattern(3));
+        all = std::move(all) + Message(type, 2, 99, {});
+        all = std::move(all) + Message(type, 3, 99, Pattern(1000));
+    }
+    client->Write(all);
+    const ReceivedMessage answer = Ask(3, ReadCommand(1, 1));
+    EXPECT_EQ(answer.body, MemoryAt(1, 1));
+    EXPECT_EQ(client->Messages().size(), answers);
+    EXPECT_EQ(output.Out() + output.Error(), "");
+}
+
+TEST_F(SessionTest, MessagesInOneWriteAreHandledInOrder) {
+    Start();
+    client->Write(Message(3, 100, kFirstCamera, ReadCommand(1, 1)) +
+                  Message(3, 101, 0, {}) +
+                  Message(2, 102, kFirstCamera, WriteCommand(9, Pattern(512, 8))) +
+                  Message(3, 103, kFirstCamera, ReadCommand(9, 1)));
+    WaitForMessage(*client, 5);
+    std::map<std::uint32_t, ReceivedMessage> byId;
+    for (const ReceivedMessage& message : client->Messages())
+        byId[message.header.requestId] = message;
+    EXPECT_EQ(byId[100].body, MemoryAt(1, 1));
+    EXPECT_EQ(byId[101].header.messageType, 3u);
+    EXPECT_EQ(byId[102].header.messageType, 2u);
+    EXPECT_EQ(byId[103].body, Pattern(512, 8)) << "the write came after the read";
+}
+
+TEST_F(SessionTest, SplitHeaderStallsOnlyItsOwnSession) {
+    Start();
+    const auto other = ConnectAndAsk();
+    const ByteVector message = Message(3, 7, kFirstCamera, ReadCommand(0, 1));
+    const std::span<const std::byte> bytes(message);
+    client->Write(bytes.first(5));
+    port.DispatchUntil("the first piece", [&] { return client->PendingWrites() == 0; });
+    port.DispatchQueued();
+    output.Clear();
+    client->Write(bytes.subspan(5, 11));
+    port.DispatchUntil("the refusal", [&] {
+        return output.Error() ==
+               "IoOperation::Complete expected status == kPending, instead status = 1\n";
+    });
+    {
+        const CallLog log;
+        client->Write(bytes.subspan(16));
+        client->Write(Message(3, 8, 0, {}));
+        RoundTrip(*other);
+        RoundTrip(*other);
+        EXPECT_EQ(log.text.find("R16 Q R16"), std::string::npos);
+    }
+    EXPECT_EQ(client->Messages().size(), 1u) << "a stalled session answers";
+    EXPECT_EQ(RequestsSeen(), 0u);
+    // Nothing is being read that could notice the client's end.
+    client.reset();
+    RoundTrip(*other);
+    EXPECT_EQ(Shutdowns(), 0u);
+}
+
+TEST_F(SessionTest, EmptyWriteOfAClientIsNoHeader) {
+    Start();
+    const auto other = ConnectAndAsk();
+    client->Write({});
+    port.DispatchUntil("the empty write", [&] { return client->PendingWrites() == 0; });
+    RoundTrip(*other);  // it may stall the client's own session, and nothing else
+    ExpectServing();
+}
+
+TEST_F(SessionTest, UnknownCameraEndsTheRunWithAPlainRuntimeErrorAndNoAnswer) {
+    Start();
+    for (const std::uint32_t id : {0u, 2u, 0x80000000u, 0xFFFFFFFFu}) {
+        SCOPED_TRACE(id);
+        auto asking = ConnectAndAsk();
+        const std::size_t before = asking->Messages().size();
+        CallLog log;
+        asking->Write(Message(3, 5, id, ReadCommand(0, 1)));
+        try {
+            port.DispatchUntil("the error", [] { return false; });
+            FAIL() << "no exception";
+        } catch (const WindowsException& exception) {
+            FAIL() << "a system error: " << exception.what();
+        } catch (const std::runtime_error& error) {
+            EXPECT_STREQ(error.what(), "Bad camera in request.");
+        }
+        log.text.clear();
+        port.DispatchQueued();
+        EXPECT_EQ(log.text.find('R'), std::string::npos) << "the session reads on: " << log.text;
+        EXPECT_EQ(asking->Messages().size(), before);
+    }
+}
+
+TEST_F(SessionTest, CameraThatCannotBeOpenedEndsTheRun) {
+    Start();
+    bus.Unplug(camera);
+    client->Write(Message(3, 1, kFirstCamera, ReadCommand(0, 1)));
+    try {
+        port.DispatchUntil("the error", [] { return false; });
+        FAIL() << "no exception";
+    } catch (const WindowsException& exception) {
+        EXPECT_EQ(std::string(exception.what()).find("Device::Open() failed.  GetLastError() = 0x"),
+                  0u)
+            << exception.what();
+    }
+    // The session closes what it has not opened; that ends at once.
+    output.Clear();
+    server.reset();
+    EXPECT_EQ(Shutdowns(), 1u);
+    ForgetPlugged();
+}
+
+TEST_F(SessionTest, SessionKeepsOneCameraOpenAndClosesItForTheNext) {
+    const vcam::CameraId first = Plug();
+    const vcam::CameraId second = Plug();
+    StartServer();
+    client = Connect();
+    WaitForMessage(*client, 2);
+    answers = 2;
+    const auto open = [&](vcam::CameraId id) {
+        const vcam::CameraCounters counters = bus.Counters(id);
+        return counters.opens - counters.closes;
+    };
+    EXPECT_EQ(open(first), 0u);
+    const std::uint64_t opensBefore = bus.Counters(first).opens;
+    Ask(3, ReadCommand(0, 1), 1);
+    Ask(3, ReadCommand(0, 1), 1);
+    EXPECT_EQ(bus.Counters(first).opens, opensBefore + 1) << "opened once for two requests";
+    EXPECT_EQ(open(first), 1u);
+    EXPECT_EQ(open(second), 0u);
+    Ask(3, ReadCommand(0, 1), 2);
+    EXPECT_EQ(open(first), 0u);
+    EXPECT_EQ(open(second), 1u);
+    // Messages without a transfer leave it open.
+    Ask(3, {}, 1);
+    EXPECT_EQ(open(second), 1u);
+    Leave(client);
+    EXPECT_EQ(open(second), 0u);
+}
+
+TEST_F(SessionTest, CameraStaysOpenUntilTheLastOfItsSessionsEnds) {
+    Start();
+    auto other = ConnectAndAsk();
+    Ask(3, ReadCommand(0, 1));
+    other->Write(Message(3, 50, kFirstCamera, ReadCommand(0, 1)));
+    WaitForMessage(*other, 3);
+    const vcam::CameraCounters counters = bus.Counters(camera);
+    Leave(other);
+    EXPECT_EQ(bus.Counters(camera).closes, counters.closes);
+    Ask(3, ReadCommand(0, 1));
+    Leave(client);
+    EXPECT_EQ(bus.Counters(camera).closes, counters.closes + 1);
+}
+
+TEST_F(SessionTest, ScsiStatusOtherThanZeroIsAFailedTransfer) {
+    Start();
+    for (const std::uint32_t type : {2u, 3u, 4u}) {
+        vcam::Behaviour behaviour;
+        behaviour.scsiStatus = 0x08;
+        bus.SetBehaviour(camera, behaviour);
+        EXPECT_EQ(Ask(type, TestUnitReadyCommand()).header.messageType, 3u);
+        bus.SetBehaviour(camera, {});
+        EXPECT_EQ(Ask(type, TestUnitReadyCommand()).header.messageType, 2u);
+    }
+    // What the camera itself says to a command that it does not know.
+    ByteVector unknown(16, std::byte{0xEE});
+    EXPECT_EQ(Ask(3, unknown).header.messageType, 3u);
+}
+
+TEST_F(SessionTest, TransferThatEndsWithAnErrorFailsAndTheCameraStays) {
+    Start();
+    const auto other = ConnectAndAsk();
+    bus.SetBehaviour(camera, EndsWith(kStatusIoDeviceError));
+    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 3u);
+    EXPECT_EQ(Ask(2, TestUnitReadyCommand()).header.messageType, 3u);
+    bus.SetBehaviour(camera, EndsWith(kStatusBufferOverflow));  // a warning is a failure too
+    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 3u);
+    bus.SetBehaviour(camera, {});
+    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 2u);
+    EXPECT_TRUE(server->FindDevice(kFirstCamera));
+    EXPECT_EQ(output.CountError("No main communicator"), 0u);
+}
+
+TEST_F(SessionTest, AbortedTransferIsNotAnswered) {
+    Start();
+    bus.SetBehaviour(camera, EndsWith(kStatusCancelled));
+    client->Write(Message(3, 70, kFirstCamera, ReadCommand(0, 1)));
+    port.DispatchUntil("the abort", [&] {
+        return output.CountOut("GetQueuedCompletionStatus returned FALSE: 995\n") == 1;
+    });
+    bus.SetBehaviour(camera, {});
+    const ReceivedMessage answer = Ask(3, ReadCommand(0, 1));
+    EXPECT_EQ(answer.header.messageType, 2u);
+    EXPECT_EQ(client->Messages().size(), answers);
+}
+
+TEST_F(SessionTest, TransferThatCannotStartFailsFirstAndThenTheCameraIsGone) {
+    Start();
+    auto asking = ConnectAndAsk();
+    const std::size_t before = asking->Messages().size();
+    bus.SetBehaviour(camera, FailsAtOnce(kStatusIoDeviceError));
+    const auto device = server->FindDevice(kFirstCamera);
+    client->Write(Message(3, 81, kFirstCamera, ReadCommand(0, 1)));
+    WaitForMessage(*client, 3);
+    const std::vector<ReceivedMessage> messages = client->Messages();
+    EXPECT_EQ(messages[1].header.messageType, 3u);
+    EXPECT_EQ(messages[1].header.requestId, 81u);
+    EXPECT_EQ(messages[2].header.messageType, 5u);
+    EXPECT_EQ(messages[2].header.requestId, 0xFFFFFFFFu);
+    EXPECT_EQ(messages[2].header.cameraId, kFirstCamera);
+    EXPECT_EQ(messages[2].header.bodyLength, 0u);
+    EXPECT_FALSE(server->FindDevice(kFirstCamera));
+    EXPECT_TRUE(device->Removed());
+    answers = 3;
+
+    // Whoever still has it attached gets a failure without any device call.
+    bus.SetBehaviour(camera, {});
+    const std::uint64_t seen = RequestsSeen();
+    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 3u);
+    EXPECT_EQ(RequestsSeen(), seen);
+    RoundTrip(*asking);
+    EXPECT_EQ(asking->Messages().size(), before + 1) << "a camera pipe was told";
+}
+
+TEST_F(SessionTest, TransferThatCannotStartWithoutAMainCommunicatorIsOneLine) {
+    Start();
+    auto asking = ConnectAndAsk();
+    Leave(client);
+    output.Clear();
+    bus.SetBehaviour(camera, FailsAtOnce(kStatusIoDeviceError));
+    const std::size_t before = asking->Messages().size();
+    asking->Write(Message(4, 82, kFirstCamera, TestUnitReadyCommand()));
+    WaitForMessage(*asking, before + 1);
+    EXPECT_EQ(asking->Messages().back().header.messageType, 3u);
+    EXPECT_EQ(output.Error(), "No main communicator found on device detach.\n");
+    RoundTrip(*asking);
+}
+
+TEST_F(SessionTest, TransferThatFailsAtOnceWithAbortedIsAnsweredLikeAnyOther) {
+    Start();
+    bus.SetBehaviour(camera, FailsAtOnce(kStatusCancelled));
+    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 3u);
+}
+
+TEST_F(SessionTest, TransferThatFailsAtOnceWithAWarningIsAnsweredOnce) {
+    Start();
+    bus.SetBehaviour(camera, FailsAtOnce(kStatusBufferOverflow));
+    client->Write(Message(3, 90, kFirstCamera, ReadCommand(0, 1)));
+    WaitForMessage(*client, 2);
+    RoundTrip(*client);
+    std::size_t count = 0;
+    for (const ReceivedMessage& message : client->Messages())
+        count += message.header.requestId == 90 ? 1u : 0u;
+    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(client->Messages()[1].header.messageType, 3u);
+}
+
+TEST_F(SessionTest, ShortAnswersOfTheDriverNeverMakeALengthBelowZero) {
+    Start();
+    for (const std::uint32_t returned : {0u, 1u, 55u, 56u, 64u, 65u, 66u, 65601u}) {
+        SCOPED_TRACE(returned);
+        vcam::Behaviour behaviour;
+        behaviour.returnedBytes = returned;
+        bus.SetBehaviour(camera, behaviour);
+        const ReceivedMessage answer = Ask(3, ReadCommand(0, 128));
+        EXPECT_EQ(answer.header.messageType, 2u);
+        EXPECT_EQ(answer.header.bodyLength, returned > 65 ? returned - 65 : 0);
+        // The block's head only comes back as far as was returned, so the ids did not change.
+        const ReceivedMessage other = Ask(4, TestUnitReadyCommand());
+        EXPECT_EQ(other.header.messageType, 2u);
+        EXPECT_EQ(other.header.bodyLength, 0u);
+    }
+    vcam::Behaviour behaviour;
+    behaviour.maximumDataBytes = 0;
+    bus.SetBehaviour(camera, behaviour);
+    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.bodyLength, 0u);
+    behaviour.maximumDataBytes = 100;
+    bus.SetBehaviour(camera, behaviour);
+    const ReceivedMessage answer = Ask(3, ReadCommand(0, 1));
+    EXPECT_EQ(answer.body, ByteVector(memory.begin(), memory.begin() + 100));
+}
+
+TEST_F(SessionTest, RemovedCameraFailsThroughTheSessionThatHasItWithoutADeviceCall) {
+    Start();
+    Ask(3, ReadCommand(0, 1));
+    const std::uint64_t seen = RequestsSeen();
+    server->FindDevice(kFirstCamera)->SetRemoved();
+    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 3u);
+    EXPECT_EQ(RequestsSeen(), seen);
+    EXPECT_TRUE(server->FindDevice(kFirstCamera)) << "only a flag: the camera stays in the table";
+}
+
+TEST_F(SessionTest, TransfersOutstandingOnOneCameraAreAnsweredAsTheyEnd) {
+    Start();
+    constexpr std::uint32_t kCount = 40;
+    bus.SetBehaviour(camera, Holds());
+    ByteVector all;
+    for (std::uint32_t index = 0; index < kCount; ++index)
+        all = std::move(all) + Message(3, 1000 + index, kFirstCamera,
+                                       ReadCommand(index, static_cast<std::uint8_t>(index % 3 + 1)));
+    client->Write(all);
+    // A client whose camera is busy is served all the same.
+    port.DispatchUntil("the requests to be sent", [&] { return client->PendingWrites() == 0; });
+    RoundTrip(*client);
+    ++answers;
+    ASSERT_EQ(bus.Counters(camera).pending, kCount);
+
+    const std::vector<vcam::Request> held = bus.LastRequests(camera, kCount);
+    std::vector<std::uint32_t> order;
+    for (std::uint32_t index = 0; index < kCount; ++index)
+        order.push_back(index * 17 % kCount);
+    for (const std::uint32_t index : order)
+        bus.Release(camera, held[index].sequenceNumber);
+    WaitForMessage(*client, answers + kCount);
+    const std::vector<ReceivedMessage> messages = client->Messages();
+    for (std::uint32_t at = 0; at < kCount; ++at) {
+        const std::uint32_t index = order[at];
+        const ReceivedMessage& message = messages[answers + at];
+        ASSERT_EQ(message.header.requestId, 1000 + index) << "answer " << at;
+        EXPECT_EQ(message.header.messageType, 2u);
+        EXPECT_EQ(message.header.cameraId, kFirstCamera);
+        ASSERT_EQ(message.body, MemoryAt(index, index % 3 + 1)) << "answer " << at;
+    }
+    EXPECT_EQ(messages.size(), answers + kCount);
+}
+
+TEST_F(SessionTest, BodyInPiecesArrivesWhole) {
+    Start();
+    const ByteVector data = Pattern(40 * kBlock, 5);
+    const ByteVector message = Message(2, 60, kFirstCamera, WriteCommand(20, data));
+    const std::span<const std::byte> bytes(message);
+    client->Write(bytes.first(16));
+    for (std::size_t at = 16; at < bytes.size();) {
+        port.DispatchUntil("a piece", [&] { return client->PendingWrites() == 0; });
+        port.DispatchQueued();
+        const std::size_t size = std::min<std::size_t>(bytes.size() - at, 1 + at / 2);
+        client->Write(bytes.subspan(at, size));
+        at += size;
+    }
+    const ReceivedMessage answer = WaitForMessage(*client, 2);
+    EXPECT_EQ(answer.header.requestId, 60u);
+    EXPECT_EQ(answer.header.messageType, 2u);
+    EXPECT_EQ(bus.ReadMemory(camera, 20 * kBlock, data.size()), data);
+}
+
+TEST_F(SessionTest, ContinuationReadAsksForTheWholeLengthAndWhatHasCome) {
+    Start();
+    const ByteVector message = Message(7, 60, 0, Pattern(1000));
+    const std::span<const std::byte> bytes(message);
+    port.DispatchQueued();
+    CallLog log;
+    client->Write(bytes.first(16));
+    const auto settle = [&] {
+        port.DispatchUntil("a piece", [&] { return client->PendingWrites() == 0; });
+        port.DispatchQueued();
+    };
+    settle();
+    client->Write(bytes.subspan(16, 300));
+    settle();
+    client->Write(bytes.subspan(316, 400));
+    settle();
+    client->Write(bytes.subspan(716, 300));
+    settle();
+    std::string service = log.text;
+    for (const char* own : {"W16 ", "W300 ", "W400 "}) {
+        const std::size_t at = service.find(own);
+        ASSERT_NE(at, std::string::npos) << service;
+        service.erase(at, std::strlen(own));
+    }
+    service.erase(service.find("W300 "), 5);
+    EXPECT_EQ(service, "Q R1000 Q R1300 Q R1700 Q R16");
+}
+
+TEST_F(SessionTest, WhatFollowsABodyInPiecesIsSwallowedWithItsLastPiece) {
+    Start();
+    const ByteVector body = Pattern(100);
+    const ByteVector message = Message(7, 60, 0, body);
+    const std::span<const std::byte> bytes(message);
+    client->Write(bytes.first(16 + 99));
+    port.DispatchUntil("the first piece", [&] { return client->PendingWrites() == 0; });
+    port.DispatchQueued();
+    // More than fits behind the body, in one piece: 199 bytes are taken, the rest is a message.
+    const ByteVector glued = ByteVector(bytes.begin() + 16 + 99, bytes.end()) +
+                             Pattern(198) + Message(3, 61, 0, {});
+    client->Write(glued);
+    const ReceivedMessage answer = WaitForMessage(*client, 2);
+    EXPECT_EQ(answer.header.requestId, 61u);
+    EXPECT_EQ(answer.header.messageType, 3u);
+}
+
+TEST_F(SessionTest, BodyOf64MebibytesInOneMessageAndInPieces) {
+    vcam::PlugOptions options;
+    options.blockCount = 16;
+    Start(options);
+    constexpr std::size_t kSize = 64 * 1024 * 1024;
+    const ByteVector body(kSize, std::byte{0x3C});
+    client->Write(Message(7, 1, 0, body));
+    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 2u);
+
+    const ByteVector header = Message(7, 1, 0, body);
+    client->Write(std::span(header).first(16));
+    constexpr std::size_t kPiece = 5000000;
+    for (std::size_t at = 0; at < kSize; at += kPiece) {
+        client->Write(std::span(body).first(std::min(kPiece, kSize - at)));
+        port.DispatchUntil("a piece", [&] { return client->PendingWrites() == 0; });
+    }
+    port.DispatchQueued();
+    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 2u);
+}
+
+TEST_F(SessionTest, ClientThatNeverReadsFillsOnlyItsOwnQueue) {
+    Start();
+    auto silent = Connect(PipeClient::Reading::kNever);
+    constexpr std::uint32_t kCount = 100;
+    for (std::uint32_t index = 0; index < kCount; ++index)
+        silent->Write(Message(3, 500 + index, kFirstCamera, ReadCommand(0, 128)));
+    port.DispatchUntil("its requests", [&] {
+        return RequestsSeen() == kCount && silent->PendingWrites() == 0;
+    });
+    RoundTrip(*client);
+    ++answers;
+    EXPECT_EQ(Ask(3, ReadCommand(3, 1)).body, MemoryAt(3, 1));
+    // All of it is there once it reads, in order.
+    silent->StartReading();
+    WaitForMessage(*silent, 1 + kCount);
+    const std::vector<ReceivedMessage> messages = silent->Messages();
+    for (std::uint32_t index = 0; index < kCount; ++index) {
+        ASSERT_EQ(messages[1 + index].header.requestId, 500 + index);
+        ASSERT_EQ(messages[1 + index].body, MemoryAt(0, 128));
+    }
+}
+
+TEST_F(SessionTest, ClientThatLeavesWhileIdleEndsItsSessionOnce) {
+    Start();
+    const auto other = ConnectAndAsk();
+    output.Clear();
+    Leave(client);
+    EXPECT_EQ(output.CountOut("ServerClient shutdown.\n"), 1u);
+    EXPECT_EQ(output.Error(), "");
+    RoundTrip(*other);
+}
+
+/// A request's calls and allocations, from its header's packet to the packet of the last write.
+class RequestRoadTest : public SessionTest {
+protected:
+    void TearDown() override {
+        calls = std::string();
+        calls.shrink_to_fit();
+        allocations = std::vector<std::size_t>();
+        SessionTest::TearDown();
+    }
+
+    /// Starts, and replaces the client by one that reads nothing.
+    void StartQuiet() {
+        Start();
+        Leave(client);
+        client = Connect(PipeClient::Reading::kNever);
+        port.DispatchQueued();
+    }
+
+    /// Serves one request of a client that does nothing meanwhile but have written it.
+    void Serve(const ByteVector& message, std::size_t packets) {
+        client->Write(message);
+        CallLog log;
+        std::size_t taken = 0;
+        guarded_heap::AllocationRecord record;
+        while (taken < packets) {
+            port.DispatchOne();
+            taken = OutputCapture::Count(log.text, "Q");
+        }
+        allocations = record.Stop();
+        calls = log.text;
+    }
+
+    /// Sizes of the allocations but those of the write queue's own nodes, which come every few
+    /// dozen entries.
+    std::vector<std::size_t> AllocationsButQueueNodes() const {
+        std::vector<std::size_t> sizes = allocations;
+        std::erase(sizes, 512);
+        std::sort(sizes.begin(), sizes.end());
+        return sizes;
+    }
+
+    std::string calls;
+    std::vector<std::size_t> allocations;
+};
+
+TEST_F(RequestRoadTest, TransferInTakesTheAgreedCallsAndAllocations) {
+    StartQuiet();
+    const ByteVector message = Message(3, 77, kFirstCamera, ReadCommand(0, 1) + Pattern(5));
+    Serve(message, 5);  // opens the camera
+    for (int round = 0; round < 3; ++round) {
+        Serve(message, 5);
+        EXPECT_EQ(calls, "Q R21 Q D65601 R16 Q W16 Q W512 Q");
+        allocations.erase(std::find(allocations.begin(), allocations.end(), 512));  // the data
+        EXPECT_EQ(AllocationsButQueueNodes(),
+                  (std::vector<std::size_t>{16, 21, sizeof(IoOperation), 65601}));
+    }
+}
+
+TEST_F(RequestRoadTest, TransferOutTakesTheAgreedCallsAndAllocations) {
+    StartQuiet();
+    const ByteVector message = Message(2, 78, kFirstCamera, WriteCommand(0, Pattern(1024)));
+    Serve(message, 4);
+    for (int round = 0; round < 3; ++round) {
+        Serve(message, 4);
+        EXPECT_EQ(calls, "Q R1040 Q D1089 R16 Q W16 Q");
+        EXPECT_EQ(AllocationsButQueueNodes(),
+                  (std::vector<std::size_t>{16, sizeof(IoOperation), 1040, 1089}));
+    }
+}
+
+TEST_F(RequestRoadTest, RefusedRequestTakesTheAgreedCallsAndAllocations) {
+    StartQuiet();
+    Serve(Message(4, 79, 0, {}), 2);
+    for (int round = 0; round < 3; ++round) {
+        Serve(Message(4, 79, 0, {}), 2);
+        EXPECT_EQ(calls, "Q W16 R16 Q");
+        EXPECT_EQ(AllocationsButQueueNodes(), (std::vector<std::size_t>{16}));
+    }
+}
+
+}  // namespace
