@@ -1,6 +1,7 @@
 // The service under the service control manager, as that and its clients see it.
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -98,8 +99,10 @@ TEST_F(StopTest, WithoutClients) {
 }
 
 TEST_F(StopTest, WithClientsConnected) {
+    constexpr std::size_t kClients = 50;
     std::vector<RawClient> clients;
-    for (int count = 0; count < 50; ++count)
+    clients.reserve(kClients);
+    while (clients.size() < kClients)
         clients.push_back(Connect());
     ExpectQuickStop();
     for (RawClient& client : clients)

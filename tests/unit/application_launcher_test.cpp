@@ -1,4 +1,5 @@
-// The start of the desktop application, with the real registry keys and a real program in its place.
+// The start of the desktop application, with the real registry keys and a real program in its
+// place.
 
 #include <cstdint>
 #include <filesystem>
@@ -57,10 +58,9 @@ struct Started {
 class Recorder {
 public:
     Recorder()
-        : pipe(OwnFile(::CreateNamedPipeW(recording::kPipeName,
-                                          PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
-                                          PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, 10, 0, 0x10000,
-                                          0, nullptr))),
+        : pipe(OwnFile(::CreateNamedPipeW(
+              recording::kPipeName, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+              PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, 10, 0, 0x10000, 0, nullptr))),
           event(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
         if (!pipe || !event)
             throw std::system_error(static_cast<int>(::GetLastError()), std::system_category());

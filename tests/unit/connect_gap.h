@@ -14,7 +14,8 @@ extern "C" decltype(&::ConnectNamedPipe) __imp_ConnectNamedPipe;
 class ConnectGap {
 public:
     explicit ConnectGap(std::function<void()> whatToDo)
-        : action(std::move(whatToDo)), hook(&__imp_ConnectNamedPipe, Connect) {
+        : action(std::move(whatToDo)),
+          hook(&__imp_ConnectNamedPipe, Connect) {
         current = this;
     }
     ~ConnectGap() { current = nullptr; }

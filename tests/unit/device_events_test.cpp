@@ -90,8 +90,8 @@ TEST_F(DeviceEventsTest, EachArrivalIsALineOfWideOutput) {
     const vcam::CameraId camera = Plug();
     Arrive(camera);
     InterfaceEvent(DBT_DEVICEARRIVAL, L"\\\\?\\not a camera");
-    const std::wstring expected = L"DeviceArrival: " + bus.InterfacePath(camera) +
-                                  L"\nDeviceArrival: \\\\?\\not a camera\n";
+    const std::wstring expected =
+        L"DeviceArrival: " + bus.InterfacePath(camera) + L"\nDeviceArrival: \\\\?\\not a camera\n";
     EXPECT_EQ(output.Wide().substr(output.Wide().size() - expected.size()), expected);
     EXPECT_EQ(Cameras(), Ids{1});
 }

@@ -117,8 +117,8 @@ ByteVector ExpectedHead(std::uint8_t direction, std::uint32_t length, bool dataI
     const auto put = [&head](std::size_t offset, std::uint64_t value, std::size_t size) {
         std::memcpy(head.data() + offset, &value, size);
     };
-    put(0, 56, 2);       // Length
-    put(6, 8, 1);        // CdbLength, whatever the command
+    put(0, 56, 2);  // Length
+    put(6, 8, 1);   // CdbLength, whatever the command
     put(8, direction, 1);
     put(12, length, 4);  // DataTransferLength
     put(16, 100, 4);     // TimeOutValue, seconds
@@ -242,8 +242,8 @@ TEST_F(DeviceTest, PacketsComeUnderTheHandlesLowPartPlus10000) {
         device.Open();
         handle = calls.handle;
         // 0x1F4 (500) gives 0x2904 (10500).
-        EXPECT_EQ(calls.key, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(handle)) +
-                                 10000u);
+        EXPECT_EQ(calls.key,
+                  static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(handle)) + 10000u);
     }
     std::uint64_t key = 0;
     auto* const operation = new IoOperation([&key](IoOperation* finished) {
@@ -253,8 +253,7 @@ TEST_F(DeviceTest, PacketsComeUnderTheHandlesLowPartPlus10000) {
     const TransferRequest request = Request(4, 0);
     device.Transfer(operation, &request, nullptr, 0);
     port.DispatchUntil("the transfer", [&key] { return key != 0; });
-    EXPECT_EQ(key,
-              static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(handle)) + 10000u);
+    EXPECT_EQ(key, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(handle)) + 10000u);
 }
 
 TEST_F(DeviceTest, DestructorClosesWhateverTheCount) {
@@ -293,9 +292,9 @@ TEST_F(DeviceTest, OpenThatFailsLeavesTheCountAndCanFailAgain) {
             device.Open();
             FAIL() << "no exception";
         } catch (const WindowsException& exception) {
-            EXPECT_EQ(std::string(exception.what())
-                          .find("Device::Open() failed.  GetLastError() = 0x"),
-                      0u)
+            EXPECT_EQ(
+                std::string(exception.what()).find("Device::Open() failed.  GetLastError() = 0x"),
+                0u)
                 << exception.what();
         }
     }

@@ -24,8 +24,7 @@ protected:
           operationsBefore(guarded_heap::LiveBlocks(sizeof(IoOperation))) {}
 
     void Post(IoOperation* operation, DWORD bytes = 0, ULONG_PTR key = 0) {
-        ASSERT_TRUE(
-            ::PostQueuedCompletionStatus(port.get(), bytes, key, &operation->overlapped));
+        ASSERT_TRUE(::PostQueuedCompletionStatus(port.get(), bytes, key, &operation->overlapped));
     }
 
     void PostQuit() {

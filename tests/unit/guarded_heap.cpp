@@ -62,8 +62,8 @@ bool IsInRange(const void* address) noexcept {
 /// Offsets of the calling functions in the program, for addr2line.
 void PrintCallers() noexcept {
     std::array<void*, 40> callers{};
-    const USHORT count = ::RtlCaptureStackBackTrace(0, static_cast<DWORD>(callers.size()),
-                                                    callers.data(), nullptr);
+    const USHORT count =
+        ::RtlCaptureStackBackTrace(0, static_cast<DWORD>(callers.size()), callers.data(), nullptr);
     const auto base = reinterpret_cast<std::uintptr_t>(::GetModuleHandleW(nullptr));
     constexpr std::uintptr_t kLargestProgram = 1 << 28;
     for (USHORT index = 0; index < count; ++index) {
@@ -75,10 +75,10 @@ void PrintCallers() noexcept {
 
 [[noreturn]] void Stop(const char* what, const void* address, const void* instruction) noexcept {
     const auto base = reinterpret_cast<std::uintptr_t>(::GetModuleHandleW(nullptr));
-    std::fprintf(stderr, "guarded heap: %s %p, thread %lu, program offsets: %llx;", what, address,
-                 ::GetCurrentThreadId(),
-                 static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(instruction) -
-                                                 base));
+    std::fprintf(
+        stderr, "guarded heap: %s %p, thread %lu, program offsets: %llx;", what, address,
+        ::GetCurrentThreadId(),
+        static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(instruction) - base));
     PrintCallers();
     std::fputc('\n', stderr);
     std::fflush(stderr);
@@ -116,8 +116,8 @@ char* Range() noexcept {
     ::AcquireSRWLockExclusive(&initialisation);
     start = range.load(std::memory_order_acquire);
     if (start == nullptr) {
-        start = static_cast<char*>(
-            ::VirtualAlloc(nullptr, kRangeSize, MEM_RESERVE, PAGE_READWRITE));
+        start =
+            static_cast<char*>(::VirtualAlloc(nullptr, kRangeSize, MEM_RESERVE, PAGE_READWRITE));
         if (start == nullptr)
             Stop("can't reserve addresses:", nullptr, nullptr);
         ::AddVectoredExceptionHandler(1, NameAccess);
@@ -257,8 +257,8 @@ std::string Snapshot::Difference() const {
     static_assert(sizeof(Snapshot) > kLargestCounted);
     auto larger = static_cast<std::int64_t>(now->all) - static_cast<std::int64_t>(all) - 1;
     for (std::size_t size = 0; size < bySize.size(); ++size) {
-        const auto change = static_cast<std::int64_t>(now->bySize[size]) -
-                            static_cast<std::int64_t>(bySize[size]);
+        const auto change =
+            static_cast<std::int64_t>(now->bySize[size]) - static_cast<std::int64_t>(bySize[size]);
         add(std::to_string(size) + " bytes", change);
         larger -= change;
     }

@@ -1,5 +1,6 @@
 // A heap that makes memory errors visible at the instruction that makes them. Linking it (target
-// guarded_heap) replaces malloc, calloc, realloc and free of the whole program, and so operator new.
+// guarded_heap) replaces malloc, calloc, realloc and free of the whole program, and so operator
+// new.
 //
 // - Each block ends at a page that can't be touched: an overrun faults. Blocks are aligned to 16
 //   bytes, so up to 15 bytes may lie between; they hold a pattern that free() checks.

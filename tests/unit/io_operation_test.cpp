@@ -5,9 +5,9 @@
 #include <cstring>
 #include <stdexcept>
 
-#include <boost/smart_ptr/make_shared.hpp>
 #include <gtest/gtest.h>
 #include <windows.h>
+#include <boost/smart_ptr/make_shared.hpp>
 
 #include "guarded_heap.h"
 #include "output_capture.h"

@@ -19,6 +19,7 @@
 #include "connect_gap.h"
 #include "device/device.h"
 #include "device/windows_exception.h"
+#include "guarded_heap.h"
 #include "service_fixture.h"
 #include "session/server_client.h"
 
@@ -102,12 +103,12 @@ std::string Name(Role role) {
 
 std::string Name(End end) {
     switch (end) {
-    case End::kClientLeaves:
-        return "ClientLeaves";
-    case End::kRegistryRemoves:
-        return "RegistryRemoves";
-    default:
-        return "ServerDestroyed";
+        case End::kClientLeaves:
+            return "ClientLeaves";
+        case End::kRegistryRemoves:
+            return "RegistryRemoves";
+        default:
+            return "ServerDestroyed";
     }
 }
 
@@ -120,9 +121,8 @@ protected:
     }
 
     void ConnectSubject(Reading reading = Reading::kNever) {
-        main = ConnectQuietly(std::get<Role>(GetParam()) == Role::kMainCommunicator
-                                  ? reading
-                                  : Reading::kAtOnce);
+        main = ConnectQuietly(
+            std::get<Role>(GetParam()) == Role::kMainCommunicator ? reading : Reading::kAtOnce);
         if (std::get<Role>(GetParam()) == Role::kCameraPipe)
             pipe = ConnectQuietly(reading);
     }
@@ -132,16 +132,16 @@ protected:
     void EndSession() {
         const std::size_t before = Shutdowns();
         switch (std::get<End>(GetParam())) {
-        case End::kClientLeaves:
-            Subject().Close();
-            WaitForShutdowns(before + 1);
-            break;
-        case End::kRegistryRemoves:
-            server->RemoveClient(server->GetMainCommunicator().get());
-            break;
-        case End::kServerDestroyed:
-            server.reset();
-            break;
+            case End::kClientLeaves:
+                Subject().Close();
+                WaitForShutdowns(before + 1);
+                break;
+            case End::kRegistryRemoves:
+                server->RemoveClient(server->GetMainCommunicator().get());
+                break;
+            case End::kServerDestroyed:
+                server.reset();
+                break;
         }
         EXPECT_GE(Shutdowns(), before + 1);
     }
@@ -233,6 +233,39 @@ TEST_P(SessionEndedByTheServiceTest, WithABodyReadPacketQueuedButNotTaken) {
     EXPECT_EQ(bus.Counters(camera).requests, 0u);
 }
 
+// Data that has come while nobody has waited since: where the system hands it over only then, it
+// is written into the session's memory after its end.
+
+TEST_P(SessionEndedByTheServiceTest, WithAHeaderReadThatItsDataHasJustReached) {
+    ConnectSubject();
+    Subject().Write(Message(3, 1, kFirstCamera, ReadCommand(0, 1)));
+    EndSession();
+    ExpectServingOthers();
+}
+
+TEST_P(SessionEndedByTheServiceTest, WithABodyReadThatItsDataHasJustReached) {
+    ConnectSubject();
+    const ByteVector message = Message(3, 1, kFirstCamera, ReadCommand(0, 1));
+    Subject().Write(std::span(message).first(16));
+    port.DispatchUntil("the header", [&] { return Subject().PendingWrites() == 0; });
+    port.DispatchQueued();
+    Subject().Write(std::span(message).subspan(16));
+    EndSession();
+    ExpectServingOthers();
+}
+
+TEST_P(SessionEndedByTheServiceTest, WithAWritePendingKeepsTheEntryThatIsBeingWrittenAlone) {
+    ConnectSubject();
+    constexpr std::size_t kEntry = 65536;  // bytes of data of one answer
+    const std::size_t before = guarded_heap::LiveBlocks(kEntry);
+    FillWriteQueue(Subject());
+    EXPECT_GT(guarded_heap::LiveBlocks(kEntry), before + 10);
+    EndSession();
+    EXPECT_EQ(guarded_heap::LiveBlocks(kEntry), before + 1);
+    ExpectServingOthers();
+    EXPECT_EQ(guarded_heap::LiveBlocks(kEntry), before);
+}
+
 TEST_P(SessionEndTest, WithAWritePendingAndMegabytesQueued) {
     ConnectSubject();
     FillWriteQueue(Subject());
@@ -282,7 +315,8 @@ TEST_P(SessionEndedByTheServiceTest, StalledByASplitHeaderWithItsSecondReadRefus
     port.DispatchQueued();
     EXPECT_EQ(output.CountError("IoOperation::Complete expected"), 1u);
     EndSession();
-    EXPECT_EQ(output.CountError(kProblem), std::get<Role>(GetParam()) == Role::kCameraPipe ? 1u : 0u)
+    EXPECT_EQ(output.CountError(kProblem),
+              std::get<Role>(GetParam()) == Role::kCameraPipe ? 1u : 0u)
         << "only the other session has a read pending: " << output.Error();
     ExpectServingOthers();
 }
@@ -293,14 +327,14 @@ enum class TransferEnd { kSuccess, kError, kAborted, kUnplug };
 
 std::string Name(TransferEnd end) {
     switch (end) {
-    case TransferEnd::kSuccess:
-        return "Succeed";
-    case TransferEnd::kError:
-        return "Fail";
-    case TransferEnd::kAborted:
-        return "Abort";
-    default:
-        return "Unplug";
+        case TransferEnd::kSuccess:
+            return "Succeed";
+        case TransferEnd::kError:
+            return "Fail";
+        case TransferEnd::kAborted:
+            return "Abort";
+        default:
+            return "Unplug";
     }
 }
 
@@ -314,9 +348,8 @@ vcam::Behaviour HeldUntil(TransferEnd end) {
     return behaviour;
 }
 
-class LateTransferTest
-    : public LifetimeTest,
-      public ::testing::WithParamInterface<std::tuple<TransferEnd, Role, End>> {
+class LateTransferTest : public LifetimeTest,
+                         public ::testing::WithParamInterface<std::tuple<TransferEnd, Role, End>> {
 protected:
     void EndTransfers() {
         if (std::get<TransferEnd>(GetParam()) == TransferEnd::kUnplug) {
@@ -640,8 +673,7 @@ TEST_F(LifetimeTest, MainCommunicatorThatTheEventFindsGone) {
         SCOPED_TRACE(event);
         main = ConnectQuietly();
         const std::size_t before = Shutdowns();
-        const std::wstring path =
-            bus.InterfacePath(event == DBT_DEVICEARRIVAL ? Plug() : camera);
+        const std::wstring path = bus.InterfacePath(event == DBT_DEVICEARRIVAL ? Plug() : camera);
         // First in the queue, before the packet of the read that the client's end completes.
         PostInterfaceEvent(event, path);
         port.WaitForPackets(1);
@@ -765,19 +797,19 @@ TEST_F(LifetimeTest, ManySessionsEndInEveryStateAtOnce) {
         clients.push_back(ConnectQuietly());
         PipeClient& client = *clients.back();
         switch (index % 4) {
-        case 1:
-            client.Write(
-                std::span<const std::byte>(Message(3, 1, kFirstCamera, Pattern(1000))).first(600));
-            break;
-        case 2:
-            LeavePending(client, 2, HeldUntil(TransferEnd::kSuccess));
-            break;
-        case 3:
-            client.Write(Message(3, 1, kFirstCamera, ReadCommand(0, 128)));
-            client.Write(Message(3, 2, kFirstCamera, ReadCommand(0, 128)));
-            break;
-        default:
-            break;
+            case 1:
+                client.Write(std::span<const std::byte>(Message(3, 1, kFirstCamera, Pattern(1000)))
+                                 .first(600));
+                break;
+            case 2:
+                LeavePending(client, 2, HeldUntil(TransferEnd::kSuccess));
+                break;
+            case 3:
+                client.Write(Message(3, 1, kFirstCamera, ReadCommand(0, 128)));
+                client.Write(Message(3, 2, kFirstCamera, ReadCommand(0, 128)));
+                break;
+            default:
+                break;
         }
         port.DispatchUntil("its writes", [&] { return client.PendingWrites() == 0; });
         port.DispatchQueued();

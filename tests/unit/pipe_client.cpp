@@ -5,9 +5,9 @@
 #include <system_error>
 #include <utility>
 
+#include <windows.h>
 #include <boost/smart_ptr/enable_shared_from_this.hpp>
 #include <boost/smart_ptr/make_shared.hpp>
-#include <windows.h>
 
 #include "device/io_operation.h"
 #include "device/unique_handle.h"
@@ -54,12 +54,12 @@ struct PipeClient::State : boost::enable_shared_from_this<State> {
 
     void Read() {
         buffer.resize(kReadSize);
-        auto operation = std::make_unique<IoOperation>([self = shared_from_this()](
-                                                           IoOperation* done) {
-            const std::unique_ptr<IoOperation> owner(done);
-            const boost::shared_ptr<State> state = self;
-            state->ReadComplete(*done);
-        });
+        auto operation =
+            std::make_unique<IoOperation>([self = shared_from_this()](IoOperation* done) {
+                const std::unique_ptr<IoOperation> owner(done);
+                const boost::shared_ptr<State> state = self;
+                state->ReadComplete(*done);
+            });
         if (!::ReadFile(pipe.get(), buffer.data(), static_cast<DWORD>(buffer.size()), nullptr,
                         &operation->overlapped) &&
             ::GetLastError() != ERROR_IO_PENDING) {

@@ -55,8 +55,7 @@ private:
         self.inSize = in;
         self.timeOut = wait;
         self.inherit = security->bInheritHandle;
-        self.listening =
-            self.hook.Original()(pipe, open, mode, maximum, out, in, wait, security);
+        self.listening = self.hook.Original()(pipe, open, mode, maximum, out, in, wait, security);
         return self.listening;
     }
 
@@ -72,9 +71,8 @@ TEST_F(ServerTest, FirstClientIsMainCommunicatorAndTheSecondACameraPipe) {
     output.Clear();
     const auto first = Connect();
     EXPECT_TRUE(std::regex_match(
-        output.Out(),
-        std::regex("attached main communicator pipe to desktop client: 0x[0-9]+\n"
-                   "ServerClient connected.\n")))
+        output.Out(), std::regex("attached main communicator pipe to desktop client: 0x[0-9]+\n"
+                                 "ServerClient connected.\n")))
         << output.Out();
     const auto main = server->GetMainCommunicator();
     EXPECT_TRUE(main);
@@ -216,8 +214,7 @@ TEST_F(ServerTest, LivePipeGrantsFullAccessToTheLocalLogonGroupAndLocalSystemAlo
         EXPECT_EQ(allowed.Header.AceFlags, 0);
         EXPECT_EQ(allowed.Mask, 0x1F01FFu);
         wchar_t* text = nullptr;
-        ASSERT_TRUE(
-            ::ConvertSidToStringSidW(const_cast<DWORD*>(&allowed.SidStart), &text));
+        ASSERT_TRUE(::ConvertSidToStringSidW(const_cast<DWORD*>(&allowed.SidStart), &text));
         const std::unique_ptr<wchar_t, LocalFreer> textOwner(text);
         granted.emplace_back(text);
     }
@@ -243,9 +240,8 @@ TEST_F(ServerTest, ClientFasterThanConnectNamedPipeIsServed) {
         });
         const auto starter = Connect();
         EXPECT_EQ(gap.error, static_cast<DWORD>(ERROR_PIPE_CONNECTED));
-        port.DispatchUntil("20 connections", [&] {
-            return output.CountOut("ServerClient connected.") == 21;
-        });
+        port.DispatchUntil("20 connections",
+                           [&] { return output.CountOut("ServerClient connected.") == 21; });
         EXPECT_EQ(gap.error, static_cast<DWORD>(ERROR_IO_PENDING));
     }
     ASSERT_EQ(clients.size(), 20u);
@@ -269,9 +265,8 @@ TEST_F(ServerTest, ClientGoneBeforeConnectNamedPipeEndsAcceptingWithOneLine) {
 }
 
 TEST_F(ServerTest, PipeNameTakenBySomebodyElseIsOneLineAndNoException) {
-    const UniqueHandle other =
-        OwnFile(::CreateNamedPipeW(kPipeName, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 0, 0, 0,
-                                   nullptr));
+    const UniqueHandle other = OwnFile(
+        ::CreateNamedPipeW(kPipeName, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
     ASSERT_TRUE(other);
     EXPECT_NO_THROW(StartServer());
     EXPECT_EQ(output.Error(), "Error caught in ListenOnPipe().\n");
@@ -304,8 +299,9 @@ TEST_F(ServerTest, ClientThatLeavesBeforeItsFirstReadEndsTheRun) {
         port.DispatchQueued();
         FAIL() << "no exception";
     } catch (const WindowsException& exception) {
-        EXPECT_EQ(std::string(exception.what()).find("DoRead ReadFile failed.  GetLastError() = 0x6d ("),
-                  0u)
+        EXPECT_EQ(
+            std::string(exception.what()).find("DoRead ReadFile failed.  GetLastError() = 0x6d ("),
+            0u)
             << exception.what();
     }
     port.DispatchQueued();  // the marker of the call above
@@ -321,8 +317,8 @@ TEST_F(ServerTest, QuitEndsTheLoopAndLeavesWhatIsQueuedBehindIt) {
     RunDispatcher(port.Get());  // ends with the second one
 }
 
-/// Clients on a thread of their own, one after the other: each takes its notification and one answer
-/// and leaves. Plain calls of Windows only: nothing here allocates.
+/// Clients on a thread of their own, one after the other: each takes its notification and one
+/// answer and leaves. Plain calls of Windows only: nothing here allocates.
 class ClientThread {
 public:
     explicit ClientThread(int clients) : count(clients) {
@@ -337,7 +333,9 @@ public:
     int Served() const noexcept { return served; }
     /// The first thing that went wrong, or null.
     const char* Problem() const noexcept { return problem; }
-    bool HasEnded() const noexcept { return ::WaitForSingleObject(thread.get(), 0) == WAIT_OBJECT_0; }
+    bool HasEnded() const noexcept {
+        return ::WaitForSingleObject(thread.get(), 0) == WAIT_OBJECT_0;
+    }
 
 private:
     static DWORD WINAPI Run(void* self) {

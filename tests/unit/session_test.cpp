@@ -87,8 +87,9 @@ TEST_F(SessionTest, TransferInAsksFor65536BytesWhateverItsBodyLength) {
     const vcam::Request request = bus.LastRequests(camera, 1).at(0);
     EXPECT_EQ(request.inputLength, 65601u);
     EXPECT_EQ(request.outputLength, 65601u);
-    EXPECT_EQ(reinterpret_cast<const PassThroughBuffer*>(request.block.data())->scsi.DataTransferLength,
-              65536u);
+    EXPECT_EQ(
+        reinterpret_cast<const PassThroughBuffer*>(request.block.data())->scsi.DataTransferLength,
+        65536u);
 }
 
 TEST_F(SessionTest, TransferOutOf528BytesSends512AndABlockOf577) {
@@ -126,8 +127,8 @@ TEST_F(SessionTest, RequestWithoutAWholeCommandFailsBeforeAnyCameraIsLookedUp) {
     for (const std::uint32_t type : {2u, 3u, 4u}) {
         for (std::size_t length = 0; length < 16; ++length) {
             for (const std::uint32_t id : {0u, kFirstCamera, 12345u, 0xFFFFFFFFu}) {
-                SCOPED_TRACE("type " + std::to_string(type) + ", length " +
-                             std::to_string(length) + ", camera " + std::to_string(id));
+                SCOPED_TRACE("type " + std::to_string(type) + ", length " + std::to_string(length) +
+                             ", camera " + std::to_string(id));
                 const ReceivedMessage answer = Ask(type, Pattern(length), id);
                 ASSERT_EQ(answer.header.messageType, 3u);
                 ASSERT_EQ(answer.header.bodyLength, 0u);
@@ -155,8 +156,7 @@ TEST_F(SessionTest, MessagesOfUnknownTypesAreSwallowedWhole) {
 
 TEST_F(SessionTest, MessagesInOneWriteAreHandledInOrder) {
     Start();
-    client->Write(Message(3, 100, kFirstCamera, ReadCommand(1, 1)) +
-                  Message(3, 101, 0, {}) +
+    client->Write(Message(3, 100, kFirstCamera, ReadCommand(1, 1)) + Message(3, 101, 0, {}) +
                   Message(2, 102, kFirstCamera, WriteCommand(9, Pattern(512, 8))) +
                   Message(3, 103, kFirstCamera, ReadCommand(9, 1)));
     WaitForMessage(*client, 5);
@@ -436,8 +436,9 @@ TEST_F(SessionTest, TransfersOutstandingOnOneCameraAreAnsweredAsTheyEnd) {
     bus.SetBehaviour(camera, Holds());
     ByteVector all;
     for (std::uint32_t index = 0; index < kCount; ++index)
-        all = std::move(all) + Message(3, 1000 + index, kFirstCamera,
-                                       ReadCommand(index, static_cast<std::uint8_t>(index % 3 + 1)));
+        all =
+            std::move(all) + Message(3, 1000 + index, kFirstCamera,
+                                     ReadCommand(index, static_cast<std::uint8_t>(index % 3 + 1)));
     client->Write(all);
     // A client whose camera is busy is served all the same.
     port.DispatchUntil("the requests to be sent", [&] { return client->PendingWrites() == 0; });
@@ -520,8 +521,8 @@ TEST_F(SessionTest, WhatFollowsABodyInPiecesIsSwallowedWithItsLastPiece) {
     port.DispatchUntil("the first piece", [&] { return client->PendingWrites() == 0; });
     port.DispatchQueued();
     // More than fits behind the body, in one piece: 199 bytes are taken, the rest is a message.
-    const ByteVector glued = ByteVector(bytes.begin() + 16 + 99, bytes.end()) +
-                             Pattern(198) + Message(3, 61, 0, {});
+    const ByteVector glued =
+        ByteVector(bytes.begin() + 16 + 99, bytes.end()) + Pattern(198) + Message(3, 61, 0, {});
     client->Write(glued);
     const ReceivedMessage answer = WaitForMessage(*client, 2);
     EXPECT_EQ(answer.header.requestId, 61u);
@@ -554,9 +555,8 @@ TEST_F(SessionTest, ClientThatNeverReadsFillsOnlyItsOwnQueue) {
     constexpr std::uint32_t kCount = 100;
     for (std::uint32_t index = 0; index < kCount; ++index)
         silent->Write(Message(3, 500 + index, kFirstCamera, ReadCommand(0, 128)));
-    port.DispatchUntil("its requests", [&] {
-        return RequestsSeen() == kCount && silent->PendingWrites() == 0;
-    });
+    port.DispatchUntil("its requests",
+                       [&] { return RequestsSeen() == kCount && silent->PendingWrites() == 0; });
     RoundTrip(*client);
     ++answers;
     EXPECT_EQ(Ask(3, ReadCommand(3, 1)).body, MemoryAt(3, 1));

@@ -4,8 +4,8 @@
 #include <system_error>
 #include <utility>
 
-#include <boost/smart_ptr/make_shared.hpp>
 #include <gtest/gtest.h>
+#include <boost/smart_ptr/make_shared.hpp>
 
 #include "device/io_operation.h"
 #include "guarded_heap.h"

@@ -48,7 +48,9 @@ TEST(WideOutput, AsciiArrivesAsItIs) {
 TEST(WideOutput, CharactersOutsideAsciiArriveAsUtf8) {
     EXPECT_EQ(Written(L"\u00e4\u00f6\u00fc"), "\xC3\xA4\xC3\xB6\xC3\xBC");
     EXPECT_EQ(Written(L"\u65e5\u672c"), "\xE6\x97\xA5\xE6\x9C\xAC");
-    EXPECT_EQ(Written(L"a\u20acb"), "a\xE2\x82\xAC" "b");
+    EXPECT_EQ(Written(L"a\u20acb"),
+              "a\xE2\x82\xAC"
+              "b");
     EXPECT_EQ(Written(L"\ufffd"), "\xEF\xBF\xBD");
 }
 
@@ -71,7 +73,9 @@ TEST(WideOutput, LoneSurrogateAtTheEndOfALineDoesNotEatTheLine) {
 
 TEST(WideOutput, UnitThatStandsForTheEndOfAStreamIsLeftOut) {
     // U+FFFF, which is no character: the stream can't tell it from its end.
-    EXPECT_EQ(Written(L"a\uffff" L"b"), "ab");
+    EXPECT_EQ(Written(L"a\uffff"
+                      L"b"),
+              "ab");
 }
 
 TEST(WideOutput, OutputStaysInOrderWithNarrowOutput) {
