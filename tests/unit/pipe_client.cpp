@@ -57,8 +57,7 @@ struct PipeClient::State : boost::enable_shared_from_this<State> {
         auto operation =
             std::make_unique<IoOperation>([self = shared_from_this()](IoOperation* done) {
                 const std::unique_ptr<IoOperation> owner(done);
-                const boost::shared_ptr<State> state = self;
-                state->ReadComplete(*done);
+                self->ReadComplete(*done);
             });
         if (!::ReadFile(pipe.get(), buffer.data(), static_cast<DWORD>(buffer.size()), nullptr,
                         &operation->overlapped) &&

@@ -47,7 +47,7 @@ protected:
     ReceivedMessage Ask(std::uint32_t type, std::span<const std::byte> body,
                         std::uint32_t cameraId = kFirstCamera) {
         client->Write(Message(type, ++requests, cameraId, body));
-        const ReceivedMessage answer = WaitForMessage(*client, ++answers);
+        ReceivedMessage answer = WaitForMessage(*client, ++answers);
         EXPECT_EQ(answer.header.requestId, requests);
         EXPECT_EQ(answer.header.cameraId, cameraId);
         EXPECT_EQ(answer.header.bodyLength, answer.body.size());
