@@ -3,6 +3,7 @@
 #include "device/windows_exception.h"
 #include "server/server.h"
 #include "service/dispatcher.h"
+#include "service/notification_window.h"
 
 BYTE runningAsService = 1;
 
@@ -57,6 +58,10 @@ void RunService() {
     const HANDLE completionPort = ::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1);
     if (completionPort == nullptr)
         throw WindowsException("CreateIoCompletionPort() failed.");
+
+    // The thread lives as long as the process: nothing waits for it or needs its handle.
+    if (::CreateThread(nullptr, 0, NotificationWindowThread, nullptr, 0, nullptr) == nullptr)
+        throw WindowsException("CreateThread() failed.");
 
     Server server(completionPort);
     theServer = &server;
