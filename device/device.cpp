@@ -10,6 +10,7 @@
 #include <winioctl.h>
 
 #include "device/io_operation.h"
+#include "device/unique_handle.h"
 #include "device/windows_exception.h"
 
 namespace {
@@ -18,7 +19,7 @@ constexpr std::uint32_t kDeviceKeyOffset = 10000;  // tells camera packets from 
 constexpr ULONG kTransferTimeoutSeconds = 100;
 
 ULONG_PTR CompletionKey(HANDLE handle) noexcept {
-    return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(handle)) + kDeviceKeyOffset;
+    return LowHalf(handle) + kDeviceKeyOffset;
 }
 
 UCHAR Direction(std::uint32_t type) noexcept {

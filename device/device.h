@@ -44,8 +44,8 @@ public:
     /// `completionPort` is not owned and outlives the device. Makes no system call.
     Device(std::wstring interfacePath, std::uint32_t cameraId, HANDLE completionPort);
 
-    /// Closes the handle whatever the count. Transfers that are pending in the driver go on; their
-    /// packets come later.
+    /// Closes the handle unless the count is 0. Transfers that are pending in the driver go on;
+    /// their packets come later.
     ~Device();
 
     Device(const Device&) = delete;
@@ -54,7 +54,8 @@ public:
     /// Counted: the first open opens the path for reading and writing, shared with nobody, and
     /// binds the handle to the completion port under the key (low 32 bits of the handle) + 10000.
     /// Throws WindowsException; the count is unchanged then. If it was the binding that failed, the
-    /// handle stays open until the destructor, and a later first open opens a second one over it.
+    /// handle stays open, until the destructor if a Close() too many has wrapped the count, else
+    /// as long as the process lives; a later first open opens a second one over it.
     void Open();
 
     /// Counted: the last close closes the handle. The count is not checked: closing what is not

@@ -1,6 +1,7 @@
 // Owners of what Windows hands out: the type names the function that gives it back.
 #pragma once
 
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 
@@ -17,6 +18,11 @@ using UniqueHandle = std::unique_ptr<void, HandleCloser>;
 /// with INVALID_HANDLE_VALUE, most others with null: check each one.
 inline UniqueHandle OwnFile(HANDLE handle) noexcept {
     return UniqueHandle(handle == INVALID_HANDLE_VALUE ? nullptr : handle);
+}
+
+/// The half of a handle's value that Windows uses, also the key of its packets.
+inline std::uint32_t LowHalf(HANDLE handle) noexcept {
+    return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(handle));
 }
 
 /// Frees a block from malloc: the blocks that travel with an IoOperation.

@@ -1,7 +1,6 @@
 // Starts the desktop application when a camera wants it and nobody is connected.
 
 #include <array>
-#include <cstddef>
 #include <iostream>
 #include <string>
 
@@ -78,6 +77,8 @@ void Server::LaunchApplication() noexcept {
 }
 
 void Server::LaunchIfNoMainCommunicator() noexcept {
-    if (!GetMainCommunicator())
+    // No copy, as GetMainCommunicator() makes one: if the dispatcher thread removed the client
+    // meanwhile, this thread would destroy it.
+    if (!mainCommunicator)
         LaunchApplication();
 }

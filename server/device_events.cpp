@@ -74,7 +74,7 @@ void Server::PostDeviceEvent(WPARAM eventCode, const DEV_BROADCAST_HDR* record) 
     if (!copy)
         throw std::bad_alloc();
     std::memcpy(copy.get(), record, record->dbch_size);
-    auto operation = std::make_unique<IoOperation>(CallbackTo<&Server::DeviceEvent>());
+    auto operation = std::make_unique<IoOperation>(CallbackTo<&Server::DeviceEvent>(LastSelf()));
     operation->transferBuffer = copy.get();
     if (!::PostQueuedCompletionStatus(completionPort, 0, eventCode, &operation->overlapped))
         throw WindowsException("PostQueuedCompletionStatus failed.");
@@ -117,7 +117,7 @@ void Server::DeviceArrival(const wchar_t* path) {
     devices.emplace(static_cast<std::int32_t>(nextDeviceId), device);
     ++nextDeviceId;
     if (mainCommunicator)
-        mainCommunicator->SendCameraAttached(*device);
+        static_cast<void>(mainCommunicator->SendCameraAttached(*device));
     else
         LaunchApplication();
 }
@@ -143,7 +143,7 @@ void Server::RemoveDevice(const boost::shared_ptr<Device>& device) {
 
 void Server::TellDetached(const Device& device) {
     if (mainCommunicator)
-        mainCommunicator->SendCameraDetached(device);
+        static_cast<void>(mainCommunicator->SendCameraDetached(device));
     else
         std::cerr << "No main communicator found on device detach.\n";
 }

@@ -4,7 +4,6 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
-#include <stdexcept>
 #include <utility>
 
 #include <windows.h>
@@ -80,10 +79,6 @@ private:
     SECURITY_ATTRIBUTES attributes{sizeof(attributes), &descriptor, FALSE};
 };
 
-std::uint32_t LowPart(HANDLE handle) noexcept {
-    return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(handle));
-}
-
 }  // namespace
 
 void Server::ListenOnPipe() noexcept {
@@ -103,7 +98,7 @@ void Server::StartListening() {
     if (!listeningPipe)
         throw WindowsException("Failed to create named pipe.");
 
-    const ULONG_PTR key = LowPart(listeningPipe.get());
+    const ULONG_PTR key = LowHalf(listeningPipe.get());
     if (::CreateIoCompletionPort(listeningPipe.get(), completionPort, key, 0) != completionPort)
         throw WindowsException("Failed to connect pipe to IOCompletionPort.");
 
@@ -124,7 +119,7 @@ void Server::OnClientConnected(IoOperation* operation) {
     if (operation->status == IoOperation::kError)
         throw WindowsException();
 
-    const std::uint32_t pipeValue = LowPart(listeningPipe.get());
+    const std::uint32_t pipeValue = LowHalf(listeningPipe.get());
     auto client = boost::make_shared<ServerClient>(this, std::move(listeningPipe));
     ServerClient* const session = client.get();
     if (!mainCommunicator) {

@@ -23,7 +23,8 @@ std::atomic<Server*> theServer{nullptr};
 Server::Server(HANDLE port)
     : self(boost::make_shared<Server*>(this)),
       completionPort(port),
-      acceptOperation(CallbackTo<&Server::OnClientConnected>()) {
+      acceptOperation(CallbackTo<&Server::OnClientConnected>(self)) {
+    LastSelf() = self;
     EnumerateInterfaces(GUID_DEVINTERFACE_DISK);
     EnumerateInterfaces(GUID_DEVINTERFACE_CDROM);
     ListenOnPipe();
@@ -38,6 +39,12 @@ Server::~Server() {
         listeningPipe.reset();
     }
     devices.clear();
+}
+
+boost::shared_ptr<Server*>& Server::LastSelf() {
+    // Never destroyed: the window thread may use it up to the very end of the process.
+    static auto& last = *new boost::shared_ptr<Server*>;
+    return last;
 }
 
 void Server::PostQuit() {

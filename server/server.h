@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <string>
 #include <vector>
 
 #include <windows.h>
@@ -47,7 +46,9 @@ public:
 
     /// Hands a copy of a broadcast record (`dbch_size` bytes, see <dbt.h>) and its WM_DEVICECHANGE
     /// event code to the dispatcher thread. For the thread of the notification window: touches only
-    /// the port, and what it has just made. Throws WindowsException.
+    /// the port, and what it has just made. May also be called after the server's end, as long as
+    /// its memory is there: nobody takes the packet then. Throws WindowsException and
+    /// std::bad_alloc.
     void PostDeviceEvent(WPARAM eventCode, const DEV_BROADCAST_HDR* record);
 
     /// Starts the desktop application unless a main communicator is connected. Also for the thread
@@ -55,7 +56,7 @@ public:
     /// communicator while the dispatcher thread may change it. Never throws.
     void LaunchIfNoMainCommunicator() noexcept;
 
-    /// Empty if none is connected.
+    /// Empty if none is connected. Dispatcher thread.
     boost::shared_ptr<ServerClient> GetMainCommunicator() const;
 
     /// Empty if no camera with this identifier is present.
@@ -79,8 +80,8 @@ private:
     /// A completion callback that calls `handler` while this server lives, and afterwards frees
     /// the operation.
     template <void (Server::*handler)(IoOperation*)>
-    IoCallback CallbackTo() const {
-        return [self = self](IoOperation* operation) {
+    static IoCallback CallbackTo(const boost::shared_ptr<Server*>& self) {
+        return [self](IoOperation* operation) {
             if (*self != nullptr)
                 ((*self)->*handler)(operation);
             else
@@ -99,6 +100,9 @@ private:
     /// Starts the desktop application in the session of the user at the console, with that user's
     /// token, environment and desktop. Touches nothing of the server.
     void LaunchApplication() noexcept;
+
+    /// A share of the newest server's `self` that stays when the server is gone.
+    static boost::shared_ptr<Server*>& LastSelf();
 
     // How callbacks find the server; holds null once it is destroyed, as packets may come later.
     boost::shared_ptr<Server*> self;

@@ -1,5 +1,10 @@
 #include "service/service_main.h"
 
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <new>
+
 #include "device/windows_exception.h"
 #include "server/server.h"
 #include "service/dispatcher.h"
@@ -10,6 +15,14 @@ BYTE runningAsService = 1;
 namespace {
 
 constexpr DWORD kStartWaitHintMilliseconds = 3000;
+
+/// Where the server lives. Not in the service thread's frame: the window thread, which is never
+/// stopped, may still reach a server that has been destroyed, and must find its port then.
+alignas(Server) std::byte serverMemory[sizeof(Server)];
+
+struct ServerDestroyer {
+    void operator()(Server* server) const noexcept { server->~Server(); }
+};
 
 SERVICE_STATUS_HANDLE serviceStatusHandle = nullptr;
 SERVICE_STATUS serviceStatus{};  // filled in place by each report
@@ -63,8 +76,9 @@ void RunService() {
     if (::CreateThread(nullptr, 0, NotificationWindowThread, nullptr, 0, nullptr) == nullptr)
         throw WindowsException("CreateThread() failed.");
 
-    Server server(completionPort);
-    theServer = &server;
+    const std::unique_ptr<Server, ServerDestroyer> server(new (serverMemory)
+                                                              Server(completionPort));
+    theServer = server.get();
 
     if (runningAsService)
         ReportState(SERVICE_RUNNING);
@@ -73,9 +87,14 @@ void RunService() {
         ReportState(SERVICE_STOPPED);  // before anything is taken down
 }
 
-/// Unwinds, then ends the process: nothing above the service thread's frame would catch.
+/// Ends the process on an exception, after everything has been unwound: nothing above the service
+/// thread's frame would catch it. (`noexcept` alone needn't unwind.)
 void RunServiceOrEndProcess() noexcept {
-    RunService();
+    try {
+        RunService();
+    } catch (...) {
+        std::terminate();
+    }
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <memory>
 #include <utility>
 
-#include <boost/smart_ptr/make_shared.hpp>
+#include <boost/smart_ptr/make_local_shared.hpp>
 
 #include "device/device.h"
 #include "device/windows_exception.h"
@@ -28,7 +28,7 @@ bool ShowsPending(const KeptOperation& operation) noexcept {
 }  // namespace
 
 ServerClient::ServerClient(Server* owner, UniqueHandle connectedPipe)
-    : memory(boost::make_shared<IoMemory>()),
+    : memory(boost::make_local_shared<IoMemory>()),
       headerReadOperation(CallbackTo<&ServerClient::ReadHeaderComplete>()),
       bodyReadOperation(CallbackTo<&ServerClient::ReadBodyComplete>()),
       writeOperation(CallbackTo<&ServerClient::WriteComplete>()),

@@ -5,6 +5,7 @@
 #include <span>
 
 #include <windows.h>
+#include <boost/smart_ptr/local_shared_ptr.hpp>
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include "device/io_operation.h"
@@ -42,11 +43,11 @@ public:
 
     /// Announces a camera to this client. Throws as QueueWrite() does.
     /// False: the client has hung up and this session is gone.
-    bool SendCameraAttached(const Device& camera);
+    [[nodiscard]] bool SendCameraAttached(const Device& camera);
 
     /// Tells this client that a camera has gone. If it is the one this session has open, the
     /// session's requests to it fail from now on. Result as for SendCameraAttached().
-    bool SendCameraDetached(const Device& camera);
+    [[nodiscard]] bool SendCameraDetached(const Device& camera);
 
 private:
     struct IoMemory;
@@ -86,7 +87,7 @@ private:
 
     void OnTransferComplete(IoOperation* operation);
 
-    boost::shared_ptr<IoMemory> memory;  // shared with the callback of every operation
+    boost::local_shared_ptr<IoMemory> memory;  // shared with the callback of every operation
     KeptOperation headerReadOperation;
     KeptOperation bodyReadOperation;
     KeptOperation writeOperation;

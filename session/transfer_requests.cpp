@@ -1,7 +1,6 @@
 // The road of one transfer through a session: from a complete message to the camera, and from the
 // transfer's packet to the answer.
 
-#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <memory>

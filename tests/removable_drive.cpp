@@ -57,6 +57,7 @@ std::string HostPath(const std::wstring& folder) {
     return copy;
 }
 
+/// `path` as the host knows it; empty for none.
 void Define(wchar_t letter, std::uint32_t type, const std::string& path) {
     UnixDrive drive{};
     drive.size = static_cast<std::uint32_t>(sizeof(drive) + path.size() + 1);
@@ -84,7 +85,7 @@ bool RemovableDrive::IsSupported() {
     return FindGetUnixFileName() != nullptr;
 }
 
-RemovableDrive::RemovableDrive(wchar_t driveLetter, Kind driveKind)
+RemovableDrive::RemovableDrive(wchar_t driveLetter, Kind driveKind, const Medium& medium)
     : folder(fs::temp_directory_path() / (L"orvik test drive " + std::wstring(1, driveLetter))),
       ejected(folder + L" ejected"),
       letter(driveLetter),
@@ -94,6 +95,11 @@ RemovableDrive::RemovableDrive(wchar_t driveLetter, Kind driveKind)
     fs::remove_all(folder);
     fs::remove_all(ejected);
     fs::create_directory(folder);
+    hostPath = HostPath(folder);
+    for (const std::wstring& file : medium.files)
+        MakeFile(file);
+    if (medium.isMissing)
+        Eject();
     Appear();
 }
 
@@ -115,7 +121,7 @@ void RemovableDrive::Disappear() {
 }
 
 void RemovableDrive::Appear() {
-    Define(letter, static_cast<std::uint32_t>(kind), HostPath(folder));
+    Define(letter, static_cast<std::uint32_t>(kind), hostPath);
     present = true;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 /// A drive letter that a folder stands behind while this lives. Only under Wine, whose mount
 /// manager can be told to have such a drive; like a real one it sends no interface notification.
@@ -13,9 +14,16 @@ public:
     /// Whether drives can be made here; where not, tests skip.
     static bool IsSupported();
 
-    /// Makes the drive `letter` (upper case) with an empty medium in it.
+    /// What is in the drive from its first moment on.
+    struct Medium {
+        std::vector<std::wstring> files;  ///< as for MakeFile()
+        bool isMissing;                   ///< out of the drive, until Insert()
+    };
+
+    /// Makes the drive `letter` (upper case).
     /// Throws std::system_error.
-    explicit RemovableDrive(wchar_t letter, Kind kind = Kind::kRemovable);
+    explicit RemovableDrive(wchar_t letter, Kind kind = Kind::kRemovable,
+                            const Medium& medium = {{}, false});
 
     /// The drive goes, with all that is on its medium.
     ~RemovableDrive();
@@ -36,8 +44,9 @@ public:
     void MakeFile(const std::wstring& path) const;
 
 private:
-    std::wstring folder;  // the medium
-    std::wstring ejected;
+    std::wstring folder;   // the medium
+    std::wstring ejected;  // where it is while it is not in the drive
+    std::string hostPath;  // of `folder`, as Wine's host knows it
     wchar_t letter;
     Kind kind;
     bool present = false;

@@ -1,14 +1,11 @@
-// Which devices the service takes for cameras when it starts, and the launch of the desktop
-// application for them.
+// Which devices the service takes for cameras when it starts.
 
 #include <algorithm>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -18,38 +15,12 @@
 // After <windows.h>, whose types it uses.
 #include <winioctl.h>
 
-#include "launch_record.h"
 #include "plugged_camera.h"
 #include "raw_client.h"
 #include "service_fixture.h"
 
 namespace system_test {
 namespace {
-
-/// The interface class of tapes: storage, but none that the service looks at.
-/// {53F5630B-B6BF-11D0-94F2-00A0C91EFB8B}
-constexpr GUID kTapeInterface = {
-    0x53f5630b, 0xb6bf, 0x11d0, {0x94, 0xf2, 0x00, 0xa0, 0xc9, 0x1e, 0xfb, 0x8b}};
-
-vcam::PlugOptions WithClass(const GUID& interfaceClass) {
-    vcam::PlugOptions options;
-    options.interfaceClass = interfaceClass;
-    return options;
-}
-
-/// What a client is told when it connects, in order: the identifiers of the cameras.
-std::vector<std::uint32_t> AnnouncedCameras() {
-    RawClient client;
-    client.Send(HeaderBytes({kTransferNoData, 0, 0, 0}));
-    std::vector<std::uint32_t> identifiers;
-    for (;;) {
-        const Message message = client.ReceiveMessage();
-        if (message == Failed(0, 0))
-            return identifiers;
-        EXPECT_EQ(message, Attached(message.header.cameraId));
-        identifiers.push_back(message.header.cameraId);
-    }
-}
 
 using Identifiers = std::vector<std::uint32_t>;
 
@@ -258,153 +229,6 @@ INSTANTIATE_TEST_SUITE_P(
                false},
         Answer{"RevisionWithoutAnEnd", WithUnendedRevision(), true}),
     [](const auto& answer) { return std::string(answer.param.name); });
-
-// --- the desktop application ---
-
-/// Registers an application as the desktop application for a while, and what was there before
-/// afterwards.
-class RegisteredApplication {
-public:
-    explicit RegisteredApplication(const std::wstring& path) {
-        HKEY opened = nullptr;
-        DWORD disposition = 0;
-        if (::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                              &opened, &disposition) != ERROR_SUCCESS)
-            throw std::runtime_error("cannot write the registry");
-        key = opened;
-        isNew = disposition == REG_CREATED_NEW_KEY;
-        wchar_t value[2048] = {};
-        DWORD size = sizeof(value) - sizeof(wchar_t);
-        if (::RegQueryValueExW(key, nullptr, nullptr, nullptr, reinterpret_cast<BYTE*>(value),
-                               &size) == ERROR_SUCCESS)
-            previous = value;
-        Write(path);
-    }
-
-    ~RegisteredApplication() {
-        if (previous)
-            Write(*previous);
-        else
-            ::RegDeleteValueW(key, nullptr);
-        ::RegCloseKey(key);
-        if (isNew)
-            ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kKey);
-    }
-
-    RegisteredApplication(const RegisteredApplication&) = delete;
-    RegisteredApplication& operator=(const RegisteredApplication&) = delete;
-
-private:
-    static constexpr wchar_t kKey[] =
-        LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\App Paths\Orvik.exe)";
-
-    void Write(const std::wstring& path) const {
-        ::RegSetValueExW(key, nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(path.c_str()),
-                         static_cast<DWORD>((path.size() + 1) * sizeof(wchar_t)));
-    }
-
-    HKEY key = nullptr;
-    bool isNew = false;
-    std::optional<std::wstring> previous;
-};
-
-/// What the stand-in for the desktop application tells about its starts.
-class LaunchReceiver {
-public:
-    LaunchReceiver() {
-        // Anybody may write: the program runs as the user at the console, with that user's rights.
-        SECURITY_DESCRIPTOR everybody{};
-        ::InitializeSecurityDescriptor(&everybody, SECURITY_DESCRIPTOR_REVISION);
-        ::SetSecurityDescriptorDacl(&everybody, TRUE, nullptr, FALSE);
-        SECURITY_ATTRIBUTES attributes{sizeof(attributes), &everybody, FALSE};
-        const auto milliseconds = std::chrono::milliseconds(kDeadline).count();
-        mailslot = OwnFile(::CreateMailslotW(kLaunchMailslot, sizeof(LaunchRecord),
-                                             static_cast<DWORD>(milliseconds), &attributes));
-        if (!mailslot)
-            throw std::runtime_error("cannot make the mailslot");
-    }
-
-    /// Waits for the next one.
-    LaunchRecord Receive() {
-        LaunchRecord record{};
-        DWORD count = 0;
-        if (!::ReadFile(mailslot.get(), &record, sizeof(record), &count, nullptr) ||
-            count != sizeof(record))
-            throw std::runtime_error("the application has not been started");
-        return record;
-    }
-
-private:
-    UniqueHandle mailslot;
-};
-
-/// How often the service in the foreground has said that it starts the application.
-std::ptrdiff_t Launches(RunningService& service) {
-    const std::vector<std::string> lines = service.Output().Lines();
-    return std::count(lines.begin(), lines.end(), "Launching application...");
-}
-
-using LaunchTest = SystemTest;
-
-TEST_F(LaunchTest, EachCameraAtStartUpStartsTheApplicationOnTheUsersDesktop) {
-    LaunchReceiver launches;
-    const RegisteredApplication application(TestFolder() + L"\\launch_recorder.exe");
-    PluggedCamera disk(bus, WithClass(vcam::kDiskInterface));
-    PluggedCamera cdrom(bus);
-    // Under the service control manager: only LocalSystem may start programs for the user.
-    RunningService service(RunMode::kServiceManager);
-    for (int launch = 0; launch < 2; ++launch) {
-        const LaunchRecord record = launches.Receive();
-        EXPECT_EQ(std::wstring(record.desktop), LR"(winsta0\default)");
-        EXPECT_EQ(record.flags, DWORD{STARTF_USESHOWWINDOW | STARTF_FORCEONFEEDBACK});
-        EXPECT_EQ(record.showWindow, WORD{SW_SHOWNORMAL});
-        EXPECT_EQ(record.argumentCount, 1);
-        EXPECT_NE(std::wstring(record.userProfile), L"");
-        EXPECT_EQ(record.sessionId, ::WTSGetActiveConsoleSessionId());
-        EXPECT_FALSE(record.hasConsole);
-    }
-}
-
-TEST_F(LaunchTest, OnlyCamerasAtStartUpAreAReason) {
-    PluggedCamera disk(bus, WithClass(vcam::kDiskInterface));
-    PluggedCamera cdrom(bus);
-    PluggedCamera other(bus, [] {
-        vcam::PlugOptions options;
-        options.vendor = "Other";
-        return options;
-    }());
-    RunningService service;
-    if (!MayStartApplication())
-        GTEST_SKIP() << "whoever runs the tests may not start programs for the user";
-    // Clients that come, work and go are none, nor is the loss of the main communicator.
-    {
-        RawClient client;
-        EXPECT_EQ(client.ReceiveMessage(), Attached(1));
-        EXPECT_EQ(client.ReceiveMessage(), Attached(2));
-        EXPECT_EQ(client.Ask(kTransferNoData, 1, 1, TestUnitReady()), Succeeded(1, 1));
-    }
-    service.Output().WaitFor("ServerClient shutdown.");  // all lines before it have come too
-    EXPECT_EQ(Launches(service), 2);
-}
-
-TEST_F(LaunchTest, WithoutACameraNothingIsStarted) {
-    PluggedCamera other(bus, [] {
-        vcam::PlugOptions options;
-        options.revision = "F02";
-        return options;
-    }());
-    RunningService service;
-    RawClient client;
-    service.Output().WaitFor("ServerClient connected.");
-    EXPECT_EQ(Launches(service), 0);
-}
-
-TEST_F(LaunchTest, ApplicationThatCannotBeStartedDisturbsNothing) {
-    const RegisteredApplication missing(TestFolder() + L"\\no such program.exe");
-    PluggedCamera camera(bus);
-    RunningService service(RunMode::kServiceManager);
-    EXPECT_EQ(AnnouncedCameras(), Identifiers{1});
-}
 
 }  // namespace
 }  // namespace system_test

@@ -2,6 +2,8 @@
 // registered.
 #pragma once
 
+#include <cstddef>
+
 #include <windows.h>
 
 namespace system_test {
@@ -11,9 +13,11 @@ inline constexpr wchar_t kLaunchMailslot[] = LR"(\\.\mailslot\orvik-test-launche
 
 /// How the program was started, as it sees it itself. One message of the mailslot.
 struct LaunchRecord {
+    wchar_t program[260];
     wchar_t desktop[64];
-    wchar_t userProfile[260];  // from its environment
-    DWORD flags;               // of its STARTUPINFOW
+    wchar_t userProfile[260];                  // from its environment
+    std::byte userSid[SECURITY_MAX_SID_SIZE];  // of its token
+    DWORD flags;                               // of its STARTUPINFOW
     WORD showWindow;
     WORD argumentCount;  // the program's name is one
     DWORD sessionId;

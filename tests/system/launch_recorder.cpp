@@ -4,8 +4,25 @@
 
 #include <iterator>
 
+namespace {
+
+void GetUserSid(std::byte* sid, DWORD size) {
+    HANDLE token = nullptr;
+    if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, &token))
+        return;
+    alignas(TOKEN_USER) std::byte buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+    DWORD returned = 0;
+    if (::GetTokenInformation(token, TokenUser, buffer, sizeof(buffer), &returned))
+        ::CopySid(size, sid, reinterpret_cast<TOKEN_USER*>(buffer)->User.Sid);
+    ::CloseHandle(token);
+}
+
+}  // namespace
+
 int main(int argc, char* /*argv*/[]) {
     system_test::LaunchRecord record{};
+    ::GetModuleFileNameW(nullptr, record.program, static_cast<DWORD>(std::size(record.program)));
+    GetUserSid(record.userSid, sizeof(record.userSid));
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
     ::GetStartupInfoW(&startup);

@@ -155,8 +155,7 @@ std::size_t RawClient::ReceiveSome(std::byte* to, std::size_t size, const Deadli
     return count;
 }
 
-Bytes RawClient::Receive(std::size_t count) {
-    const Deadline deadline;
+Bytes RawClient::Receive(std::size_t count, const Deadline& deadline) {
     Bytes bytes(count);
     for (std::size_t done = 0; done < count;) {
         const std::size_t more = ReceiveSome(bytes.data() + done, count - done, deadline);
@@ -172,6 +171,21 @@ Message RawClient::ReceiveMessage() {
     Message message;
     const Bytes header = Receive(sizeof(message.header));
     std::memcpy(&message.header, header.data(), header.size());
+    message.body = Receive(message.header.bodyLength);
+    return message;
+}
+
+std::optional<Message> RawClient::ReceiveMessageWithin(std::chrono::milliseconds time) {
+    Message message;
+    try {
+        // The service writes a header at once: either all of it comes in time or nothing.
+        const Bytes header = Receive(sizeof(message.header), Deadline(time));
+        std::memcpy(&message.header, header.data(), header.size());
+    } catch (const std::system_error& error) {
+        if (error.code().value() == ERROR_TIMEOUT)
+            return std::nullopt;
+        throw;
+    }
     message.body = Receive(message.header.bodyLength);
     return message;
 }
@@ -199,6 +213,19 @@ Bytes RawClient::ReceiveUntilClosed() {
     while (const std::size_t count = ReceiveSome(buffer, sizeof(buffer), deadline))
         all.insert(all.end(), buffer, buffer + count);
     return all;
+}
+
+std::vector<std::uint32_t> AnnouncedCameras() {
+    RawClient client;
+    client.Send(HeaderBytes({kTransferNoData, 0, 0, 0}));
+    std::vector<std::uint32_t> identifiers;
+    for (;;) {
+        const Message message = client.ReceiveMessage();
+        if (message == Failed(0, 0))
+            return identifiers;
+        EXPECT_EQ(message, Attached(message.header.cameraId));
+        identifiers.push_back(message.header.cameraId);
+    }
 }
 
 }  // namespace system_test

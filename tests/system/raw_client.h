@@ -3,10 +3,12 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <iosfwd>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -88,9 +90,12 @@ public:
     }
 
     /// Exactly `count` bytes.
-    Bytes Receive(std::size_t count);
+    Bytes Receive(std::size_t count, const Deadline& deadline = Deadline());
 
     Message ReceiveMessage();
+
+    /// None: it has not come in time.
+    std::optional<Message> ReceiveMessageWithin(std::chrono::milliseconds time);
 
     /// Sends a request and takes the next message, whatever it is.
     Message Ask(std::uint32_t messageType, std::uint32_t requestId, std::uint32_t cameraId,
@@ -118,5 +123,9 @@ private:
     UniqueHandle pipe;
     UniqueHandle event;  // of the one operation that is under way
 };
+
+/// What a client is told when it connects, in order: the identifiers of the cameras. The client
+/// leaves at once, so the service is not to go on after this.
+std::vector<std::uint32_t> AnnouncedCameras();
 
 }  // namespace system_test

@@ -15,6 +15,9 @@ namespace {
 /// What the tests call their service, so that they never touch one that is installed for use.
 constexpr wchar_t kDisplayName[] = L"OrvikService (system tests)";
 
+/// Where nothing can be waited for.
+constexpr DWORD kMillisecondsBetweenLooks = 5;
+
 struct ServiceHandleCloser {
     using pointer = SC_HANDLE;
     void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }
@@ -132,7 +135,7 @@ void InstallService() {
 }
 
 /// Ends the service, with a stop control if it takes one, and removes it.
-void RemoveService(const UniqueServiceHandle& service) {
+void RemoveService(UniqueServiceHandle service) {
     const DWORD processId = StatusOf(service).dwProcessId;
     if (processId != 0) {
         // Neither call has to succeed: the process may just have ended.
@@ -145,13 +148,20 @@ void RemoveService(const UniqueServiceHandle& service) {
             (!stopping || ::WaitForSingleObject(process.get(), kStopMilliseconds) != WAIT_OBJECT_0))
             TerminateAndWait(process.get());
     }
-    if (!::DeleteService(service.get()))
+    if (!::DeleteService(service.get()) && ::GetLastError() != ERROR_SERVICE_MARKED_FOR_DELETE)
         FailLast("DeleteService");
+    service.reset();
+    // It goes when the manager itself has let go of it, and nothing tells when.
+    const UniqueServiceHandle manager = OpenManager();
+    for (const Deadline deadline; FindService(manager); ::Sleep(kMillisecondsBetweenLooks)) {
+        if (deadline.Over())
+            throw std::runtime_error("the service that was removed does not go");
+    }
 }
 
 void RemoveLeftService() {
     const UniqueServiceHandle manager = OpenManager();
-    const UniqueServiceHandle service = FindService(manager);
+    UniqueServiceHandle service = FindService(manager);
     if (!service)
         return;
     wchar_t name[256] = {};
@@ -160,7 +170,7 @@ void RemoveLeftService() {
         FailLast("GetServiceDisplayNameW");
     if (std::wstring_view(name) != kDisplayName)
         throw std::runtime_error("a service OrvikService that is none of the tests is installed");
-    RemoveService(service);
+    RemoveService(std::move(service));
 }
 
 /// Ends the process that serves the camera pipe, if there is one. The tests' own ends with them,
@@ -471,7 +481,6 @@ void RunningService::WaitForPipe(HANDLE process) const {
     const Deadline deadline;
     while (!::WaitNamedPipeW(kPipeName, NMPWAIT_USE_DEFAULT_WAIT)) {
         // Nothing tells when a pipe is made, only that the process has ended before.
-        constexpr DWORD kMillisecondsBetweenLooks = 5;
         if (::WaitForSingleObject(process, kMillisecondsBetweenLooks) == WAIT_OBJECT_0)
             throw std::runtime_error("the service has ended:\n" + program->Errors().Text());
         if (deadline.Over())

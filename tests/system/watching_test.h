@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+
+#include "plugged_camera.h"
+#include "raw_client.h"
+#include "service_fixture.h"
+
+namespace system_test {
+
+/// The service, in both run modes, once it hears of devices that come and go. No client is
+/// connected, and no camera plugged.
+class WatchingTest : public SystemTest, public testing::WithParamInterface<RunMode> {
+protected:
+    WatchingTest();
+
+    /// Receives the messages of a number of cameras that have been plugged, from the next
+    /// identifier on.
+    void ExpectAttached(RawClient& client, std::uint32_t count = 1);
+
+    /// Leaves as a client may: after an answer from a camera, which must be there.
+    static void Leave(RawClient& client, std::uint32_t cameraId);
+
+    RunningService service{GetParam()};
+    std::uint32_t nextId = 1;  // of the camera that is plugged next
+};
+
+/// Runs the tests of a suite that is derived from WatchingTest in both modes.
+#define ORVIK_IN_BOTH_MODES(suite) \
+    INSTANTIATE_TEST_SUITE_P(      \
+        Modes, suite, testing::Values(RunMode::kForeground, RunMode::kServiceManager), NameOf)
+
+}  // namespace system_test
