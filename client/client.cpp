@@ -238,14 +238,20 @@ private:
         const auto newest = requests.find(newestRequest);
         if (newest != requests.end() && !newest->second.answer)
             RoundTrip(deadline);
-        PipeStream other(OpenPipe(pipeName, deadline));
-        if (::WaitNamedPipeW(pipeName.c_str(), std::max<DWORD>(deadline.Left(), 1)))
-            return;
+        std::optional<PipeStream> other;
+        try {
+            other.emplace(OpenPipe(pipeName, deadline));
+            if (::WaitNamedPipeW(pipeName.c_str(), std::max<DWORD>(deadline.Left(), 1)))
+                return;
+        } catch (const Error&) {
+            // No instance was free in time.
+        }
         // The service hangs. If it ever goes on, its next reads will meet these, and then its
         // answers will find nobody, which it takes for a client that has left.
         const MessageHeader last = RoundTripRequest(NewRequestId());
-        for (PipeStream* stream : {&*pipe, &other})
-            stream->Write(BytesOf(last), deadline);
+        pipe->Write(BytesOf(last), deadline);
+        if (other)
+            other->Write(BytesOf(last), deadline);
     }
 
     PipeStream& Pipe() {
@@ -268,7 +274,7 @@ Client::Client(std::chrono::milliseconds timeout, const std::wstring& pipe)
 
 Client::~Client() = default;
 
-const std::vector<CameraId>& Client::Cameras() const noexcept {
+std::vector<CameraId> Client::Cameras() const {
     return session->Cameras();
 }
 

@@ -19,7 +19,7 @@ endif()
 
 if(ORVIK_CHECKED)
   # Traps need no runtime library: the program stops with an illegal instruction.
-  # -Og keeps the tests quick. Null checks are left out of -Wnonnull: the traps make GCC see them.
+  # -Og keeps the tests quick.
   target_compile_options(orvik_warnings INTERFACE -Og -fsanitize=undefined
                                                   -fsanitize-undefined-trap-on-error)
   target_compile_definitions(orvik_warnings INTERFACE _GLIBCXX_ASSERTIONS)

@@ -665,7 +665,7 @@ TEST(ClientLied, GarbageEndsInAnErrorAndNeverHangs) {
         FakeService service([&](Peer& peer) { peer.Send(garbage); });
         try {
             Client client(kGenerous, service.Name());
-            for (const orvik::CameraId camera : std::vector(client.Cameras()))
+            for (const orvik::CameraId camera : client.Cameras())
                 client.TransferNoData(camera, orvik::TestUnitReadyCdb(), kGenerous);
         } catch (const orvik::Error& error) {
             EXPECT_TRUE(error.Kind() == ErrorKind::kBadAnswer ||

@@ -5,7 +5,9 @@
 #include <filesystem>
 #include <iostream>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -45,7 +47,7 @@ orvik::CameraId ChooseCamera(const orvik::Client& client,
                              const std::optional<orvik::CameraId>& wanted) {
     if (wanted)
         return *wanted;  // the client library refuses one that is not there
-    const auto& cameras = client.Cameras();
+    const std::vector<orvik::CameraId> cameras = client.Cameras();
     if (cameras.empty())
         throw Failure(ExitCode::kNoSuchCamera, "no camera is present");
     if (cameras.size() > 1) {
@@ -86,6 +88,10 @@ void Run(int argc, char** argv) {
     CLI::App app("Asks OrvikService for its cameras, and the cameras for what they are and hold.",
                  "orvikctl");
     app.require_subcommand(1);
+    app.footer(
+        "Exit codes: 0 done, 1 another failure, 2 wrong arguments, 3 access denied, 4 cancelled,\n"
+        "5 the service is not running or busy, 6 no such camera, 7 no answer in time,\n"
+        "8 refused by the camera, 9 the connection to the service failed.");
 
     app.add_subcommand("list", "Print the numbers of the cameras present")->callback(List);
 
@@ -126,6 +132,8 @@ ExitCode Fail(const std::exception& error, ExitCode code) {
 ExitCode RunAndReport(int argc, char** argv) {
     try {
         Run(argc, argv);
+        if (!std::cout.flush())
+            throw std::runtime_error("the output could not be written");
         return ExitCode::kSuccess;
     } catch (const Failure& error) {
         return Fail(error, error.Code());

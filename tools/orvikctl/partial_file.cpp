@@ -2,8 +2,6 @@
 
 #include <string>
 
-#include <windows.h>
-
 namespace {
 
 std::string Utf8(const std::filesystem::path& path) {
@@ -13,8 +11,8 @@ std::string Utf8(const std::filesystem::path& path) {
 
 }  // namespace
 
-FileError::FileError(const std::string& text, const std::filesystem::path& file)
-    : orvik::Error(orvik::ErrorKind::kSystem, text + " " + Utf8(file), ::GetLastError()) {}
+FileError::FileError(const char* text, const std::filesystem::path& file, DWORD systemCode)
+    : orvik::Error(orvik::ErrorKind::kSystem, std::string(text) + " " + Utf8(file), systemCode) {}
 
 PartialFile::PartialFile(const std::filesystem::path& targetFile)
     : target(targetFile),

@@ -4,14 +4,17 @@
 #include <filesystem>
 #include <span>
 
+#include <windows.h>
+
 #include "device/unique_handle.h"
 #include "orvik/client.h"
 
 /// A file could not be made or written.
 class FileError : public orvik::Error {
 public:
-    /// Reads the system's error code from GetLastError().
-    FileError(const std::string& text, const std::filesystem::path& file);
+    /// `systemCode` is that of the call that failed.
+    FileError(const char* text, const std::filesystem::path& file,
+              DWORD systemCode = ::GetLastError());
 };
 
 /// A file that gets its name only when it is complete. Until then it lies beside its target under

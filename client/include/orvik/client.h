@@ -35,7 +35,7 @@ enum class ErrorKind {
     kSystem,        ///< any other failed system call
 };
 
-/// Every failure of this library.
+/// Every failure of this library but for want of memory.
 class Error : public std::runtime_error {
 public:
     /// `systemCode` is a Windows error code, whose meaning in words goes into the text, or 0.
@@ -72,7 +72,14 @@ inline constexpr std::chrono::milliseconds kTransferTimeout{30'000};
 /// Every call may throw Error. After kServiceGone, kBadAnswer or kSystem the connection is closed
 /// and each further call throws kServiceGone; to reconnect, make another Client. An answer that
 /// has come before can still be fetched with Wait(). The same holds when a Send times out, because
-/// the request may have left in part.
+/// the request may have left in part; if the service was only slow, it may take such a half message
+/// for a client that leaves too early, and end its run.
+///
+/// Naming a camera that the service doesn't know ends the service's run, for everybody. The calls
+/// below refuse a camera that was never announced or has been reported gone, but only the client
+/// that is told of cameras that go can know: any other makes a new Client before it names a camera
+/// after a pause. Commands and data are copied, and needed only for the call. Calls may also throw
+/// std::bad_alloc.
 class Client {
 public:
     /// Connects, and returns when the cameras present are known. `pipe` is for tests.
@@ -89,7 +96,7 @@ public:
 
     /// The cameras present as far as this client has been told, in the order announced. Brought up
     /// to date whenever messages are read: by Send…() and Wait(), and so by Transfer…().
-    const std::vector<CameraId>& Cameras() const noexcept;
+    std::vector<CameraId> Cameras() const;
 
     /// Sends a command that returns data, and waits for the data: at most kTransferInLimit bytes,
     /// and often fewer than the command asked for.
