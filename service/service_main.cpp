@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 
+#include "crash/win/crash.h"
 #include "device/windows_exception.h"
 #include "server/server.h"
 #include "service/dispatcher.h"
@@ -58,11 +59,16 @@ void ReportState(DWORD state) {
     ::SetServiceStatus(serviceStatusHandle, &serviceStatus);
 }
 
+/// The exception code with which the service's process ends because of a C++ exception.
+constexpr DWORD kEndedByException = 0xE04F5256;
+
 void RunService() {
+    const auto crashServer = StartCrashServer();
     if (runningAsService) {
         serviceStatusHandle = ::RegisterServiceCtrlHandlerW(L"OrvikService", ServiceCtrlHandler);
         if (serviceStatusHandle == nullptr)
             throw WindowsException("RegisterServiceCtrlHandler() failed.");
+        SetUpCrashHandler(L"4.0.4 (unknown)", L"Unknown");
         ReportStartPending();
     }
 
@@ -88,11 +94,13 @@ void RunService() {
 }
 
 /// Ends the process on an exception, after everything has been unwound: nothing above the service
-/// thread's frame would catch it. (`noexcept` alone needn't unwind.)
+/// thread's frame would catch it. (`noexcept` alone needn't unwind.) It ends by a fault, because
+/// that is what the crash handler sees whatever the C++ library does with exceptions.
 void RunServiceOrEndProcess() noexcept {
     try {
         RunService();
     } catch (...) {
+        ::RaiseException(kEndedByException, EXCEPTION_NONCONTINUABLE, 0, nullptr);
         std::terminate();
     }
 }
