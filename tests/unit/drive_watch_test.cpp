@@ -253,16 +253,18 @@ TEST_F(DriveWatchTest, RegistrationThatFailsIsThrownAndTheDrivesBehindAreNotLook
 }
 
 TEST_F(DriveWatchTest, ForgettingReleasesDrivesThatHaveGone) {
-    RemovableDrive e(L'E');
-    const RemovableDrive f(L'F');
+    const RemovableDrive e(L'E');
+    RemovableDrive f(L'F');
+    const RemovableDrive g(L'G');
     ScanDrives(true);
-    e.Disappear();
+    f.Disappear();
     ForgetChangedDrives();
-    EXPECT_FALSE(IsWatched(L'E'));
-    EXPECT_TRUE(IsWatched(L'F'));
+    EXPECT_TRUE(IsWatched(L'E'));
+    EXPECT_FALSE(IsWatched(L'F'));
+    EXPECT_TRUE(IsWatched(L'G'));
     EXPECT_EQ(knownDrives, ::GetLogicalDrives());
     ForgetChangedDrives();
-    EXPECT_TRUE(IsWatched(L'F'));
+    EXPECT_TRUE(IsWatched(L'E'));
 }
 
 TEST_F(DriveWatchTest, DriveFirstNoticedByForgettingIsNotWatchedUntilItComesAgain) {
