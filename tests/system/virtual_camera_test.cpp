@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <setupapi.h>
 #include <winioctl.h>
+#include <winternl.h>
 // After winioctl.h, whose CTL_CODE it uses.
 #include <ntddscsi.h>
 
@@ -14,11 +15,16 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
+
+#include "device/unique_handle.h"
+#include "vcamctl_program.h"
 
 namespace {
 
@@ -37,16 +43,9 @@ constexpr std::size_t kDataOffset = 65;  // where the service puts the data: odd
 constexpr std::uint8_t kGood = 0;
 constexpr std::uint8_t kCheckCondition = 2;
 
-struct HandleCloser {
-    using pointer = HANDLE;
-    void operator()(HANDLE handle) const noexcept { ::CloseHandle(handle); }
-};
-using UniqueHandle = std::unique_ptr<void, HandleCloser>;
-
 UniqueHandle Open(const std::wstring& path, DWORD access = GENERIC_READ | GENERIC_WRITE) {
-    const HANDLE handle = ::CreateFileW(path.c_str(), access, 0, nullptr, OPEN_EXISTING,
-                                        FILE_FLAG_OVERLAPPED, nullptr);
-    return UniqueHandle(handle == INVALID_HANDLE_VALUE ? nullptr : handle);
+    return OwnFile(::CreateFileW(path.c_str(), access, 0, nullptr, OPEN_EXISTING,
+                                 FILE_FLAG_OVERLAPPED, nullptr));
 }
 
 std::array<std::uint8_t, 16> Cdb(std::initializer_list<std::uint8_t> bytes) {
@@ -173,6 +172,17 @@ std::vector<std::uint8_t> QueryDescriptor(HANDLE device, std::size_t length) {
     return bytes;
 }
 
+/// A function of ntdll that has no import library, or null.
+template <typename Function>
+Function NtFunction(const char* name) {
+    return reinterpret_cast<Function>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), name)));
+}
+
+bool RunsOnWine() {
+    return NtFunction<void*>("wine_get_version") != nullptr;
+}
+
 /// The error code of the std::system_error that `action` throws; 0 if it throws none.
 int CodeThrownBy(const std::function<void()>& action) {
     try {
@@ -267,7 +277,7 @@ TEST_F(VirtualCamera, TheInstanceIdIsAPartOfThePath) {
 TEST_F(VirtualCamera, AnInstanceIdOutsideAsciiCanBeOpenedWhereTheSystemAllowsIt) {
     vcam::PlugOptions options;
     options.instanceId = L"k\u00e4mera-\u6444";
-    if (::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") == nullptr) {
+    if (!RunsOnWine()) {
         EXPECT_EQ(CodeThrownBy([&] { bus.Plug(options); }), ERROR_INVALID_PARAMETER);
         return;
     }
@@ -304,6 +314,57 @@ TEST_F(VirtualCamera, BadOptionsAreRefused) {
     EXPECT_EQ(codeFor([](auto& o) { o.instanceId = std::wstring(61, L'x'); }),
               ERROR_INVALID_PARAMETER);
     EXPECT_TRUE(bus.List().empty());
+}
+
+/// Takes the name of a camera's interface, so that no camera can offer it.
+UniqueHandle TakeInterfaceName(const std::wstring& path) {
+    // The kernel's spelling of the directory that "\\\\?\\" stands for.
+    std::wstring name = L"\\??\\Global\\" + path.substr(4);
+    std::wstring target = L"\\Device\\Null";
+    const auto text = [](std::wstring& from) {
+        const auto bytes = static_cast<USHORT>(from.size() * sizeof(wchar_t));
+        return UNICODE_STRING{bytes, bytes, from.data()};
+    };
+    UNICODE_STRING nameText = text(name);
+    UNICODE_STRING targetText = text(target);
+    OBJECT_ATTRIBUTES attributes = {};
+    InitializeObjectAttributes(&attributes, &nameText, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    constexpr ACCESS_MASK kAllAccess = STANDARD_RIGHTS_REQUIRED | 1;  // SYMBOLIC_LINK_ALL_ACCESS
+    using Create = NTSTATUS(NTAPI*)(HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*, UNICODE_STRING*);
+    const auto create = NtFunction<Create>("NtCreateSymbolicLinkObject");
+    HANDLE link = nullptr;
+    EXPECT_EQ(create(&link, kAllAccess, &attributes, &targetText), 0);
+    return UniqueHandle(link);
+}
+
+TEST_F(VirtualCamera, ACameraThatCannotBeStartedIsUnpluggedAgain) {
+    vcam::PlugOptions options;
+    options.instanceId = L"Blocked";
+    const vcam::CameraId before = bus.Plug(options);
+    const std::wstring path = bus.InterfacePath(before);
+    bus.Unplug(before);
+    UniqueHandle taken = TakeInterfaceName(path);
+    for (int i = 0; i < 3; ++i) {
+        const int code = CodeThrownBy([&] { bus.Plug(options); });
+        EXPECT_NE(code, 0);
+        EXPECT_NE(code, ERROR_TIMEOUT);
+        EXPECT_NE(code, ERROR_DEVICE_NOT_CONNECTED);
+        EXPECT_TRUE(bus.List().empty());
+    }
+    taken.reset();
+    EXPECT_EQ(bus.InterfacePath(bus.Plug(options)), path);
+    EXPECT_TRUE(Open(path)) << ::GetLastError();
+}
+
+TEST_F(VirtualCamera, UnplugAllFromTwoSidesUnplugsAllOnce) {
+    for (int round = 0; round < 10; ++round) {
+        for (int i = 0; i < 5; ++i)
+            bus.Plug();
+        auto other = std::async(std::launch::async, [] { vcam::Bus().UnplugAll(); });
+        EXPECT_NO_THROW(bus.UnplugAll());
+        EXPECT_NO_THROW(other.get());
+        EXPECT_TRUE(bus.List().empty());
+    }
 }
 
 TEST_F(VirtualCamera, AnUnknownCameraIsReportedAsNotConnected) {
@@ -897,6 +958,25 @@ TEST_F(VirtualCamera, WaitingEndsWithTheEventTheTimeoutOrTheCamera) {
     second.Await();
 }
 
+TEST_F(VirtualCamera, LongTimeoutsAreNotCutShort) {
+    PlugAndOpen();
+    SetHold();
+    constexpr auto kFourGiga = std::chrono::milliseconds(std::int64_t{1} << 32);
+    for (const auto timeout : {kFourGiga, kFourGiga - 1ms, std::chrono::milliseconds::max()}) {
+        auto waiting = std::async(std::launch::async, [&] {
+            return CodeThrownBy([&] { bus.WaitForPending(id, 1, timeout); });
+        });
+        EXPECT_EQ(waiting.wait_for(100ms), std::future_status::timeout) << timeout.count();
+        Transfer read = ReadIn(Read6(0, 1));
+        ASSERT_EQ(read.Issue(device.get()), DWORD{ERROR_IO_PENDING});
+        EXPECT_EQ(waiting.get(), 0);
+        bus.ReleaseAll(id);
+        EXPECT_EQ(read.Await(), 0u);
+    }
+    EXPECT_EQ(CodeThrownBy([&] { bus.WaitForPending(id, 1, std::chrono::milliseconds::min()); }),
+              ERROR_TIMEOUT);
+}
+
 TEST_F(VirtualCamera, MemoryIsReadAndWrittenInPlace) {
     vcam::PlugOptions options;
     options.blockCount = 3000;  // more than one control request moves
@@ -946,6 +1026,114 @@ TEST_F(VirtualCamera, CancelsThatRaceWithTheEndLoseNoRequest) {
     EXPECT_GT(cancelled, 0);
     EXPECT_EQ(bus.Counters(id).pending, 0u);
     EXPECT_EQ(bus.Counters(id).requests, 1200u);
+}
+
+/// Issues requests until the camera refuses one, and waits for all of them: no thread may end
+/// before its requests have. Returns how many were pended; throws if one does not end, or ends in
+/// any other way than by the unplugging.
+std::size_t IssueUntilUnplugged(HANDLE device) {
+    std::vector<std::unique_ptr<Transfer>> transfers;
+    DWORD refusal = ERROR_SUCCESS;
+    for (;;) {
+        auto transfer = std::make_unique<Transfer>(UCHAR{SCSI_IOCTL_DATA_IN}, Read6(0, 1), 512);
+        refusal = transfer->Issue(device);
+        if (refusal != ERROR_IO_PENDING)
+            break;
+        transfers.push_back(std::move(transfer));
+    }
+    if (refusal != ERROR_DEVICE_NOT_CONNECTED)
+        throw std::runtime_error("refused with error " + std::to_string(refusal));
+    for (auto& transfer : transfers) {
+        const DWORD error = transfer->Await();
+        if (error == ERROR_TIMEOUT) {
+            for (auto& pending : transfers)
+                static_cast<void>(pending.release());  // the system may still write to them
+            throw std::runtime_error("a request does not end");
+        }
+        if (error != ERROR_DEVICE_NOT_CONNECTED)
+            throw std::runtime_error("ended with error " + std::to_string(error));
+    }
+    return transfers.size();
+}
+
+TEST_F(VirtualCamera, RequestsIssuedWhileTheCameraIsUnpluggedAllEnd) {
+    vcam::PlugOptions options;
+    options.instanceId = L"Storm";
+    for (int round = 0; round < 100; ++round) {
+        PlugAndOpen(options);
+        vcam::Behaviour behaviour;
+        behaviour.hold = round % 2 == 0;
+        behaviour.ignoreCancel = round % 2 == 1;
+        behaviour.delay = 1h;
+        Set(behaviour);
+        std::array<std::future<std::size_t>, 2> issuers;
+        for (auto& issuer : issuers)
+            issuer = std::async(std::launch::async, IssueUntilUnplugged, device.get());
+        EXPECT_EQ(CodeThrownBy([&] { bus.WaitForPending(id, 20, kPatience); }), 0);
+        bus.Unplug(id);
+        std::size_t pended = 0;
+        for (auto& issuer : issuers)
+            ASSERT_NO_THROW(pended += issuer.get()) << "round " << round;
+        EXPECT_GE(pended, 20u);
+    }
+}
+
+TEST_F(VirtualCamera, OneInstanceIdPluggedFromTwoSides) {
+    const auto plugAndUnplug = [] {
+        vcam::Bus own;
+        vcam::PlugOptions options;
+        options.instanceId = L"Contended";
+        int plugged = 0;
+        while (plugged < 30) {
+            try {
+                own.Unplug(own.Plug(options));
+                ++plugged;
+            } catch (const std::system_error& error) {
+                if (error.code().value() != ERROR_ALREADY_EXISTS)
+                    throw;
+            }
+        }
+    };
+    auto other = std::async(std::launch::async, plugAndUnplug);
+    EXPECT_NO_THROW(plugAndUnplug());
+    EXPECT_NO_THROW(other.get());
+    EXPECT_TRUE(bus.List().empty());
+}
+
+// --- the driver removed while it is in use ---
+
+/// Whatever a test does: the driver is installed again at its end.
+struct Reinstalling {
+    ~Reinstalling() { EXPECT_EQ(system_test::Vcamctl(L"install").exitCode, 0u); }
+};
+
+TEST_F(VirtualCamera, UninstallWithAHandleOpenAndARequestPending) {
+    if (!RunsOnWine())
+        GTEST_SKIP() << "Windows keeps a driver whose devices are in use until the next start";
+    for (int round = 0; round < 3; ++round) {
+        PlugAndOpen();
+        SetHold();
+        Transfer read = ReadIn(Read6(0, 1));
+        ASSERT_EQ(read.Issue(device.get()), DWORD{ERROR_IO_PENDING});
+        bus.WaitForPending(id, 1, kPatience);
+        {
+            const Reinstalling reinstalling;
+            EXPECT_EQ(system_test::Vcamctl(L"uninstall").exitCode, 0u);
+            EXPECT_EQ(read.Await(), DWORD{ERROR_DEVICE_NOT_CONNECTED});
+            Transfer late = ReadIn(Read6(0, 1));
+            EXPECT_NE(late.Run(device.get()), 0u);
+            EXPECT_EQ(CodeThrownBy([] { vcam::Bus(); }), ERROR_FILE_NOT_FOUND);
+            if (round == 1)
+                device.reset();  // between the drivers
+        }
+        bus = vcam::Bus();
+        UniqueHandle old = std::move(device);
+        PlugAndOpen();
+        old.reset();  // with the next driver in place
+        Transfer inquiry = ReadIn(Cdb({0x12, 0, 0, 0, 36}), 36);
+        EXPECT_EQ(inquiry.Run(device.get()), 0u);
+        EXPECT_EQ(bus.Counters(id).closes, 0u);
+    }
 }
 
 TEST_F(VirtualCamera, OpeningAndAskingWhileCamerasComeAndGo) {

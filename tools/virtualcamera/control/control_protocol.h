@@ -14,7 +14,7 @@ constexpr ULONG ControlCode(ULONG function) {
                     FILE_READ_ACCESS | FILE_WRITE_ACCESS);
 }
 
-inline constexpr ULONG kPlug = ControlCode(0);          // in PlugRecord, out ULONG id; pended
+inline constexpr ULONG kPlug = ControlCode(0);          // in PlugRecord, out ULONG id
 inline constexpr ULONG kUnplug = ControlCode(1);        // in ULONG id; pended
 inline constexpr ULONG kList = ControlCode(2);          // out ULONG ids[]
 inline constexpr ULONG kInfo = ControlCode(3);          // in ULONG id, out InfoRecord
@@ -25,6 +25,7 @@ inline constexpr ULONG kCounters = ControlCode(7);      // in ULONG id, out Coun
 inline constexpr ULONG kWait = ControlCode(8);          // in WaitRecord; pended
 inline constexpr ULONG kReadMemory = ControlCode(9);    // in MemoryRecord, out bytes
 inline constexpr ULONG kWriteMemory = ControlCode(10);  // in MemoryRecord, bytes
+inline constexpr ULONG kWaitStarted = ControlCode(11);  // in ULONG id; pended
 
 inline constexpr ULONG kStringBytes = 255;
 inline constexpr ULONG kInstanceIdCharacters = 60;

@@ -163,8 +163,18 @@ CameraId Bus::Plug(const PlugOptions& options) {
     record.instanceIdLength = static_cast<ULONG>(options.instanceId.size());
     std::copy(options.instanceId.begin(), options.instanceId.end(), record.instanceId);
     ULONG id = 0;
-    link->Call("cannot plug a camera", protocol::kPlug, &record, sizeof(record), &id, sizeof(id),
-               kPnpMilliseconds);
+    const char* const what = "cannot plug a camera";
+    link->Call(what, protocol::kPlug, &record, sizeof(record), &id, sizeof(id));
+    try {
+        link->Call(what, protocol::kWaitStarted, &id, sizeof(id), nullptr, 0, kPnpMilliseconds);
+    } catch (const std::system_error&) {
+        try {
+            Unplug(id);
+        } catch (const std::system_error&) {
+            // Why it could not be plugged says more.
+        }
+        throw;
+    }
     return id;
 }
 
@@ -175,8 +185,15 @@ void Bus::Unplug(CameraId id) {
 }
 
 void Bus::UnplugAll() {
-    for (const CameraInfo& camera : List())
-        Unplug(camera.id);
+    for (const CameraInfo& camera : List()) {
+        try {
+            Unplug(camera.id);
+        } catch (const std::system_error& error) {
+            if (error.code().value() != ERROR_DEVICE_NOT_CONNECTED)
+                throw;
+            // Somebody else has unplugged it meanwhile.
+        }
+    }
 }
 
 std::vector<CameraInfo> Bus::List() {
@@ -317,10 +334,13 @@ void Bus::WaitFor(CameraId id, Counter counter, std::uint64_t count,
     static constexpr std::array<const char*, 4> kNames = {"requests", "opens", "closes",
                                                           "pending requests"};
     const protocol::WaitRecord record = {count, id, static_cast<protocol::CounterKind>(counter)};
+    // 49 days at most: INFINITE itself would be for ever.
+    const auto milliseconds =
+        std::clamp<std::chrono::milliseconds::rep>(timeout.count(), 0, INFINITE - 1);
     link->Call("waiting for " + std::to_string(count) + " " +
                    kNames.at(static_cast<std::size_t>(counter)) + " of " + CameraText(id),
                protocol::kWait, &record, sizeof(record), nullptr, 0,
-               static_cast<DWORD>(std::max<std::chrono::milliseconds::rep>(0, timeout.count())));
+               static_cast<DWORD>(milliseconds));
 }
 
 std::vector<std::byte> Bus::ReadMemory(CameraId id, std::uint64_t offset, std::size_t length) {

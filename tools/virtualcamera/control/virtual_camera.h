@@ -144,12 +144,15 @@ public:
     Bus(Bus&&) noexcept;
     Bus& operator=(Bus&&) noexcept;
 
-    /// Plugs a camera; on return its interface is enabled and can be opened.
+    /// Plugs a camera; on return its interface is enabled and can be opened. One that does not
+    /// get that far is unplugged again.
     CameraId Plug(const PlugOptions& options = {});
 
     /// Unplugs a camera; on return its interface is gone and requests that were pending on it
     /// have ended with STATUS_DEVICE_NOT_CONNECTED (error 1167). Handles may still be open.
     void Unplug(CameraId id);
+
+    /// Unplugs all that are plugged when it is called.
     void UnplugAll();
 
     /// The plugged cameras in the order of their ids.
@@ -173,7 +176,7 @@ public:
     CameraCounters Counters(CameraId id);
 
     /// Returns once the counter is at least `count`; the driver says so, nothing is polled.
-    /// Throws ERROR_TIMEOUT when that takes longer than `timeout`, and
+    /// Throws ERROR_TIMEOUT when that takes longer than `timeout` (at most 49 days), and
     /// ERROR_DEVICE_NOT_CONNECTED when the camera is unplugged meanwhile.
     void WaitFor(CameraId id, Counter counter, std::uint64_t count,
                  std::chrono::milliseconds timeout);

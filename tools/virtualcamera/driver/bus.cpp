@@ -4,6 +4,10 @@
 
 #include "waiter.h"
 
+// Declared in <ntifs.h>, which is for file systems.
+extern "C" NTSYSAPI NTSTATUS NTAPI ZwWaitForSingleObject(HANDLE handle, BOOLEAN alertable,
+                                                         LARGE_INTEGER* timeout);
+
 namespace vcam {
 namespace {
 
@@ -32,6 +36,14 @@ void NTAPI DelayThread(void* context) {
     PsTerminateSystemThread(STATUS_SUCCESS);
 }
 
+void AskThreadToStop(Bus* bus) {
+    {
+        SpinLockGuard guard(&bus->lock);
+        bus->stopThread = true;
+    }
+    KeSetEvent(&bus->wake, IO_NO_INCREMENT, FALSE);
+}
+
 NTSTATUS StartDelayThread(Bus* bus) {
     HANDLE handle = nullptr;
     NTSTATUS status = PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
@@ -40,6 +52,12 @@ NTSTATUS StartDelayThread(Bus* bus) {
         return status;
     status =
         ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &bus->thread, nullptr);
+    if (!NT_SUCCESS(status)) {
+        // It runs, and would use the bus after its end.
+        bus->thread = nullptr;
+        AskThreadToStop(bus);
+        ZwWaitForSingleObject(handle, FALSE, nullptr);
+    }
     ZwClose(handle);
     return status;
 }
@@ -47,11 +65,7 @@ NTSTATUS StartDelayThread(Bus* bus) {
 void StopDelayThread(Bus* bus) {
     if (bus->thread == nullptr)
         return;
-    {
-        SpinLockGuard guard(&bus->lock);
-        bus->stopThread = true;
-    }
-    KeSetEvent(&bus->wake, IO_NO_INCREMENT, FALSE);
+    AskThreadToStop(bus);
     KeWaitForSingleObject(bus->thread, Executive, KernelMode, FALSE, nullptr);
     ObDereferenceObject(bus->thread);
     bus->thread = nullptr;
@@ -121,6 +135,8 @@ NTSTATUS QueryCameras(Bus* bus, IRP* irp) {
         SpinLockGuard guard(&bus->lock);
         for (LIST_ENTRY* at = bus->cameras.Flink; at != &bus->cameras; at = at->Flink) {
             Camera* const camera = CONTAINING_RECORD(at, Camera, link);
+            if (camera->unplugged)
+                camera->reportedMissing = true;
             if (camera->unplugged || count == capacity)
                 continue;
             camera->reported = true;
@@ -141,14 +157,15 @@ NTSTATUS QueryCameras(Bus* bus, IRP* irp) {
     return Forward(bus, irp);
 }
 
-/// Takes the first camera off the bus; null when there is none.
+/// Takes the first camera off the bus, which takes no more; null when there is none.
 Camera* TakeCamera(Bus* bus) {
     SpinLockGuard guard(&bus->lock);
+    bus->removed = true;
     if (IsListEmpty(&bus->cameras))
         return nullptr;
-    LIST_ENTRY* const entry = RemoveHeadList(&bus->cameras);
-    --bus->cameraCount;
-    return CONTAINING_RECORD(entry, Camera, link);
+    Camera* const camera = CONTAINING_RECORD(bus->cameras.Flink, Camera, link);
+    TakeOffBus(camera);
+    return camera;
 }
 
 NTSTATUS Remove(Bus* bus, IRP* irp) {
@@ -156,13 +173,12 @@ NTSTATUS Remove(Bus* bus, IRP* irp) {
         UNICODE_STRING link = NameOf(kBusLinkName);
         IoDeleteSymbolicLink(&link);
     }
-    // The PnP manager has removed the cameras before the bus; what is left is only memory.
-    while (Camera* const camera = TakeCamera(bus)) {
-        EndAllRequests(camera);
-        DeleteCamera(camera);
-    }
-    CheckWaiters(bus);
     StopDelayThread(bus);
+    // The PnP manager has removed the cameras before the bus, but was not told that they are
+    // missing, so they are still here.
+    while (Camera* const camera = TakeCamera(bus))
+        DropCamera(camera);
+    CheckWaiters(bus);
     irp->IoStatus.Status = STATUS_SUCCESS;
     const NTSTATUS status = Forward(bus, irp);
     IoDetachDevice(bus->lowerDevice);

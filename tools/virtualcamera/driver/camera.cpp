@@ -94,13 +94,18 @@ NTSTATUS EnableInterface(Camera* camera) {
 
 NTSTATUS Start(Camera* camera, IRP* irp) {
     Bus* const bus = camera->bus;
+    {
+        // Before the interface is enabled: that is announced, and programs open the camera, before
+        // the start has ended.
+        SpinLockGuard guard(&bus->lock);
+        camera->refuses = false;
+        camera->gone = false;
+    }
     const NTSTATUS status = EnableInterface(camera);
     {
         SpinLockGuard guard(&bus->lock);
         camera->startStatus = status;
         camera->started = NT_SUCCESS(status);
-        if (!camera->started)
-            camera->unplugged = true;  // the next query drops it
     }
     Complete(irp, status);
     CheckWaiters(bus);
@@ -108,11 +113,15 @@ NTSTATUS Start(Camera* camera, IRP* irp) {
 }
 
 /// The camera can no longer be used: ends what is pending, then takes the interface away.
-/// `forGood` is false when the device was only disabled and may be started again.
+/// `forGood` is false when the device was only disabled and may be started again. Does
+/// nothing to a camera that is gone already.
 void TakeAway(Camera* camera, bool forGood) {
     bool disable = false;
     {
         SpinLockGuard guard(&camera->bus->lock);
+        if (camera->gone)
+            return;
+        camera->refuses = true;  // nothing is pended behind the end of all requests
         disable = camera->started;
         camera->started = false;
     }
@@ -130,28 +139,23 @@ void TakeAway(Camera* camera, bool forGood) {
 
 NTSTATUS Remove(Camera* camera, IRP* irp) {
     Bus* const bus = camera->bus;
-    bool plugged = false;
+    bool missing = false;
     {
         SpinLockGuard guard(&bus->lock);
-        plugged = !camera->unplugged;
+        missing = camera->reportedMissing;
     }
-    TakeAway(camera, !plugged);
+    TakeAway(camera, missing);
     Complete(irp, STATUS_SUCCESS);
-    if (plugged)
+    if (!missing)
         return STATUS_SUCCESS;  // only disabled: the device lives as long as it is reported
 
-    bool last = false;
+    bool taken = false;
     {
         SpinLockGuard guard(&bus->lock);
-        if (!camera->removed) {
-            camera->removed = true;
-            RemoveEntryList(&camera->link);
-            --bus->cameraCount;
-            last = camera->users == 0;
-        }
+        taken = TakeOffBus(camera);
     }
-    if (last)
-        DeleteCamera(camera);
+    if (taken)
+        ReleaseUser(camera);
     return STATUS_SUCCESS;
 }
 
@@ -201,7 +205,7 @@ NTSTATUS FoldInstanceId(Camera* camera) {
 bool IsInUse(Bus* bus, const Camera* camera) {
     for (LIST_ENTRY* at = bus->cameras.Flink; at != &bus->cameras; at = at->Flink) {
         const Camera* const other = CONTAINING_RECORD(at, Camera, link);
-        if (!other->unplugged &&
+        if (!other->gone &&
             RtlCompareMemory(other->foldedInstanceId, camera->foldedInstanceId,
                              sizeof(camera->foldedInstanceId)) == sizeof(camera->foldedInstanceId))
             return true;
@@ -212,6 +216,8 @@ bool IsInUse(Bus* bus, const Camera* camera) {
 /// Puts a new camera on the bus, under an instance id that no other one has.
 NTSTATUS AddToBus(Bus* bus, Camera* camera) {
     SpinLockGuard guard(&bus->lock);
+    if (bus->removed)
+        return STATUS_DELETE_PENDING;
     if (bus->cameraCount >= protocol::kCameraLimit)
         return STATUS_TOO_MANY_NODES;
     if (camera->plug.instanceIdLength == 0) {
@@ -225,6 +231,8 @@ NTSTATUS AddToBus(Bus* bus, Camera* camera) {
         return STATUS_OBJECT_NAME_COLLISION;
     }
     camera->id = ++bus->lastId;
+    camera->users = 1;
+    camera->onBus = true;
     InsertTailList(&bus->cameras, &camera->link);
     ++bus->cameraCount;
     return STATUS_SUCCESS;
@@ -246,6 +254,7 @@ NTSTATUS CreateCamera(Bus* bus, const protocol::PlugRecord& plug, ULONG* id) {
     Camera* const camera = static_cast<Camera*>(device->DeviceExtension);
     RtlZeroMemory(camera, sizeof(*camera));
     camera->kind = DeviceKind::kCamera;
+    ObReferenceObject(bus->device);
     camera->bus = bus;
     camera->device = device;
     camera->plug = plug;
@@ -285,7 +294,23 @@ void DeleteCamera(Camera* camera) {
     FreePool(camera->unit.memory);
     if (camera->interfaceName.Buffer != nullptr)
         RtlFreeUnicodeString(&camera->interfaceName);
+    DEVICE_OBJECT* const busDevice = camera->bus->device;
     IoDeleteDevice(camera->device);
+    ObDereferenceObject(busDevice);
+}
+
+bool TakeOffBus(Camera* camera) {
+    if (!camera->onBus)
+        return false;
+    camera->onBus = false;
+    RemoveEntryList(&camera->link);
+    --camera->bus->cameraCount;
+    return true;
+}
+
+void DropCamera(Camera* camera) {
+    TakeAway(camera, true);
+    ReleaseUser(camera);
 }
 
 Camera* FindCamera(Bus* bus, ULONG id) {
@@ -331,8 +356,7 @@ NTSTATUS CameraCreate(Camera* camera, IRP* irp) {
     {
         SpinLockGuard guard(&bus->lock);
         file->FsContext = nullptr;
-        // Not "started": the arrival of the interface is announced before the start has ended.
-        if (!camera->gone) {
+        if (!camera->refuses) {
             file->FsContext = camera;  // this handle counts
             ++camera->opens;
             ++camera->users;

@@ -23,17 +23,24 @@ bool ReadRecord(const ControlBuffers& buffers, Record* record) {
     return true;
 }
 
-NTSTATUS Plug(Bus* bus, IRP* irp, const ControlBuffers& buffers) {
+NTSTATUS Plug(Bus* bus, const ControlBuffers& buffers, ULONG* written) {
     if (buffers.inputLength < sizeof(protocol::PlugRecord) || buffers.outputLength < sizeof(ULONG))
-        return Complete(irp, STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
     ULONG id = 0;
     const NTSTATUS status =
         CreateCamera(bus, *reinterpret_cast<const protocol::PlugRecord*>(buffers.bytes), &id);
     if (!NT_SUCCESS(status))
-        return Complete(irp, status);
-    // The PnP manager sees the camera even if the wait below cannot be pended; then it is listed
-    // and can be unplugged.
+        return status;
     IoInvalidateDeviceRelations(bus->physicalDevice, BusRelations);
+    *reinterpret_cast<ULONG*>(buffers.bytes) = id;
+    *written = sizeof(id);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS WaitStarted(Bus* bus, IRP* irp, const ControlBuffers& buffers) {
+    ULONG id = 0;
+    if (!ReadRecord(buffers, &id))
+        return Complete(irp, STATUS_INVALID_PARAMETER);
     return PendWaiter(bus, irp, WaitFor::kStarted, {0, id, {}});
 }
 
@@ -41,25 +48,22 @@ NTSTATUS Unplug(Bus* bus, IRP* irp, const ControlBuffers& buffers) {
     ULONG id = 0;
     if (!ReadRecord(buffers, &id))
         return Complete(irp, STATUS_INVALID_PARAMETER);
-    Camera* unseen = nullptr;
+    Camera* unseen = nullptr;  // by the PnP manager, which so will not remove it
     {
         SpinLockGuard guard(&bus->lock);
         Camera* const camera = FindCamera(bus, id);
-        if (camera == nullptr)
+        if (camera == nullptr) {
             id = 0;
-        else if (camera->reported)
+        } else {
             camera->unplugged = true;
-        else {
-            RemoveEntryList(&camera->link);
-            --bus->cameraCount;
-            unseen = camera;
+            if (!camera->reported && TakeOffBus(camera))
+                unseen = camera;
         }
     }
     if (id == 0)
         return Complete(irp, STATUS_DEVICE_NOT_CONNECTED);
     if (unseen != nullptr) {
-        DeleteCamera(unseen);
-        CheckWaiters(bus);
+        DropCamera(unseen);
         return Complete(irp, STATUS_SUCCESS);
     }
     CheckWaiters(bus);
@@ -185,12 +189,15 @@ NTSTATUS BusControl(Bus* bus, IRP* irp) {
     NTSTATUS status = STATUS_INVALID_DEVICE_REQUEST;
     ULONG written = 0;
     switch (parameters.IoControlCode) {
-        case protocol::kPlug:
-            return Plug(bus, irp, buffers);
+        case protocol::kWaitStarted:
+            return WaitStarted(bus, irp, buffers);
         case protocol::kUnplug:
             return Unplug(bus, irp, buffers);
         case protocol::kWait:
             return Wait(bus, irp, buffers);
+        case protocol::kPlug:
+            status = Plug(bus, buffers, &written);
+            break;
         case protocol::kList:
             status = List(bus, buffers, &written);
             break;

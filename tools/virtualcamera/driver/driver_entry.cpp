@@ -66,7 +66,16 @@ NTSTATUS NTAPI DispatchSystemControl(DEVICE_OBJECT* device, IRP* irp) {
     return Complete(irp, irp->IoStatus.Status, irp->IoStatus.Information);
 }
 
-void NTAPI Unload(DRIVER_OBJECT*) {}  // every device is gone by now
+/// On Windows every device is gone by now. Wine unloads the driver even if cameras have open
+/// handles; once their devices are deleted, none of their closes comes here.
+void NTAPI Unload(DRIVER_OBJECT* driver) {
+    for (DEVICE_OBJECT* device = driver->DeviceObject; device != nullptr;) {
+        DEVICE_OBJECT* const next = device->NextDevice;
+        if (BusOf(device) == nullptr)
+            DeleteCamera(CameraOf(device));
+        device = next;
+    }
+}
 
 }  // namespace
 }  // namespace vcam

@@ -23,7 +23,7 @@ inline constexpr ULONG kPoolTag = 0x6d616356;  // "Vcam" in memory
 
 /// Zeroed memory that may be touched at any IRQL; null when there is none. FreePool() frees it.
 inline void* AllocatePool(SIZE_T bytes) {
-    void* const memory = ExAllocatePoolWithTag(NonPagedPool, bytes, kPoolTag);
+    void* const memory = ExAllocatePoolWithTag(NonPagedPoolNx, bytes, kPoolTag);
     if (memory != nullptr)
         RtlZeroMemory(memory, bytes);
     return memory;

@@ -55,7 +55,7 @@ constexpr ULONG kDescriptorHead = FIELD_OFFSET(STORAGE_DEVICE_DESCRIPTOR, RawDev
 /// The longest descriptor that is built from strings.
 struct DescriptorBytes {
     alignas(STORAGE_DEVICE_DESCRIPTOR)
-        UCHAR bytes[sizeof(STORAGE_DEVICE_DESCRIPTOR) + 3 * (protocol::kStringBytes + 1)];
+        UCHAR bytes[sizeof(STORAGE_DEVICE_DESCRIPTOR) + SIZE_T{3} * (protocol::kStringBytes + 1)];
     ULONG length;
 };
 
@@ -101,10 +101,10 @@ NTSTATUS QueryProperty(Camera* camera, IRP* irp) {
     DescriptorBytes built;
     BuildDescriptor(camera->plug, &built);
     ULONG count = 0;
-    bool gone = false;
+    bool refused = false;
     {
         SpinLockGuard guard(&camera->bus->lock);
-        gone = camera->gone;
+        refused = camera->refuses;
         const protocol::BehaviourRecord& behaviour = camera->behaviour;
         const bool given = behaviour.hasDescriptor != 0;
         const bool headerOnly = parameters.OutputBufferLength <= sizeof(STORAGE_DESCRIPTOR_HEADER);
@@ -114,7 +114,7 @@ NTSTATUS QueryProperty(Camera* camera, IRP* irp) {
         RtlCopyMemory(irp->AssociatedIrp.SystemBuffer, given ? behaviour.descriptor : built.bytes,
                       count);
     }
-    if (gone)
+    if (refused)
         return Complete(irp, STATUS_DEVICE_NOT_CONNECTED);
     return Complete(irp, STATUS_SUCCESS, count);
 }
@@ -216,7 +216,7 @@ void NTAPI CancelRequest(DEVICE_OBJECT*, IRP* irp) {
 KeptRequest* Keep(const IRP* irp, ULONG inputLength, ULONG outputLength) {
     const ULONG count = Smaller(inputLength, protocol::kRequestBytesKept);
     auto* const kept = static_cast<KeptRequest*>(
-        ExAllocatePoolWithTag(NonPagedPool, sizeof(KeptRequest) + count, kPoolTag));
+        ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(KeptRequest) + count, kPoolTag));
     if (kept == nullptr)
         return nullptr;
     kept->header = {inputLength, outputLength, count, 0};
@@ -258,7 +258,7 @@ void Pend(PendedRequest* request, bool ignoreCancel) {
             ++camera->pending;
             LIST_ENTRY ended;
             InitializeListHead(&ended);
-            if (camera->gone && Take(request, &ended))
+            if (camera->refuses && Take(request, &ended))
                 failed = STATUS_DEVICE_NOT_CONNECTED;
         }
     }
@@ -287,13 +287,13 @@ NTSTATUS PassThrough(Camera* camera, IRP* irp) {
     request->irp = irp;
 
     KeptRequest* oldest = nullptr;
-    bool gone = false;
+    bool refused = false;
     bool ignoreCancel = false;
     ULONG delay = 0;
     LONG immediate = STATUS_SUCCESS;
     {
         SpinLockGuard guard(&bus->lock);
-        gone = camera->gone;
+        refused = camera->refuses;
         oldest = Count(camera, kept);
         request->sequenceNumber = camera->requests;
         const protocol::BehaviourRecord& behaviour = camera->behaviour;
@@ -307,7 +307,7 @@ NTSTATUS PassThrough(Camera* camera, IRP* irp) {
     FreePool(oldest);
 
     NTSTATUS status = STATUS_PENDING;
-    if (gone)
+    if (refused)
         status = Complete(irp, STATUS_DEVICE_NOT_CONNECTED);
     else if (immediate != STATUS_SUCCESS)
         status = Complete(irp, immediate);
@@ -333,7 +333,11 @@ NTSTATUS PassThrough(Camera* camera, IRP* irp) {
 }  // namespace
 
 NTSTATUS CameraControl(Camera* camera, IRP* irp) {
-    switch (IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.IoControlCode) {
+    const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(irp);
+    // Wine hands out a handle even if the open was failed. The camera does not wait for its close.
+    if (stack->FileObject == nullptr || stack->FileObject->FsContext == nullptr)
+        return Complete(irp, STATUS_DEVICE_NOT_CONNECTED);
+    switch (stack->Parameters.DeviceIoControl.IoControlCode) {
         case IOCTL_SCSI_PASS_THROUGH:
             return PassThrough(camera, irp);
         case IOCTL_STORAGE_QUERY_PROPERTY:
@@ -440,7 +444,7 @@ void ReleaseUser(Camera* camera) {
     bool last = false;
     {
         SpinLockGuard guard(&camera->bus->lock);
-        last = --camera->users == 0 && camera->removed;
+        last = --camera->users == 0;
     }
     if (last)
         DeleteCamera(camera);

@@ -25,14 +25,17 @@ enum class DeviceKind : ULONG { kBus, kCamera };
 
 /// One camera. Lives in the extension of its physical device object.
 ///
-/// The device is deleted when the bus has been told to remove it and `users` is 0. Windows sends
-/// the removal only then; Wine sends it with handles still open.
+/// A removal takes it off the bus once the PnP manager has been told that it is missing; before
+/// that the PnP manager still counts on the device, which is only disabled. What is on a bus that
+/// is itself removed goes with it. The device is deleted when it is off the bus and neither a
+/// handle nor a request uses it: Windows removes no device with handles open, Wine does.
 struct Camera {
     DeviceKind kind;
     ULONG id;
-    Bus* bus;  // not owned; outlives its cameras
+    Bus* bus;  // its device is referenced: it outlives its cameras
     DEVICE_OBJECT* device;
     LIST_ENTRY link;  // in Bus::cameras
+    bool onBus;       // it is in that list
 
     protocol::PlugRecord plug;
     wchar_t foldedInstanceId[protocol::kInstanceIdCharacters + 1];  // upper case, to compare
@@ -41,10 +44,11 @@ struct Camera {
     bool reported;         // the PnP manager has been told of it
     bool started;          // its interface is enabled
     bool unplugged;        // no longer reported
-    bool gone;             // interface disabled for good
-    bool removed;          // the PnP manager is done with it
+    bool reportedMissing;  // the PnP manager has been told that it is unplugged
+    bool refuses;          // opens and requests; nothing is pended any more
+    bool gone;             // all its requests have ended, its interface is disabled for good
     NTSTATUS startStatus;  // why it could not be started
-    ULONG users;           // open handles and pended requests
+    ULONG users;           // the bus, open handles and pended requests
 
     protocol::BehaviourRecord behaviour;
     ULONGLONG requests;
@@ -68,6 +72,7 @@ struct Bus {
     LIST_ENTRY cameras;  // in the order of their ids
     ULONG cameraCount;
     ULONG lastId;
+    bool removed;        // takes no more cameras
     LIST_ENTRY waiters;  // of Waiter: control requests that wait for something to happen
 
     // The thread that ends delayed requests.
@@ -98,6 +103,13 @@ NTSTATUS CreateCamera(Bus* bus, const protocol::PlugRecord& plug, ULONG* id);
 /// Frees everything of a camera that is on no list any more. IRQL: PASSIVE_LEVEL.
 void DeleteCamera(Camera* camera);
 
+/// Under the lock: takes a camera off the bus, which remains its user. False if it is off already.
+bool TakeOffBus(Camera* camera);
+
+/// Ends all that is pending on a camera that was taken off the bus, and deletes it as soon as
+/// nobody uses it. IRQL: PASSIVE_LEVEL.
+void DropCamera(Camera* camera);
+
 /// Under the lock: the camera with this id that is still plugged, or null.
 Camera* FindCamera(Bus* bus, ULONG id);
 
@@ -127,7 +139,7 @@ NTSTATUS CopyKeptRequest(Bus* bus, const protocol::RequestQuery& query, UCHAR* t
 /// Frees the kept requests of a camera.
 void FreeKeptRequests(Camera* camera);
 
-/// One handle or pended request less; deletes the camera when it was the last and it is removed.
+/// One user less; deletes the camera when it was the last. IRQL: PASSIVE_LEVEL.
 void ReleaseUser(Camera* camera);
 
 }  // namespace vcam

@@ -43,11 +43,10 @@ NTSTATUS Check(Bus* bus, const Waiter& waiter) {
         return camera == nullptr || camera->gone ? STATUS_SUCCESS : STATUS_PENDING;
     if (camera == nullptr)
         return STATUS_DEVICE_NOT_CONNECTED;
-    // Before "unplugged": a camera that could not be started is that too.
-    if (waiter.what == WaitFor::kStarted && !NT_SUCCESS(camera->startStatus))
-        return camera->startStatus;
     if (camera->unplugged)
         return STATUS_DEVICE_NOT_CONNECTED;
+    if (waiter.what == WaitFor::kStarted && !NT_SUCCESS(camera->startStatus))
+        return camera->startStatus;
     if (waiter.what == WaitFor::kStarted)
         return camera->started ? STATUS_SUCCESS : STATUS_PENDING;
     return CounterOf(camera, waiter.wait.counter) >= waiter.wait.atLeast ? STATUS_SUCCESS
@@ -55,13 +54,7 @@ NTSTATUS Check(Bus* bus, const Waiter& waiter) {
 }
 
 void CompleteWaiter(Waiter* waiter) {
-    IRP* const irp = waiter->irp;
-    ULONG_PTR information = 0;
-    if (waiter->what == WaitFor::kStarted && NT_SUCCESS(waiter->status)) {
-        *static_cast<ULONG*>(irp->AssociatedIrp.SystemBuffer) = waiter->wait.id;
-        information = sizeof(ULONG);
-    }
-    Complete(irp, waiter->status, information);
+    Complete(waiter->irp, waiter->status);
     FreePool(waiter);
 }
 
