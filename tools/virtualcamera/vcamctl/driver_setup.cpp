@@ -7,6 +7,7 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <system_error>
 #include <vector>
@@ -110,6 +111,17 @@ void RemoveBus(HDEVINFO list, SP_DEVINFO_DATA* device) {
         FailLast("cannot remove the bus device");
 }
 
+/// Unplugs every camera of a bus that runs; one that doesn't has none.
+void UnplugAll() {
+    std::optional<Bus> bus;
+    try {
+        bus.emplace();
+    } catch (const std::system_error&) {
+        return;  // what there may be of it can be removed as well
+    }
+    bus->UnplugAll();
+}
+
 /// The name under which the system keeps its copy of the driver's INF ("oem7.inf"), or empty.
 std::wstring InstalledInf(HDEVINFO list, SP_DEVINFO_DATA* device) {
     const HKEY key = ::SetupDiOpenDevRegKey(list, device, DICS_FLAG_GLOBAL, 0, DIREG_DRV, KEY_READ);
@@ -170,13 +182,7 @@ void InstallDriver(const std::wstring& infPath) {
 
 void UninstallDriver() {
     std::vector<std::wstring> infs;
-    if (BusExists()) {
-        try {
-            Bus().UnplugAll();
-        } catch (const std::system_error&) {
-            // A bus that does not run has no cameras, and its remains can be removed as well.
-        }
-    }
+    UnplugAll();
     ForEachBus([&](HDEVINFO list, SP_DEVINFO_DATA* device) {
         if (std::wstring inf = InstalledInf(list, device); !inf.empty())
             infs.push_back(std::move(inf));

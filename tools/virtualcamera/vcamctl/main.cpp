@@ -21,14 +21,17 @@
 #include <system_error>
 #include <vector>
 
+#include "device/unique_handle.h"
 #include "driver_setup.h"
 #include "virtual_camera.h"
 
 namespace {
 
-struct LocalBlockFree {
-    void operator()(void* block) const noexcept { ::LocalFree(block); }
-};
+/// `what` and `name` begin the text of the exception.
+[[noreturn]] void FailLast(const char* what, const std::string& name = {}) {
+    const DWORD error = ::GetLastError();
+    throw std::system_error(static_cast<int>(error), std::system_category(), what + name);
+}
 
 /// The largest camera memory: what the driver allows.
 constexpr std::size_t kMemoryLimit = std::size_t{131072} * vcam::kBlockSize;
@@ -61,11 +64,10 @@ std::string Utf8(const std::wstring& wide) {
 /// The arguments without the program's name, last one first as CLI::App::parse() wants them.
 std::vector<std::string> ReversedArguments() {
     int count = 0;
-    const std::unique_ptr<LPWSTR, LocalBlockFree> arguments(
+    const std::unique_ptr<LPWSTR, LocalFreer> arguments(
         ::CommandLineToArgvW(::GetCommandLineW(), &count));
     if (!arguments)
-        throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
-                                "cannot read the command line");
+        FailLast("cannot read the command line");
     std::vector<std::string> reversed;
     for (int i = count - 1; i > 0; --i)
         reversed.push_back(Utf8(arguments.get()[i]));
@@ -94,26 +96,30 @@ std::string ClassName(const GUID& guid) {
 }
 
 std::vector<std::byte> ReadFile(const std::string& path) {
-    const std::unique_ptr<FILE, decltype(&std::fclose)> file(::_wfopen(Wide(path).c_str(), L"rb"),
-                                                             &std::fclose);
+    const std::wstring name = Wide(path);
+    const UniqueHandle file =
+        OwnFile(::CreateFileW(name.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                              FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file)
-        throw std::system_error(errno, std::generic_category(), "cannot open " + path);
+        FailLast("cannot open ", path);
     // One byte more than any memory holds, so that a larger file is noticed.
     std::vector<std::byte> bytes(kMemoryLimit + 1);
-    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get()));
-    if (std::ferror(file.get()))
-        throw std::system_error(errno, std::generic_category(), "cannot read " + path);
+    DWORD count = 0;
+    if (!::ReadFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &count, nullptr))
+        FailLast("cannot read ", path);
+    bytes.resize(count);
     return bytes;
 }
 
 void WriteFile(const std::string& path, const std::vector<std::byte>& bytes) {
-    FILE* const file = ::_wfopen(Wide(path).c_str(), L"wb");
-    if (file == nullptr)
-        throw std::system_error(errno, std::generic_category(), "cannot open " + path);
-    const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
-    const bool closed = std::fclose(file) == 0;  // the last bytes are written here
-    if (!written || !closed)
-        throw std::system_error(errno, std::generic_category(), "cannot write " + path);
+    const std::wstring name = Wide(path);
+    const UniqueHandle file = OwnFile(::CreateFileW(name.c_str(), GENERIC_WRITE, 0, nullptr,
+                                                    CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file)
+        FailLast("cannot create ", path);
+    DWORD count = 0;
+    if (!::WriteFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &count, nullptr))
+        FailLast("cannot write ", path);
 }
 
 vcam::CameraInfo FindCamera(vcam::Bus& bus, vcam::CameraId id) {
@@ -162,8 +168,7 @@ void AddInstall(CLI::App& app) {
             std::array<wchar_t, 32768> program = {};
             if (::GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size())) ==
                 0)
-                throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
-                                        "cannot find this program");
+                FailLast("cannot find this program");
             path = program.data();
             path.replace(path.find_last_of(L'\\') + 1, std::wstring::npos, L"orvikvcam.inf");
         }
@@ -171,8 +176,7 @@ void AddInstall(CLI::App& app) {
         std::array<wchar_t, 32768> full = {};
         if (::GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(),
                                nullptr) == 0)
-            throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
-                                    "bad path of the INF file");
+            FailLast("bad path of the INF file");
         vcam::InstallDriver(full.data());
     });
 }
@@ -181,6 +185,20 @@ void AddUninstall(CLI::App& app) {
     app.add_subcommand("uninstall", "Unplug all cameras and remove the driver")->callback([] {
         vcam::UninstallDriver();
     });
+}
+
+/// A camera that does not get its memory has not been plugged: nobody would know its id.
+void WriteMemoryOrUnplug(vcam::Bus& bus, vcam::CameraId id, const std::vector<std::byte>& memory) {
+    try {
+        bus.WriteMemory(id, 0, memory);
+    } catch (const std::exception&) {
+        try {
+            bus.Unplug(id);
+        } catch (const std::system_error&) {
+            // Why the memory could not be written says more.
+        }
+        throw;
+    }
 }
 
 void AddPlug(CLI::App& app) {
@@ -228,7 +246,7 @@ void AddPlug(CLI::App& app) {
         vcam::Bus bus;
         const vcam::CameraId id = bus.Plug(given.plug);
         if (!memory.empty())
-            bus.WriteMemory(id, 0, memory);
+            WriteMemoryOrUnplug(bus, id, memory);
         std::printf("%u\n", id);
     });
 }
