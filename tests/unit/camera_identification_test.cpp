@@ -13,7 +13,14 @@
 
 #include <winioctl.h>
 
+#include "import_hook.h"
 #include "service_fixture.h"
+
+extern "C" {
+extern decltype(&::CloseHandle) __imp_CloseHandle;
+extern decltype(&::CreateFileW) __imp_CreateFileW;
+extern decltype(&::DeviceIoControl) __imp_DeviceIoControl;
+}
 
 namespace {
 
@@ -173,6 +180,95 @@ TEST_F(IdentificationTest, CameraInUseIsStillIdentified) {
                                                     nullptr, OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(user);
     EXPECT_TRUE(IdentifyCamera(path.c_str(), false));
+}
+
+/// What IdentifyCamera calls, which goes through to Windows unless a step is to fail.
+class IdentificationCalls {
+public:
+    enum class Failing { kNothing, kOpen, kHeader, kShortHeader, kDescriptor, kShortDescriptor };
+
+    IdentificationCalls()
+        : open([this](const wchar_t* name, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                      DWORD creation, DWORD flags, HANDLE pattern) {
+              EXPECT_EQ(name, path);
+              EXPECT_EQ(access, 0u);
+              EXPECT_EQ(share, 0u);
+              EXPECT_EQ(security, nullptr);
+              EXPECT_EQ(creation, 3u);  // OPEN_EXISTING
+              EXPECT_EQ(flags, 0u);
+              EXPECT_EQ(pattern, nullptr);
+              calls += "open ";
+              device = failing == Failing::kOpen
+                           ? INVALID_HANDLE_VALUE
+                           : decltype(open)::Original(name, access, share, security, creation,
+                                                      flags, pattern);
+              return device;
+          }),
+          control([this](HANDLE handle, DWORD code, void* in, DWORD inSize, void* out,
+                         DWORD outSize, DWORD* returned, OVERLAPPED* overlapped) {
+              EXPECT_EQ(handle, device);
+              EXPECT_EQ(code, 0x2D1400u);
+              EXPECT_EQ(std::string(static_cast<const char*>(in), inSize), std::string(12, '\0'));
+              EXPECT_NE(returned, nullptr);
+              EXPECT_EQ(overlapped, nullptr);
+              const bool isHeader = calls == "open ";
+              EXPECT_EQ(outSize, isHeader ? 8 : size);
+              calls += isHeader ? "header " : "descriptor ";
+              const BOOL result = decltype(control)::Original(handle, code, in, inSize, out,
+                                                              outSize, returned, overlapped);
+              if (isHeader)
+                  size = static_cast<const STORAGE_DESCRIPTOR_HEADER*>(out)->Size;
+              if (failing == (isHeader ? Failing::kShortHeader : Failing::kShortDescriptor))
+                  --*returned;
+              // All of it came, and yet the call has failed.
+              return failing == (isHeader ? Failing::kHeader : Failing::kDescriptor) ? FALSE
+                                                                                     : result;
+          }),
+          close([this](HANDLE handle) {
+              calls += handle == device ? "close" : "close another";
+              return decltype(close)::Original(handle);
+          }) {}
+
+    std::wstring path;
+    Failing failing = Failing::kNothing;
+    std::string calls;
+
+private:
+    HANDLE device = nullptr;
+    DWORD size = 0;  // of the descriptor, as its header says
+    HookedImport<&__imp_CreateFileW> open;
+    HookedImport<&__imp_DeviceIoControl> control;
+    HookedImport<&__imp_CloseHandle> close;
+};
+
+TEST_F(IdentificationTest, AsksInTwoStepsWithoutAccessAndClosesTheHandleOnEveryPath) {
+    vcam::PlugOptions strange;
+    strange.vendor = "Other";
+    const std::wstring camera = bus.InterfacePath(Plug());
+    const std::wstring stranger = bus.InterfacePath(Plug(strange));
+    using Failing = IdentificationCalls::Failing;
+    const struct {
+        std::wstring path;
+        Failing failing;
+        bool answer;
+        const char* calls;
+    } cases[] = {
+        {camera, Failing::kNothing, true, "open header descriptor close"},
+        {stranger, Failing::kNothing, false, "open header descriptor close"},
+        {camera, Failing::kOpen, false, "open "},
+        {camera, Failing::kHeader, false, "open header close"},
+        {camera, Failing::kShortHeader, false, "open header close"},
+        {camera, Failing::kDescriptor, false, "open header descriptor close"},
+        {camera, Failing::kShortDescriptor, false, "open header descriptor close"},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(std::to_string(static_cast<int>(one.failing)));
+        IdentificationCalls calls;
+        calls.path = one.path;
+        calls.failing = one.failing;
+        EXPECT_EQ(IdentifyCamera(one.path.c_str(), false), one.answer);
+        EXPECT_EQ(calls.calls, one.calls);
+    }
 }
 
 TEST(TrimSpaces, CutsSpacesAtBothEndsInPlace) {

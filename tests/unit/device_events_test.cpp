@@ -12,12 +12,17 @@
 #include <dbt.h>
 
 #include "device/device.h"
+#include "device/io_operation.h"
 #include "device/windows_exception.h"
+#include "guarded_heap.h"
 #include "import_hook.h"
 #include "service_fixture.h"
 #include "session/server_client.h"
 
-extern "C" decltype(&::WriteFile) __imp_WriteFile;
+extern "C" {
+extern decltype(&::PostQueuedCompletionStatus) __imp_PostQueuedCompletionStatus;
+extern decltype(&::WriteFile) __imp_WriteFile;
+}
 
 namespace {
 
@@ -351,6 +356,35 @@ TEST_F(DeviceEventsTest, FailureInADeviceEventIsALineAndGoesOn) {
     EXPECT_THROW(port.DispatchOne(), WindowsException);
     EXPECT_EQ(output.Error(), "Error in Server::DeviceEvent().\n");
     EXPECT_EQ(Cameras(), Ids{}) << "it was erased before";
+}
+
+TEST_F(DeviceEventsTest, EventThatCannotBePostedIsThrownAndFreedWithItsCopy) {
+    StartServer();
+    const auto record = std::make_unique<DEV_BROADCAST_HDR[]>(100);
+    record[0].dbch_size = 100 * sizeof(DEV_BROADCAST_HDR);
+    const std::size_t operations = port.Operations();
+    const std::size_t copies = guarded_heap::LiveBlocks(record[0].dbch_size);
+    try {
+        const HookedImport<&__imp_PostQueuedCompletionStatus> post(
+            [&](HANDLE target, DWORD bytes, ULONG_PTR key, OVERLAPPED* overlapped) {
+                EXPECT_EQ(target, port.Get());
+                EXPECT_EQ(bytes, 0u);
+                EXPECT_EQ(key, 0x1234u);
+                EXPECT_NE(IoOperation::FromOverlapped(overlapped)->transferBuffer, record.get());
+                EXPECT_EQ(guarded_heap::LiveBlocks(record[0].dbch_size), copies + 1);
+                ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+                return FALSE;
+            });
+        server->PostDeviceEvent(0x1234, record.get());
+        FAIL() << "no exception";
+    } catch (const WindowsException& exception) {
+        EXPECT_EQ(std::string(exception.what())
+                      .find("PostQueuedCompletionStatus failed.  GetLastError() = 0x8 ("),
+                  0u)
+            << exception.what();
+    }
+    EXPECT_EQ(port.Operations(), operations);
+    EXPECT_EQ(guarded_heap::LiveBlocks(record[0].dbch_size), copies);
 }
 
 }  // namespace

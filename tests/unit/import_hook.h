@@ -1,5 +1,8 @@
 #pragma once
 
+#include <functional>
+#include <utility>
+
 #include <windows.h>
 
 /// Stands between this program and one imported function while it lives: calls go to
@@ -31,4 +34,34 @@ private:
 
     Function* place;
     Function original;
+};
+
+/// The same with something to call that may keep what it has seen:
+///     const HookedImport<&__imp_CloseHandle> close([&](HANDLE handle) { ... });
+/// One at a time for each function. Thread: as ImportHook.
+template <auto* entry>
+class HookedImport;
+
+template <typename Result, typename... Arguments, Result(WINAPI** entry)(Arguments...)>
+class HookedImport<entry> {
+public:
+    explicit HookedImport(std::function<Result(Arguments...)> whatToCall)
+        : replacement(std::move(whatToCall)),
+          hook(entry, Call) {
+        current = this;
+    }
+    HookedImport(const HookedImport&) = delete;
+    HookedImport& operator=(const HookedImport&) = delete;
+
+    /// The function itself, for the replacement.
+    static Result Original(Arguments... arguments) {
+        return current->hook.Original()(arguments...);
+    }
+
+private:
+    static Result WINAPI Call(Arguments... arguments) { return current->replacement(arguments...); }
+
+    static inline HookedImport* current = nullptr;
+    std::function<Result(Arguments...)> replacement;
+    ImportHook<Result(WINAPI*)(Arguments...)> hook;
 };

@@ -1,10 +1,12 @@
 // The listening pipe and the registry of clients.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <regex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,6 +16,8 @@
 #include <sddl.h>
 
 #include "connect_gap.h"
+#include "device/device.h"
+#include "device/io_operation.h"
 #include "device/windows_exception.h"
 #include "import_hook.h"
 #include "server/server.h"
@@ -21,7 +25,12 @@
 #include "service_fixture.h"
 #include "session/server_client.h"
 
-extern "C" decltype(&::CreateNamedPipeW) __imp_CreateNamedPipeW;
+extern "C" {
+extern decltype(&::CloseHandle) __imp_CloseHandle;
+extern decltype(&::CreateNamedPipeW) __imp_CreateNamedPipeW;
+extern decltype(&::DisconnectNamedPipe) __imp_DisconnectNamedPipe;
+extern decltype(&::PostQueuedCompletionStatus) __imp_PostQueuedCompletionStatus;
+}
 
 namespace {
 
@@ -317,6 +326,31 @@ TEST_F(ServerTest, QuitEndsTheLoopAndLeavesWhatIsQueuedBehindIt) {
     RunDispatcher(port.Get());  // ends with the second one
 }
 
+TEST_F(ServerTest, QuitThatCannotBePostedIsThrownAndFreed) {
+    StartServer();
+    const std::size_t operations = port.Operations();
+    try {
+        const HookedImport<&__imp_PostQueuedCompletionStatus> post(
+            [&](HANDLE target, DWORD bytes, ULONG_PTR key, OVERLAPPED* overlapped) {
+                EXPECT_EQ(target, port.Get());
+                EXPECT_EQ(bytes, 0u);
+                EXPECT_EQ(key, 0u);
+                EXPECT_EQ(IoOperation::FromOverlapped(overlapped)->status, 3u);
+                ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+                return FALSE;
+            });
+        server->PostQuit();
+        FAIL() << "no exception";
+    } catch (const WindowsException& exception) {
+        EXPECT_EQ(std::string(exception.what())
+                      .find("PostQueuedCompletionStatus failed.  GetLastError() = 0x8 ("),
+                  0u)
+            << exception.what();
+    }
+    EXPECT_EQ(port.Operations(), operations);
+    ExpectServing();
+}
+
 /// Clients on a thread of their own, one after the other: each takes its notification and one
 /// answer and leaves. Plain calls of Windows only: nothing here allocates.
 class ClientThread {
@@ -422,6 +456,45 @@ TEST_F(ServerTest, ServerStartsAgainOnTheSamePort) {
         ExpectServing();
         StopServer();
     }
+}
+
+TEST_F(ServerTest, DestructorReleasesCameraPipesThenMainCommunicatorThenListenerThenCameras) {
+    const PipeCreation creation;
+    Plug();
+    StartServer();
+    std::vector<std::pair<HANDLE, std::string>> names;
+    names.emplace_back(creation.listening, "main communicator");
+    const auto main = ConnectAndAsk();
+    names.emplace_back(creation.listening, "camera pipe");
+    const auto pipe = ConnectAndAsk();
+    names.emplace_back(creation.listening, "listener");
+    server->FindDevice(kFirstCamera)->Open();  // so that its end can be seen
+
+    std::string calls;
+    const auto add = [&](const char* call, HANDLE handle) {
+        const auto found = std::find_if(names.begin(), names.end(),
+                                        [handle](const auto& one) { return one.first == handle; });
+        calls += call + (found != names.end() ? found->second : std::string("camera")) + "\n";
+    };
+    {
+        using Close = HookedImport<&__imp_CloseHandle>;
+        using Disconnect = HookedImport<&__imp_DisconnectNamedPipe>;
+        const Close close([&](HANDLE handle) {
+            add("close ", handle);
+            return Close::Original(handle);
+        });
+        const Disconnect disconnect([&](HANDLE handle) {
+            add("disconnect ", handle);
+            return Disconnect::Original(handle);
+        });
+        server.reset();
+    }
+    EXPECT_EQ(calls,
+              "close camera pipe\n"
+              "close main communicator\n"
+              "disconnect listener\n"
+              "close listener\n"
+              "close camera\n");
 }
 
 }  // namespace

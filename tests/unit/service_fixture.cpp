@@ -15,6 +15,11 @@ namespace {
 /// Request identifiers of RoundTrip(), far from those of the tests.
 constexpr std::uint32_t kRoundTripId = 0x52540000;
 
+DWORD WINAPI WriteLine(void* /*argument*/) {
+    std::cerr << "a line of another thread" << std::endl;
+    return 0;
+}
+
 }  // namespace
 
 vcam::Behaviour Holds() {
@@ -84,6 +89,9 @@ void ServiceFixture::WarmUp() {
         throw WindowsException("an exception");
     } catch (const std::exception&) {
     }
+    // The library's record of a thread, which the next one takes over.
+    const UniqueHandle thread(::CreateThread(nullptr, 0, WriteLine, nullptr, 0, nullptr));
+    ::WaitForSingleObject(thread.get(), INFINITE);
 }
 
 void ServiceFixture::SetUp() {

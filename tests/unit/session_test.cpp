@@ -5,8 +5,10 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <span>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -16,6 +18,7 @@
 #include "device/device.h"
 #include "device/windows_exception.h"
 #include "guarded_heap.h"
+#include "import_hook.h"
 #include "service_fixture.h"
 #include "session/server_client.h"
 
@@ -549,6 +552,32 @@ TEST_F(SessionTest, BodyOf64MebibytesInOneMessageAndInPieces) {
     EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 2u);
 }
 
+TEST_F(SessionTest, TransferLengthAboveTheLargestSignedNumberFailsBeforeAnyCameraIsLookedUp) {
+    Start();
+    for (const std::uint32_t type : {2u, 4u}) {
+        for (const std::uint32_t bodyLength : {0x80000010u, 0xFFFFFFFFu}) {
+            SCOPED_TRACE("type " + std::to_string(type) + ", length " + std::to_string(bodyLength));
+            // The body's memory is addresses alone: its read says that it is filled, and its
+            // packet comes, without a byte of it.
+            using Read = HookedImport<&__imp_ReadFile>;
+            const Read read(
+                [&](HANDLE file, void* to, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
+                    if (size != bodyLength)
+                        return Read::Original(file, to, size, done, overlapped);
+                    return ::PostQueuedCompletionStatus(port.Get(), size, 1, overlapped);
+                });
+            const MessageHeader header{type, ++requests, 12345, bodyLength};
+            client->Write(std::as_bytes(std::span(&header, 1)));
+            const ReceivedMessage answer = WaitForMessage(*client, ++answers);
+            EXPECT_EQ(answer.header.messageType, 3u);
+            EXPECT_EQ(answer.header.requestId, requests);
+            EXPECT_EQ(answer.header.cameraId, 12345u);
+            EXPECT_EQ(answer.header.bodyLength, 0u);
+        }
+    }
+    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 2u);
+}
+
 TEST_F(SessionTest, ClientThatNeverReadsFillsOnlyItsOwnQueue) {
     Start();
     auto silent = Connect(PipeClient::Reading::kNever);
@@ -578,6 +607,141 @@ TEST_F(SessionTest, ClientThatLeavesWhileIdleEndsItsSessionOnce) {
     EXPECT_EQ(output.CountOut("ServerClient shutdown.\n"), 1u);
     EXPECT_EQ(output.Error(), "");
     RoundTrip(*other);
+}
+
+// ---- What ends the run, because no client's end is behind it.
+
+/// As Windows says it for a pipe; not one of the errors of a client that has hung up.
+constexpr DWORD kOtherError = ERROR_NETNAME_DELETED;
+
+/// The next packet of the service's own pipes ends with this error, whatever it was.
+class FailingPacket {
+public:
+    explicit FailingPacket(DWORD code)
+        : error(code),
+          dequeue([this](HANDLE port, DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped,
+                         DWORD wait) {
+              const BOOL result = decltype(dequeue)::Original(port, bytes, key, overlapped, wait);
+              // The client of the test has its packets on the same port, under the key 0.
+              if (*key == 0 || error == 0)
+                  return result;
+              ::SetLastError(std::exchange(error, 0));
+              return FALSE;
+          }) {}
+
+private:
+    DWORD error;
+    HookedImport<&__imp_GetQueuedCompletionStatus> dequeue;
+};
+
+class SessionErrorTest : public SessionTest {
+protected:
+    void SetUp() override {
+        SessionTest::SetUp();
+        Start();
+        port.DispatchQueued();
+        output.Clear();
+    }
+
+    /// Dispatches until a WindowsException comes, whose text starts so, and the client is still
+    /// the main communicator: nothing was made of it but the exception.
+    void ExpectError(const std::string& start) {
+        try {
+            port.DispatchUntil("the error", [] { return false; });
+            FAIL() << "no exception";
+        } catch (const WindowsException& exception) {
+            EXPECT_EQ(std::string(exception.what()).find(start), 0u) << exception.what();
+        }
+        EXPECT_EQ(Shutdowns(), 0u);
+        EXPECT_TRUE(server->GetMainCommunicator());
+        EXPECT_EQ(output.Error(), "");
+    }
+
+    /// The client's header, and what it makes the service do.
+    void SendHeaderOf(const ByteVector& message) {
+        client->Write(std::span(message).first(sizeof(MessageHeader)));
+        port.DispatchUntil("the header", [&] { return client->PendingWrites() == 0; });
+        port.DispatchQueued();
+    }
+};
+
+TEST_F(SessionErrorTest, HeaderReadThatEndsWithAnotherErrorIsThrownWithoutAText) {
+    const FailingPacket failing(kOtherError);
+    client->Write(Message(7, 1, 0, {}));
+    ExpectError("GetLastError() = 0x40 (");
+}
+
+TEST_F(SessionErrorTest, BodyReadThatEndsWithAnotherErrorIsThrown) {
+    const ByteVector message = Message(7, 1, 0, Pattern(100));
+    SendHeaderOf(message);
+    const FailingPacket failing(kOtherError);
+    client->Write(std::span(message).subspan(sizeof(MessageHeader)));
+    ExpectError("ReadBodyComplete failed.  GetLastError() = 0x40 (");
+}
+
+TEST_F(SessionErrorTest, WriteThatEndsWithAnotherErrorIsThrown) {
+    const ByteVector message = Message(kTransferIn, 1, kFirstCamera, ReadCommand(0, 1));
+    bus.SetBehaviour(camera, Holds());
+    client->Write(message);
+    port.DispatchUntil("the transfer", [&] { return bus.Counters(camera).pending == 1; });
+    bus.ReleaseAll(camera);
+    port.WaitForPackets(1);
+    port.DispatchOne();  // writes the answer's header
+    const FailingPacket failing(kOtherError);
+    ExpectError("Write failed.  GetLastError() = 0x40 (");
+}
+
+TEST_F(SessionErrorTest, BodyReadThatFailsAtOnceIsThrownWithoutATextAlsoForABrokenPipe) {
+    const ByteVector message = Message(7, 1, 0, Pattern(100));
+    const struct {
+        DWORD size;  // of the read that fails: the first, or one that continues
+        DWORD error;
+        const char* text;
+    } cases[] = {
+        {100, kOtherError, "GetLastError() = 0x40 ("},
+        {100, ERROR_BROKEN_PIPE, "GetLastError() = 0x6d ("},
+        {140, kOtherError, "GetLastError() = 0x40 ("},
+        {140, ERROR_BROKEN_PIPE, "GetLastError() = 0x6d ("},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE("read of " + std::to_string(one.size) + ", error " +
+                     std::to_string(one.error));
+        StopServer();
+        StartServer();
+        client = ConnectAndAsk();
+        port.DispatchQueued();
+        output.Clear();
+        using Read = HookedImport<&__imp_ReadFile>;
+        const Read read(
+            [&](HANDLE file, void* to, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
+                if (size != one.size)
+                    return Read::Original(file, to, size, done, overlapped);
+                ::SetLastError(one.error);
+                return FALSE;
+            });
+        client->Write(std::span(message).first(sizeof(MessageHeader) + 40));
+        ExpectError(one.text);
+    }
+}
+
+TEST_F(SessionErrorTest, WriteThatFailsAtOnceIsThrownWithoutAText) {
+    client->Write(Message(kTransferIn, 1, 0, {}));
+    const HookedImport<&__imp_WriteFile> write([](HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*) {
+        ::SetLastError(kOtherError);
+        return FALSE;
+    });
+    ExpectError("GetLastError() = 0x40 (");
+}
+
+TEST_F(SessionErrorTest, WriteThatFindsThePipeBrokenRemovesTheClient) {
+    client->Write(Message(kTransferIn, 1, 0, {}));
+    const HookedImport<&__imp_WriteFile> write([](HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*) {
+        ::SetLastError(ERROR_BROKEN_PIPE);
+        return FALSE;
+    });
+    WaitForShutdowns(1);
+    EXPECT_FALSE(server->GetMainCommunicator());
+    EXPECT_EQ(output.Error(), "");
 }
 
 /// A request's calls and allocations, from its header's packet to the packet of the last write.

@@ -1,0 +1,350 @@
+// ServiceMain from its start to its end, and the control handler. The test stands in for the
+// service control manager. The status record, the checkpoints and the server's address last as long
+// as the process, so each run has a process of its own, and what is compared is the text that it
+// leaves on standard error.
+#include "service/service_main.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cwchar>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include "device/io_operation.h"
+#include "device/unique_handle.h"
+#include "import_hook.h"
+#include "output_capture.h"
+#include "server/server.h"
+#include "service/notification_window.h"
+#include "session/message.h"
+#include "virtual_camera.h"
+
+extern "C" {
+extern decltype(&::SetServiceStatus) __imp_SetServiceStatus;
+extern decltype(&::RegisterServiceCtrlHandlerW) __imp_RegisterServiceCtrlHandlerW;
+extern decltype(&::CreateIoCompletionPort) __imp_CreateIoCompletionPort;
+extern decltype(&::CreateThread) __imp_CreateThread;
+}
+
+namespace {
+
+constexpr DWORD kFailure = 5;  // what a call that is to fail leaves as the last error
+constexpr int kReturned = 0;
+constexpr int kTerminated = 3;
+
+void Say(const std::string& line) {
+    std::fprintf(stderr, "%s\n", line.c_str());
+    std::fflush(stderr);
+}
+
+[[noreturn]] void EndProcess(int code) {
+    std::fflush(stderr);
+    std::_Exit(code);  // whatever threads there are
+}
+
+/// Without the system's message, which differs between systems.
+std::string TextOf(const std::exception& exception) {
+    const std::string text = exception.what();
+    return text.substr(0, text.find(" ("));
+}
+
+/// A client that is connected and has had one answer.
+UniqueHandle ConnectAndAsk() {
+    UniqueHandle pipe =
+        OwnFile(::CreateFileW(LR"(\\.\pipe\orvikcamera)", GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                              OPEN_EXISTING, 0, nullptr));
+    const MessageHeader request{kTransferNoData, 1, 0, 0};
+    MessageHeader answer{};
+    DWORD done = 0;
+    if (!::WriteFile(pipe.get(), &request, sizeof(request), &done, nullptr) ||
+        !::ReadFile(pipe.get(), &answer, sizeof(answer), &done, nullptr) ||
+        answer.messageType != kTransferFailed)
+        Say("the client was not served");
+    return pipe;
+}
+
+enum class Failing { kNothing, kRegistration, kPort, kThread };
+
+/// One run of ServiceMain, in a process of its own. A line for each call that it makes.
+class Run {
+public:
+    Run(bool asService, Failing what, std::function<void(Run&)> script)
+        : failing(what),
+          whileRunning(std::move(script)),
+          registration(
+              [this](LPCWSTR name, LPHANDLER_FUNCTION handler) { return Register(name, handler); }),
+          status([this](SERVICE_STATUS_HANDLE handle, SERVICE_STATUS* report) {
+              return Report(handle, *report);
+          }),
+          portCreation([this](HANDLE file, HANDLE existing, ULONG_PTR key, DWORD threads) {
+              return CreatePort(file, existing, key, threads);
+          }),
+          threadCreation([this](SECURITY_ATTRIBUTES* security, SIZE_T stack,
+                                LPTHREAD_START_ROUTINE procedure, void* parameter, DWORD flags,
+                                DWORD* id) {
+              return CreateThread(security, stack, procedure, parameter, flags, id);
+          }) {
+        current = this;
+        runningAsService = asService ? 1 : 0;
+        std::set_terminate(Terminate);
+    }
+
+    /// Never returns: the process ends as the service's thread does.
+    [[noreturn]] void Serve() {
+        try {
+            ServiceMain(0, nullptr);
+            Say("returned" + State());
+        } catch (const std::exception& exception) {
+            Say("thrown: " + TextOf(exception) + State());
+        }
+        if (actor.joinable())
+            actor.join();
+        if (port != nullptr)
+            Say("quit packets left: " + std::to_string(QuitPacketsLeft()));
+        EndProcess(kReturned);
+    }
+
+    /// For the script, which runs on a thread of its own beside the dispatcher.
+    void Connect() { client = ConnectAndAsk(); }
+    void Post(IoCallback callback) {
+        auto operation = std::make_unique<IoOperation>(std::move(callback));
+        if (::PostQueuedCompletionStatus(port, 0, 0, &operation->overlapped))
+            static_cast<void>(operation.release());
+    }
+
+private:
+    SERVICE_STATUS_HANDLE Register(const wchar_t* name, LPHANDLER_FUNCTION handler) {
+        const bool right = std::wcscmp(name, L"OrvikService") == 0 && handler == ServiceCtrlHandler;
+        Say(right ? "registers" : "registers something else");
+        if (!Fails(Failing::kRegistration))
+            return reinterpret_cast<SERVICE_STATUS_HANDLE>(this);
+        return nullptr;
+    }
+
+    BOOL Report(SERVICE_STATUS_HANDLE handle, const SERVICE_STATUS& report) {
+        // Again: the service may have set a handler of its own before its first report.
+        std::set_terminate(Terminate);
+        std::array<char, 200> line{};
+        std::snprintf(line.data(), line.size(),
+                      "state %lu: type %lu, controls %lu, exit %lu %lu, checkpoint %lu, hint %lu",
+                      report.dwCurrentState, report.dwServiceType, report.dwControlsAccepted,
+                      report.dwWin32ExitCode, report.dwServiceSpecificExitCode, report.dwCheckPoint,
+                      report.dwWaitHint);
+        Say((handle == reinterpret_cast<SERVICE_STATUS_HANDLE>(this) ? "" : "wrong handle, ") +
+            std::string(line.data()) + State());
+        return TRUE;
+    }
+
+    HANDLE CreatePort(HANDLE file, HANDLE existing, ULONG_PTR key, DWORD threads) {
+        if (file != INVALID_HANDLE_VALUE)
+            return decltype(portCreation)::Original(file, existing, key, threads);
+        const bool right = existing == nullptr && key == 0 && threads == 1;
+        Say(right ? "port" : "port with other arguments");
+        if (Fails(Failing::kPort))
+            return nullptr;
+        port = decltype(portCreation)::Original(file, existing, key, threads);
+        Post([this](IoOperation* operation) {
+            actor = std::thread([this] { whileRunning(*this); });
+            delete operation;  // and this callable
+        });
+        return port;
+    }
+
+    /// The window's thread is not started: it would see every device of the machine.
+    HANDLE CreateThread(SECURITY_ATTRIBUTES* security, SIZE_T stack,
+                        LPTHREAD_START_ROUTINE procedure, void* parameter, DWORD flags, DWORD* id) {
+        if (procedure != NotificationWindowThread)
+            return decltype(threadCreation)::Original(security, stack, procedure, parameter, flags,
+                                                      id);
+        const bool right = security == nullptr && stack == 0 && parameter == nullptr &&
+                           flags == 0 && id == nullptr;
+        Say(right ? "window thread" : "window thread with other arguments");
+        return Fails(Failing::kThread) ? nullptr : ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    }
+
+    bool Fails(Failing what) const noexcept {
+        if (failing == what)
+            ::SetLastError(kFailure);
+        return failing == what;
+    }
+
+    /// What of the service is there; while the dispatcher writes nothing.
+    std::string State() const {
+        std::string text = theServer.load() != nullptr ? "; server set" : "";
+        if (client)
+            text += ::PeekNamedPipe(client.get(), nullptr, 0, nullptr, nullptr, nullptr)
+                        ? ", client connected"
+                        : ", client disconnected";
+        if (const std::size_t ended = output.CountOut("ServerClient shutdown.\n"))
+            text += ", sessions ended: " + std::to_string(ended);
+        return text;
+    }
+
+    std::size_t QuitPacketsLeft() const {
+        std::size_t count = 0;
+        DWORD bytes = 0;
+        ULONG_PTR key = 0;
+        for (OVERLAPPED* overlapped = nullptr;; overlapped = nullptr) {
+            ::GetQueuedCompletionStatus(port, &bytes, &key, &overlapped, 0);
+            if (overlapped == nullptr)
+                return count;
+            count += IoOperation::FromOverlapped(overlapped)->status == IoOperation::kQuit ? 1u : 0;
+        }
+    }
+
+    [[noreturn]] static void Terminate() {
+        try {
+            if (const std::exception_ptr exception = std::current_exception())
+                std::rethrow_exception(exception);
+            Say("terminated without an exception");
+        } catch (const std::exception& exception) {
+            Say("terminated: " + TextOf(exception) + current->State());
+        }
+        EndProcess(kTerminated);
+    }
+
+    static inline Run* current = nullptr;
+    Failing failing;
+    std::function<void(Run&)> whileRunning;
+    HANDLE port = nullptr;
+    UniqueHandle client;
+    std::thread actor;
+    OutputCapture output;
+    HookedImport<&__imp_RegisterServiceCtrlHandlerW> registration;
+    HookedImport<&__imp_SetServiceStatus> status;
+    HookedImport<&__imp_CreateIoCompletionPort> portCreation;
+    HookedImport<&__imp_CreateThread> threadCreation;
+};
+
+/// Starts ServiceMain and, once the dispatcher runs, the script on a thread beside it. Ends the
+/// process.
+[[noreturn]] void Serve(bool asService, Failing failing, std::function<void(Run&)> script) {
+    Run run(asService, failing, std::move(script));
+    run.Serve();
+}
+
+/// A client, every control but stop, and two stops before the first quit packet can be taken.
+void BeStoppedTwice(Run& run) {
+    run.Connect();
+    for (DWORD control = 0; control < 256; ++control) {
+        if (control != SERVICE_CONTROL_STOP)
+            ServiceCtrlHandler(control);
+    }
+    const HANDLE stopped = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    run.Post([stopped](IoOperation* operation) {
+        ::WaitForSingleObject(stopped, INFINITE);
+        delete operation;
+    });
+    ServiceCtrlHandler(SERVICE_CONTROL_STOP);
+    ServiceCtrlHandler(SERVICE_CONTROL_STOP);
+    ::SetEvent(stopped);
+}
+
+/// As nothing in the service does it in the foreground.
+void Quit(Run& run) {
+    run.Connect();
+    theServer.load()->PostQuit();
+}
+
+void FailInAHandler(Run& run) {
+    run.Connect();
+    run.Post([](IoOperation* operation) {
+        delete operation;
+        throw std::runtime_error("from a handler");
+    });
+}
+
+const ::testing::ExitedWithCode kHasReturned(kReturned);
+const ::testing::ExitedWithCode kWasTerminated(kTerminated);
+
+/// All of standard error.
+::testing::Matcher<const std::string&> Is(const char* text) {
+    return {std::string(text)};
+}
+
+TEST(ServiceMain, ReportsItsStatesAndBeingStoppedBeforeAnythingIsTakenDown) {
+    vcam::Bus().UnplugAll();
+    EXPECT_EXIT(Serve(true, Failing::kNothing, BeStoppedTwice), kHasReturned,
+                Is("registers\n"
+                   "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
+                   "port\n"
+                   "window thread\n"
+                   "state 4: type 16, controls 1, exit 0 0, checkpoint 0, hint 0; server set\n"
+                   "state 3: type 16, controls 1, exit 0 0, checkpoint 2, hint 0; server set, "
+                   "client connected\n"
+                   "state 3: type 16, controls 1, exit 0 0, checkpoint 3, hint 0; server set, "
+                   "client connected\n"
+                   "state 1: type 16, controls 1, exit 0 0, checkpoint 0, hint 0; server set, "
+                   "client connected\n"
+                   "returned; server set, client disconnected, sessions ended: 1\n"
+                   "quit packets left: 1\n"));
+}
+
+TEST(ServiceMain, InTheForegroundReportsNothing) {
+    vcam::Bus().UnplugAll();
+    EXPECT_EXIT(Serve(false, Failing::kNothing, Quit), kHasReturned,
+                Is("port\n"
+                   "window thread\n"
+                   "returned; server set, client disconnected, sessions ended: 1\n"
+                   "quit packets left: 0\n"));
+}
+
+TEST(ServiceMain, FailedStartEndsTheServiceWithoutAReportOfStopped) {
+    EXPECT_EXIT(Serve(true, Failing::kRegistration, Quit), kWasTerminated,
+                Is("registers\n"
+                   "terminated: RegisterServiceCtrlHandler() failed.  GetLastError() = 0x5\n"));
+    EXPECT_EXIT(Serve(true, Failing::kPort, Quit), kWasTerminated,
+                Is("registers\n"
+                   "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
+                   "port\n"
+                   "terminated: CreateIoCompletionPort() failed.  GetLastError() = 0x5\n"));
+    EXPECT_EXIT(Serve(true, Failing::kThread, Quit), kWasTerminated,
+                Is("registers\n"
+                   "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
+                   "port\n"
+                   "window thread\n"
+                   "terminated: CreateThread() failed.  GetLastError() = 0x5\n"));
+}
+
+TEST(ServiceMain, FailedStartInTheForegroundIsThrown) {
+    EXPECT_EXIT(Serve(false, Failing::kPort, Quit), kHasReturned,
+                Is("port\n"
+                   "thrown: CreateIoCompletionPort() failed.  GetLastError() = 0x5\n"));
+    EXPECT_EXIT(Serve(false, Failing::kThread, Quit), kHasReturned,
+                Is("port\n"
+                   "window thread\n"
+                   "thrown: CreateThread() failed.  GetLastError() = 0x5\n"
+                   "quit packets left: 0\n"));
+}
+
+TEST(ServiceMain, FailureOfAHandlerEndsTheServiceOnceTheServerIsDestroyed) {
+    vcam::Bus().UnplugAll();
+    EXPECT_EXIT(Serve(true, Failing::kNothing, FailInAHandler), kWasTerminated,
+                Is("registers\n"
+                   "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
+                   "port\n"
+                   "window thread\n"
+                   "state 4: type 16, controls 1, exit 0 0, checkpoint 0, hint 0; server set\n"
+                   "terminated: from a handler; server set, client disconnected, "
+                   "sessions ended: 1\n"));
+}
+
+TEST(ServiceMain, FailureOfAHandlerInTheForegroundIsThrownOnceTheServerIsDestroyed) {
+    vcam::Bus().UnplugAll();
+    EXPECT_EXIT(Serve(false, Failing::kNothing, FailInAHandler), kHasReturned,
+                Is("port\n"
+                   "window thread\n"
+                   "thrown: from a handler; server set, client disconnected, sessions ended: 1\n"
+                   "quit packets left: 0\n"));
+}
+
+}  // namespace
