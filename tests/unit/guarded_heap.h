@@ -6,7 +6,7 @@
 //   bytes, so up to 15 bytes may lie between; they hold a pattern that free() checks.
 // - A freed block's pages are given back and its addresses never used again: whoever touches it
 //   faults, however late.
-// - free() of what is no live block stops the program too.
+// - free() of what is no live block stops the program too, and so does any other crash.
 //
 // The program then ends at once with exit code kErrorExitCode, and standard error says what it was
 // and from where. Where the system itself writes into a freed block, on behalf of an operation that

@@ -22,6 +22,8 @@ void* (*volatile Allocate)(std::size_t) = std::malloc;
 void* (*volatile Reallocate)(void*, std::size_t) = std::realloc;
 void (*volatile FreeBlock)(void*) = std::free;
 
+volatile std::uintptr_t volatileZero = 0;
+
 volatile char* Bytes(std::size_t size) {
     return static_cast<volatile char*>(Allocate(size));
 }
@@ -101,6 +103,12 @@ TEST(GuardedHeap, WriteBeforeABlockStopsTheProgramWhenItIsFreed) {
 
 TEST(GuardedHeap, FreeOfTheMiddleOfABlockStopsTheProgram) {
     EXPECT_EXIT(Free(Bytes(64) + 32), kStopped, "no block");
+}
+
+TEST(GuardedHeap, CrashThatHasNothingToDoWithBlocksIsAnErrorTooAndNotExitCodeZero) {
+    EXPECT_EXIT(*reinterpret_cast<volatile char*>(volatileZero) = 1, kStopped,
+                "unhandled exception");
+    EXPECT_EXIT(__builtin_trap(), kStopped, "unhandled exception");
 }
 
 TEST(GuardedHeap, SystemCallIntoAFreedBlockDoesNotSucceed) {
