@@ -259,17 +259,20 @@ protected:
         LaunchTest::SetUp();
         if (!RemovableDrive::IsSupported())
             GTEST_SKIP() << "no removable drives can be made here";
+        if (!IsSkipped())
+            SomethingGoes();  // the cameras of the fixture's start
     }
 
     /// A device of no interest comes: whatever comes makes the service look at the drives. Drives
     /// themselves send no message here.
     void SomethingComes() { others.push_back(std::make_unique<PluggedCamera>(bus, kOther)); }
 
-    /// A device goes, and the service has looked at the drives: it has heard of another one since.
+    /// A device goes, and the service has looked at the drives since: it has heard of a camera that
+    /// came afterwards, which stays, so that no look that forgets drives is still to come.
     void SomethingGoes() {
         others.clear();
         RawClient main;
-        PluggedCamera camera(bus);
+        others.push_back(std::make_unique<PluggedCamera>(bus));
         const std::uint32_t id = nextId;
         ExpectAttached(main);
         Leave(main, id);

@@ -254,37 +254,18 @@ TEST_F(TransferTest, CameraGivenUpWithoutAMainCommunicatorIsSaidOnStandardError)
     EXPECT_TRUE(client.RoundTrip());
 }
 
-TEST_F(TransferTest, UnpluggedCameraFailsTheRequestAndIsDetached) {
-    RawClient client = Connect();
-    EXPECT_EQ(client.Ask(kTransferNoData, 1, kCamera, TestUnitReady()), Succeeded(1, kCamera));
-    camera.Unplug();
-    EXPECT_EQ(client.Ask(kTransferNoData, 2, kCamera, TestUnitReady()), Failed(2, kCamera));
-    EXPECT_EQ(client.ReceiveMessage(), Detached(kCamera));
-    EXPECT_TRUE(client.RoundTrip());
-}
-
-TEST_F(TransferTest, TransfersPendingOnAnUnpluggedCameraFail) {
-    RawClient client = Connect();
-    camera.Set(Holds());
-    for (std::uint32_t id = 1; id <= 3; ++id)
-        client.SendRequest(kTransferIn, id, kCamera, Inquiry());
-    bus.WaitForPending(camera.Id(), 3, kDeadline);
-    camera.Unplug();
-    for (std::uint32_t id = 1; id <= 3; ++id)
-        EXPECT_EQ(client.ReceiveMessage(), Failed(id, kCamera));
-    EXPECT_TRUE(client.RoundTrip());  // they had been started, so the camera is not given up yet
-}
-
-TEST_F(TransferTest, CameraThatCannotBeOpenedEndsTheRun) {
+// Which of the two depends on whether the service has heard of the unplugging.
+TEST_F(TransferTest, RequestForACameraThatIsNoLongerThereEndsTheRun) {
     RawClient client = Connect();
     camera.Unplug();
     client.SendRequest(kTransferNoData, 1, kCamera, TestUnitReady());
-    EXPECT_EQ(client.ReceiveUntilClosed(), Bytes());
+    const Bytes told = client.ReceiveUntilClosed();
+    EXPECT_TRUE(told.empty() || told == HeaderBytes(Detached(kCamera).header));
     EXPECT_EQ(service.WaitForEnd(), 0u);
-    const std::vector<std::string> lines = service.ErrorLines();
-    ASSERT_EQ(lines.size(), 1u) << service.Errors().Text();
-    EXPECT_TRUE(lines[0].starts_with("Exception: Device::Open() failed.  GetLastError() = 0x"))
-        << lines[0];
+    const std::string text = service.Errors().Text();
+    EXPECT_TRUE(text.find("Exception: Device::Open() failed.  GetLastError() = 0x") != text.npos ||
+                text.find("Exception: Bad camera in request.") != text.npos)
+        << text;
 }
 
 // --- handles of the camera ---
