@@ -333,6 +333,7 @@ TEST_P(DriveLaunchTest, DriveThatComesBackIsLookedAtAgain) {
 
 TEST_P(DriveLaunchTest, NothingIsStartedWhileAMainCommunicatorIsConnected) {
     RawClient main;
+    EXPECT_EQ(main.ReceiveMessage(), Attached(nextId - 1));  // of SetUp()
     PluggedCamera camera(bus);
     const std::uint32_t id = nextId;
     ExpectAttached(main);
