@@ -273,8 +273,10 @@ protected:
         others.clear();
         RawClient main;
         others.push_back(std::make_unique<PluggedCamera>(bus));
-        const std::uint32_t id = nextId;
-        ExpectAttached(main);
+        const std::uint32_t id = nextId++;
+        // It may be faster than the removal of the one that went, and be told of that too.
+        while (main.ReceiveMessage() != Attached(id)) {
+        }
         Leave(main, id);
     }
 

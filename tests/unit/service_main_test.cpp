@@ -39,7 +39,7 @@ namespace {
 
 constexpr DWORD kFailure = 5;  // what a call that is to fail leaves as the last error
 constexpr int kReturned = 0;
-constexpr int kTerminated = 3;
+constexpr int kFaulted = 3;
 
 void Say(const std::string& line) {
     std::fprintf(stderr, "%s\n", line.c_str());
@@ -95,7 +95,7 @@ public:
           }) {
         current = this;
         runningAsService = asService ? 1 : 0;
-        std::set_terminate(Terminate);
+        ::AddVectoredExceptionHandler(1, OnFault);
     }
 
     /// Never returns: the process ends as the service's thread does.
@@ -131,8 +131,6 @@ private:
     }
 
     BOOL Report(SERVICE_STATUS_HANDLE handle, const SERVICE_STATUS& report) {
-        // Again: the service may have set a handler of its own before its first report.
-        std::set_terminate(Terminate);
         std::array<char, 200> line{};
         std::snprintf(line.data(), line.size(),
                       "state %lu: type %lu, controls %lu, exit %lu %lu, checkpoint %lu, hint %lu",
@@ -201,15 +199,18 @@ private:
         }
     }
 
-    [[noreturn]] static void Terminate() {
+    /// Before any handler: the one of the service would write a dump.
+    static LONG CALLBACK OnFault(EXCEPTION_POINTERS* fault) {
+        constexpr DWORD kProgramsOwnError = 0xE;  // its four highest bits
+        const DWORD code = fault->ExceptionRecord->ExceptionCode;
+        if (code >> 28 != kProgramsOwnError)
+            return EXCEPTION_CONTINUE_SEARCH;
         try {
-            if (const std::exception_ptr exception = std::current_exception())
-                std::rethrow_exception(exception);
-            Say("terminated without an exception");
+            throw;  // what the service has caught
         } catch (const std::exception& exception) {
-            Say("terminated: " + TextOf(exception) + current->State());
+            Say("faults: " + TextOf(exception) + current->State());
         }
-        EndProcess(kTerminated);
+        EndProcess(kFaulted);
     }
 
     static inline Run* current = nullptr;
@@ -264,7 +265,7 @@ void FailInAHandler(Run& run) {
 }
 
 const ::testing::ExitedWithCode kHasReturned(kReturned);
-const ::testing::ExitedWithCode kWasTerminated(kTerminated);
+const ::testing::ExitedWithCode kHasFaulted(kFaulted);
 
 /// All of standard error.
 ::testing::Matcher<const std::string&> Is(const char* text) {
@@ -299,20 +300,20 @@ TEST(ServiceMain, InTheForegroundReportsNothing) {
 }
 
 TEST(ServiceMain, FailedStartEndsTheServiceWithoutAReportOfStopped) {
-    EXPECT_EXIT(Serve(true, Failing::kRegistration, Quit), kWasTerminated,
+    EXPECT_EXIT(Serve(true, Failing::kRegistration, Quit), kHasFaulted,
                 Is("registers\n"
-                   "terminated: RegisterServiceCtrlHandler() failed.  GetLastError() = 0x5\n"));
-    EXPECT_EXIT(Serve(true, Failing::kPort, Quit), kWasTerminated,
+                   "faults: RegisterServiceCtrlHandler() failed.  GetLastError() = 0x5\n"));
+    EXPECT_EXIT(Serve(true, Failing::kPort, Quit), kHasFaulted,
                 Is("registers\n"
                    "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
                    "port\n"
-                   "terminated: CreateIoCompletionPort() failed.  GetLastError() = 0x5\n"));
-    EXPECT_EXIT(Serve(true, Failing::kThread, Quit), kWasTerminated,
+                   "faults: CreateIoCompletionPort() failed.  GetLastError() = 0x5\n"));
+    EXPECT_EXIT(Serve(true, Failing::kThread, Quit), kHasFaulted,
                 Is("registers\n"
                    "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
                    "port\n"
                    "window thread\n"
-                   "terminated: CreateThread() failed.  GetLastError() = 0x5\n"));
+                   "faults: CreateThread() failed.  GetLastError() = 0x5\n"));
 }
 
 TEST(ServiceMain, FailedStartInTheForegroundIsThrown) {
@@ -328,13 +329,13 @@ TEST(ServiceMain, FailedStartInTheForegroundIsThrown) {
 
 TEST(ServiceMain, FailureOfAHandlerEndsTheServiceOnceTheServerIsDestroyed) {
     vcam::Bus().UnplugAll();
-    EXPECT_EXIT(Serve(true, Failing::kNothing, FailInAHandler), kWasTerminated,
+    EXPECT_EXIT(Serve(true, Failing::kNothing, FailInAHandler), kHasFaulted,
                 Is("registers\n"
                    "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
                    "port\n"
                    "window thread\n"
                    "state 4: type 16, controls 1, exit 0 0, checkpoint 0, hint 0; server set\n"
-                   "terminated: from a handler; server set, client disconnected, "
+                   "faults: from a handler; server set, client disconnected, "
                    "sessions ended: 1\n"));
 }
 
