@@ -32,7 +32,10 @@ void LogFile::Open() {
     if (!fs::exists(fs::status(folder)))
         fs::create_directories(folder);
     stream.clear();  // what an earlier failure has left
-    stream.open(path, std::ios_base::out | std::ios_base::app);
+    // Not the stream's own open(): with GNU's library that converts the path to the ANSI code page,
+    // which doesn't have every user's name.
+    if (stream.rdbuf()->open(path.c_str(), std::ios_base::out | std::ios_base::app) == nullptr)
+        stream.setstate(std::ios_base::failbit);
 }
 
 void LogFile::Write(const std::string& record) {
