@@ -31,11 +31,11 @@ std::vector<std::string> Split(const char* text) {
     return parts;
 }
 
-/// Records "<thread> <number> " and as many characters as make the length vary.
+/// Records "<thread> <number>|" and as many characters as make the length vary.
 void WriteMany(int thread, int count, int longest) {
     for (int number = 0; number < count; ++number) {
         const std::string filling(number % (longest + 1), 'x');
-        LogPrintf(kLogError, "many", kFile, kLine, "%d %d %s", thread, number, filling.c_str());
+        LogPrintf(kLogError, "many", kFile, kLine, "%d %d|%s", thread, number, filling.c_str());
     }
 }
 
