@@ -53,6 +53,7 @@ bool MakeFolder(const std::wstring& folder) noexcept {
 /// Sets the path of the reporter beside this executable, and returns the executable's base name.
 /// Empty on failure.
 std::wstring PrepareReporterPath() {
+    Settings().reporterPath.clear();
     std::array<wchar_t, MAX_PATH> program{};
     const DWORD length =
         ::GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size()));
@@ -75,6 +76,8 @@ std::wstring PrepareReporterPath() {
 
 void Install(const std::wstring& dumpFolder, MINIDUMP_TYPE dumpType, const wchar_t* pipe) {
     using google_breakpad::ExceptionHandler;
+    // The old one goes first: it puts back what was there before it.
+    Settings().handler.reset();
     Settings().handler =
         std::make_unique<ExceptionHandler>(dumpFolder, nullptr, LaunchCrashReporter, nullptr,
                                            ExceptionHandler::HANDLER_ALL, dumpType, pipe, nullptr);
