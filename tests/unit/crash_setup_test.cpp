@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstring>
 #include <cwchar>
 #include <filesystem>
 #include <string>
@@ -17,6 +18,7 @@
 
 #include "guarded_heap.h"
 #include "import_hook.h"
+#include "log/log_system.h"
 #include "temporary_profile.h"
 
 extern "C" {
@@ -71,9 +73,9 @@ public:
     DWORD managerAccess = 0;
     DWORD serviceAccess = 0;
     int openServiceHandles = 0;
-    int localFolders = 0;       // texts that SHGetKnownFolderPath gave and nobody freed
-    int filters = 0;            // installed handlers
-    bool pipeWasTried = false;  // that of the crash server
+    int localFolders = 0;  // texts that SHGetKnownFolderPath gave and nobody freed
+    std::vector<LPTOP_LEVEL_EXCEPTION_FILTER> filters;  // in the order of their installation
+    bool pipeWasTried = false;                          // that of the crash server
     int starts = 0;
     std::array<wchar_t, kLongestText> application{};
     std::array<wchar_t, kLongestText> commandLine{};
@@ -83,8 +85,9 @@ public:
     HANDLE thread = nullptr;
 
 private:
-    static inline SC_HANDLE const kManager = reinterpret_cast<SC_HANDLE>(&current);
-    static inline SC_HANDLE const kService = reinterpret_cast<SC_HANDLE>(&current + 1);
+    static inline std::array<int, 2> handles{};
+    static inline SC_HANDLE const kManager = reinterpret_cast<SC_HANDLE>(&handles[0]);
+    static inline SC_HANDLE const kService = reinterpret_cast<SC_HANDLE>(&handles[1]);
 
     static DWORD WINAPI ModuleFileName(HMODULE module, LPWSTR to, DWORD size) {
         EXPECT_EQ(module, nullptr);
@@ -145,10 +148,9 @@ private:
         return FALSE;
     }
     static HRESULT WINAPI KnownFolder(REFKNOWNFOLDERID id, DWORD flags, HANDLE token, PWSTR* to) {
-        EXPECT_TRUE(::IsEqualGUID(id, GUID{0xF1B32785,
-                                           0x6FBA,
-                                           0x4FCF,
-                                           {0x9D, 0x55, 0x7B, 0x8E, 0x7F, 0x15, 0x70, 0x91}}));
+        EXPECT_TRUE(::IsEqualGUID(
+            id,
+            GUID{0xF1B32785, 0x6FBA, 0x4FCF, {0x9D, 0x55, 0x7B, 0x8E, 0x7F, 0x15, 0x70, 0x91}}));
         EXPECT_EQ(flags, 0U);
         EXPECT_EQ(token, nullptr);
         constexpr wchar_t kLocal[] = LR"(C:\Local)";
@@ -162,12 +164,12 @@ private:
         current->freeText.Original()(text);
     }
     static LPTOP_LEVEL_EXCEPTION_FILTER WINAPI SetFilter(LPTOP_LEVEL_EXCEPTION_FILTER filter) {
-        ++current->filters;
+        current->filters.push_back(filter);
         return current->setFilter.Original()(filter);
     }
-    static HANDLE WINAPI CreateFile_(LPCWSTR path, DWORD access, DWORD share,
-                                     LPSECURITY_ATTRIBUTES security, DWORD disposition, DWORD flags,
-                                     HANDLE like) {
+    static HANDLE WINAPI OpenFile(LPCWSTR path, DWORD access, DWORD share,
+                                  LPSECURITY_ATTRIBUTES security, DWORD disposition, DWORD flags,
+                                  HANDLE like) {
         if (path == std::wstring(LR"(\\.\pipe\orvikcrashserver)")) {
             current->pipeWasTried = true;
             ::SetLastError(ERROR_FILE_NOT_FOUND);
@@ -215,32 +217,265 @@ private:
     ImportHook<decltype(&::CoTaskMemFree)> freeText{&__imp_CoTaskMemFree, Free};
     ImportHook<decltype(&::SetUnhandledExceptionFilter)> setFilter{
         &__imp_SetUnhandledExceptionFilter, SetFilter};
-    ImportHook<decltype(&::CreateFileW)> createFile{&__imp_CreateFileW, CreateFile_};
+    ImportHook<decltype(&::CreateFileW)> createFile{&__imp_CreateFileW, OpenFile};
     ImportHook<decltype(&::CreateProcessW)> start{&__imp_CreateProcessW, Start};
 };
 
-/// The profile with the log, which stays open until the program ends.
-class LogOfTheTest {
-public:
-    LogOfTheTest() { SkipAll(); }
+using Lines = std::vector<std::string>;
+using Folders = std::vector<std::wstring>;
 
-    /// The lines since the last call, without times.
-    std::vector<std::string> NewLines() {
-        const std::string text = FileText(profile.Log());
-        std::vector<std::string> lines;
-        while (position < text.size()) {
-            const std::size_t end = text.find('\n', position);
-            const std::string line = text.substr(position, end - position);
+class CrashSetupTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        // The log of this process stays open until its end, so its profile can't go before.
+        static const TemporaryProfile profile;
+        logPath = profile.Log();
+        // Opens it, before Windows is replaced.
+        LogPrintf(kLogError, "test", "", 0, "%s", "start");
+        logPosition = FileText(logPath).size();
+        ASSERT_NE(logPosition, 0U);
+    }
+
+    /// What has been logged since the last call: records without times.
+    static Lines Logged() {
+        const std::string text = FileText(logPath);
+        Lines lines;
+        while (logPosition < text.size()) {
+            const std::size_t end = text.find('\n', logPosition);
+            const std::string line = text.substr(logPosition, end - logPosition);
             lines.push_back(line.substr(line.find(']') + 1));
-            position = end + 1;
+            logPosition = end + 1;
         }
         return lines;
     }
 
-private:
-    void SkipAll();
-    const TemporaryProfile profile;
-    std::size_t position = 0;
+    /// Sets up with what `fake` says: the lines that are logged.
+    static Lines SetUpWith(const FakeWindows&) {
+        SetUpCrashHandler(L"4.0.4 (unknown)", L"Unknown");
+        return Logged();
+    }
+
+    /// Expects that the setting up logs just this, and installs nothing.
+    void ExpectFailure(const std::string& message) {
+        EXPECT_EQ(SetUpWith(fake), Lines({"[ERROR][crash]:\t" + message}));
+        EXPECT_TRUE(fake.filters.empty());
+        EXPECT_EQ(fake.localFolders, 0);
+    }
+
+    static bool Launch(bool succeeded = true) {
+        return LaunchCrashReporter(LR"(C:\dumps)", L"id", nullptr, nullptr, nullptr, succeeded);
+    }
+
+    static inline std::filesystem::path logPath;
+    static inline std::size_t logPosition = 0;
+    FakeWindows fake;
 };
+
+using IsRunningAsServiceTest = CrashSetupTest;
+using SetUpCrashHandlerTest = CrashSetupTest;
+using LaunchCrashReporterTest = CrashSetupTest;
+
+TEST_F(IsRunningAsServiceTest, TrueForTheServiceThatThisProcessIs) {
+    fake.RunAsService();
+    EXPECT_TRUE(IsRunningAsService(L"a service"));
+    EXPECT_EQ(fake.services, Folders({L"a service"}));
+    EXPECT_EQ(fake.managerAccess, 0xF003FU);
+    EXPECT_EQ(fake.serviceAccess, 0xF01FFU);
+    EXPECT_EQ(fake.openServiceHandles, 0);
+}
+
+TEST_F(IsRunningAsServiceTest, FalseForAServiceThatIsAnotherProcess) {
+    EXPECT_FALSE(IsRunningAsService(L"a service"));
+    EXPECT_EQ(fake.openServiceHandles, 0);
+}
+
+TEST_F(IsRunningAsServiceTest, FalseForEachFailureAndNothingIsLeftOpen) {
+    fake.RunAsService();
+    for (bool FakeWindows::*const failure :
+         {&FakeWindows::managerFails, &FakeWindows::serviceFails, &FakeWindows::queryFails}) {
+        fake.*failure = true;
+        EXPECT_FALSE(IsRunningAsService(L"a service"));
+        EXPECT_EQ(fake.openServiceHandles, 0);
+        fake.*failure = false;
+    }
+    EXPECT_TRUE(IsRunningAsService(L"a service"));
+}
+
+TEST_F(SetUpCrashHandlerTest, ServiceMakesTheTemporaryFolder) {
+    fake.RunAsService();
+    EXPECT_EQ(SetUpWith(fake), Lines());
+    EXPECT_EQ(fake.services, Folders({L"Service"}));
+    EXPECT_EQ(fake.folders, Folders({LR"(C:\Temporary\)"}));
+    EXPECT_FALSE(fake.filters.empty());
+    EXPECT_FALSE(fake.pipeWasTried);
+}
+
+TEST_F(SetUpCrashHandlerTest, ProgramMakesItsFoldersAndTriesTheCrashServer) {
+    EXPECT_EQ(SetUpWith(fake), Lines());
+    EXPECT_EQ(fake.folders, Folders({LR"(C:\Local\Orvik)", LR"(C:\Local\Orvik\Crash Reports)"}));
+    EXPECT_FALSE(fake.filters.empty());
+    EXPECT_TRUE(fake.pipeWasTried);
+    EXPECT_EQ(fake.localFolders, 0);
+}
+
+TEST_F(SetUpCrashHandlerTest, FolderThatIsThereAlreadyIsNoFailure) {
+    fake.folderError = ERROR_ALREADY_EXISTS;
+    for (const wchar_t* const folder : {LR"(C:\Local\Orvik)", LR"(C:\Local\Orvik\Crash Reports)"}) {
+        fake.filters.clear();
+        fake.failingFolder = folder;
+        EXPECT_EQ(SetUpWith(fake), Lines());
+        EXPECT_FALSE(fake.filters.empty());
+    }
+    fake.RunAsService();
+    fake.filters.clear();
+    fake.failingFolder = LR"(C:\Temporary\)";
+    EXPECT_EQ(SetUpWith(fake), Lines());
+    EXPECT_FALSE(fake.filters.empty());
+}
+
+TEST_F(SetUpCrashHandlerTest, SecondHandlerReplacesTheFirst) {
+    SetUpWith(fake);
+    const LPTOP_LEVEL_EXCEPTION_FILTER filter = fake.filters.back();
+    fake.filters.clear();
+    SetUpWith(fake);
+    // The first one puts back what was there before it.
+    ASSERT_EQ(fake.filters.size(), 2U);
+    EXPECT_NE(fake.filters.front(), filter);
+    EXPECT_EQ(fake.filters.back(), filter);
+}
+
+TEST_F(SetUpCrashHandlerTest, ServiceWithoutTemporaryFolderHasNoHandler) {
+    fake.RunAsService();
+    for (const DWORD length : {0, 261, 30'000}) {
+        fake.temporaryLength = length;
+        ExpectFailure("GetTempPath failed");
+    }
+    EXPECT_EQ(fake.folders, Folders());
+}
+
+TEST_F(SetUpCrashHandlerTest, ServiceThatCannotMakeTheTemporaryFolderHasNoHandler) {
+    fake.RunAsService();
+    fake.failingFolder = LR"(C:\Temporary\)";
+    ExpectFailure("CreateDirectoryW failed for temp directory");
+}
+
+TEST_F(SetUpCrashHandlerTest, ProgramWithoutLocalFolderHasNoHandler) {
+    fake.localResult = E_FAIL;
+    ExpectFailure("SHGetKnownFolderPath failed getting Local folder");
+    EXPECT_EQ(fake.folders, Folders());
+}
+
+TEST_F(SetUpCrashHandlerTest, ProgramThatCannotMakeAFolderHasNoHandler) {
+    fake.failingFolder = LR"(C:\Local\Orvik\Crash Reports)";
+    ExpectFailure("CreateDirectoryW failed creating Orvik directory");
+    EXPECT_EQ(fake.folders.size(), 2U);
+    fake.folders.clear();
+    fake.failingFolder = LR"(C:\Local\Orvik)";
+    ExpectFailure("CreateDirectoryW failed creating Orvik directory");
+    EXPECT_EQ(fake.folders.size(), 1U);
+}
+
+TEST_F(SetUpCrashHandlerTest, WithoutItsPathAProcessIsAProgramWithoutAReporter) {
+    const Lines failure = {"[ERROR][crash]:\tGetModuleFileName failed"};
+    SetUpWith(fake);  // with a reporter, which must be forgotten
+    fake.RunAsService();
+    fake.services.clear();
+    for (const bool fails : {true, false}) {
+        fake.programFails = fails;
+        fake.program = LR"(C:\)" + std::wstring(257, L'p');  // one character too many
+        fake.folders.clear();
+        fake.filters.clear();
+        EXPECT_EQ(SetUpWith(fake), failure);
+        EXPECT_EQ(fake.folders.size(), 2U);
+        EXPECT_FALSE(fake.filters.empty());
+        EXPECT_FALSE(Launch());
+        EXPECT_EQ(Logged(), Lines({"[ERROR][crash]:\tNo path to crashreporter"}));
+    }
+    EXPECT_EQ(fake.services, Folders());
+    EXPECT_EQ(fake.starts, 0);
+}
+
+TEST_F(LaunchCrashReporterTest, ServiceTellsItsModeAndName) {
+    fake.RunAsService();
+    SetUpWith(fake);
+    EXPECT_TRUE(Launch());
+    EXPECT_STREQ(fake.application.data(), LR"(C:\Programs\crashreporter.exe)");
+    EXPECT_STREQ(fake.commandLine.data(),
+                 LR"("C:\Programs\crashreporter.exe" |*|0|*|C:\dumps\id.dmp|*|OrvikService|*|)"
+                 LR"(4.0.4 (unknown)|*|Unknown|*|)");
+    EXPECT_EQ(Logged(), Lines());
+}
+
+TEST_F(LaunchCrashReporterTest, ProgramTellsItsModeAndName) {
+    SetUpWith(fake);
+    EXPECT_TRUE(Launch());
+    EXPECT_STREQ(fake.commandLine.data(),
+                 LR"("C:\Programs\crashreporter.exe" |*|1|*|C:\dumps\id.dmp|*|Orvik|*|)"
+                 LR"(4.0.4 (unknown)|*|Unknown|*|)");
+}
+
+TEST_F(LaunchCrashReporterTest, ReporterStartsOnTheDesktopOfTheUserAndItsHandlesAreClosed) {
+    SetUpWith(fake);
+    EXPECT_TRUE(Launch());
+    EXPECT_STREQ(fake.desktop.data(), LR"(winsta0\default)");
+    EXPECT_TRUE(fake.startsPlainly);
+    DWORD flags = 0;
+    EXPECT_FALSE(::GetHandleInformation(fake.process, &flags));
+    EXPECT_FALSE(::GetHandleInformation(fake.thread, &flags));
+}
+
+TEST_F(LaunchCrashReporterTest, ResultOfTheDumpIsPassedOn) {
+    SetUpWith(fake);
+    EXPECT_TRUE(Launch(true));
+    EXPECT_FALSE(Launch(false));
+    EXPECT_EQ(fake.starts, 2);
+    EXPECT_EQ(Logged(), Lines());
+}
+
+TEST_F(LaunchCrashReporterTest, MissingFolderAndNameAreLeftOut) {
+    SetUpWith(fake);
+    EXPECT_TRUE(LaunchCrashReporter(nullptr, nullptr, nullptr, nullptr, nullptr, true));
+    EXPECT_STREQ(fake.commandLine.data(),
+                 LR"("C:\Programs\crashreporter.exe" |*|1|*|\.dmp|*|Orvik|*|4.0.4 (unknown)|*|)"
+                 LR"(Unknown|*|)");
+}
+
+TEST_F(LaunchCrashReporterTest, StartThatFailsIsLogged) {
+    fake.startFails = true;
+    SetUpWith(fake);
+    EXPECT_FALSE(Launch());
+    EXPECT_EQ(Logged(), Lines({"[ERROR][crash]:\tCreateProcess failed"}));
+}
+
+TEST_F(LaunchCrashReporterTest, ReportersPathHasUpTo259Characters) {
+    fake.program = LR"(C:\)" + std::wstring(238, L'p') + LR"(\s.exe)";
+    const std::wstring reporter = LR"(C:\)" + std::wstring(238, L'p') + LR"(\crashreporter.exe)";
+    ASSERT_EQ(reporter.size(), 259U);
+    EXPECT_EQ(SetUpWith(fake), Lines());
+    EXPECT_TRUE(Launch());
+    EXPECT_EQ(fake.application.data(), reporter);
+
+    fake.program = LR"(C:\)" + std::wstring(239, L'p') + LR"(\s.exe)";
+    EXPECT_EQ(SetUpWith(fake), Lines());
+    EXPECT_FALSE(Launch());
+    EXPECT_EQ(fake.starts, 1);
+    EXPECT_EQ(Logged(), Lines({"[ERROR][crash]:\tNo path to crashreporter"}));
+}
+
+TEST_F(LaunchCrashReporterTest, LongCommandLineIsCut) {
+    SetUpCrashHandler(std::wstring(3000, L'v'), L"Unknown");
+    EXPECT_TRUE(Launch());
+    const std::wstring start =
+        LR"("C:\Programs\crashreporter.exe" |*|1|*|C:\dumps\id.dmp|*|Orvik|*|)";
+    EXPECT_EQ(fake.commandLine.data(), start + std::wstring(1023 - start.size(), L'v'));
+}
+
+TEST_F(LaunchCrashReporterTest, NothingIsAllocated) {
+    SetUpWith(fake);
+    guarded_heap::AllocationRecord record;
+    const bool result = Launch();
+    EXPECT_EQ(record.Stop(), std::vector<std::size_t>());
+    EXPECT_TRUE(result);
+}
 
 }  // namespace
