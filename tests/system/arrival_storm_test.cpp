@@ -4,70 +4,19 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
-#include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <windows.h>
 
-// After <windows.h>, whose types it uses.
-#include <psapi.h>
-
 #include "plugged_camera.h"
+#include "process_size.h"
 #include "raw_client.h"
 #include "service_fixture.h"
 #include "watching_test.h"
 
 namespace system_test {
 namespace {
-
-/// How many handles a process has open. Asked for the long way: GetProcessHandleCount is not
-/// everywhere more than a stub.
-std::size_t HandleCount(DWORD processId) {
-    // SYSTEM_HANDLE_INFORMATION_EX, which <winternl.h> leaves out.
-    struct Entry {
-        void* object;
-        ULONG_PTR processId;
-        ULONG_PTR handle;
-        ULONG access;
-        USHORT creatorBackTraceIndex;
-        USHORT objectType;
-        ULONG attributes;
-        ULONG reserved;
-    };
-    struct Handles {
-        ULONG_PTR count;
-        ULONG_PTR reserved;
-        Entry entries[1];
-    };
-    constexpr ULONG kExtendedHandleInformation = 64;
-    constexpr auto kInfoLengthMismatch = static_cast<LONG>(0xC0000004);
-    // Its declaration takes no class that <winternl.h> doesn't know.
-    using QueryInformation = LONG(NTAPI*)(ULONG infoClass, void* to, ULONG size, ULONG* returned);
-    const auto query = reinterpret_cast<QueryInformation>(reinterpret_cast<void*>(
-        ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
-    std::vector<std::byte> buffer(1 << 20);
-    LONG status = 0;
-    while ((status = query(kExtendedHandleInformation, buffer.data(),
-                           static_cast<ULONG>(buffer.size()), nullptr)) == kInfoLengthMismatch)
-        buffer.resize(buffer.size() * 2);
-    if (status < 0)
-        throw std::runtime_error("NtQuerySystemInformation");
-    const auto& handles = *reinterpret_cast<const Handles*>(buffer.data());
-    std::size_t count = 0;
-    for (ULONG_PTR index = 0; index < handles.count; ++index) {
-        if (handles.entries[index].processId == processId)
-            ++count;
-    }
-    return count;
-}
-
-std::size_t WorkingSet(HANDLE process) {
-    PROCESS_MEMORY_COUNTERS counters{};
-    ::GetProcessMemoryInfo(process, &counters, sizeof(counters));
-    return counters.WorkingSetSize;
-}
 
 /// Transfers on a camera from a thread of its own until the end, through a client of its own.
 class Traffic {
