@@ -124,12 +124,12 @@ SERVICE_STATUS_PROCESS StatusOf(const UniqueServiceHandle& service) {
     return status;
 }
 
-void InstallService() {
-    const std::wstring path = L"\"" + ServicePath() + L"\"";
+void InstallService(const std::wstring& path, const std::wstring& arguments) {
+    const std::wstring commandLine = L"\"" + path + L"\" " + arguments;
     const UniqueServiceHandle service(
         ::CreateServiceW(OpenManager().get(), kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
                          SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
-                         path.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+                         commandLine.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
     if (!service)
         FailLast("CreateServiceW");
 }
@@ -390,10 +390,13 @@ SERVICE_STATUS_PROCESS StateNotification::Wait() {
     return registration->record.ServiceStatus;
 }
 
-RunningService::RunningService(RunMode mode) : runMode(mode) {
+RunningService::RunningService(RunMode mode, std::wstring path, std::wstring arguments)
+    : runMode(mode),
+      programPath(std::move(path)),
+      programArguments(std::move(arguments)) {
     EndLeftovers();
     if (runMode == RunMode::kServiceManager)
-        InstallService();
+        InstallService(programPath, programArguments);
     Start();
 }
 
@@ -408,7 +411,7 @@ RunningService::~RunningService() {
 
 void RunningService::Start() {
     if (runMode == RunMode::kForeground) {
-        program = std::make_unique<Program>(ServicePath(), L"--commandline");
+        program = std::make_unique<Program>(programPath, L"--commandline " + programArguments);
         WaitForPipe(program->Process());
         return;
     }
@@ -454,8 +457,8 @@ bool RunningService::IsRunning() const {
     return !HasEnded(Process());
 }
 
-DWORD RunningService::WaitForEnd() {
-    WaitForProcess(Process(), kDeadline, "the service's process does not end");
+DWORD RunningService::WaitForEnd(std::chrono::milliseconds time) {
+    WaitForProcess(Process(), time, "the service's process does not end");
     DWORD exitCode = 0;
     ::GetExitCodeProcess(Process(), &exitCode);
     return exitCode;

@@ -132,8 +132,11 @@ inline std::string NameOf(const testing::TestParamInfo<RunMode>& info) {
 class RunningService {
 public:
     /// Ends what an earlier test program may have left, starts the service and waits until it
-    /// takes clients. Cameras that it is to find must be plugged before.
-    explicit RunningService(RunMode mode = RunMode::kForeground);
+    /// takes clients. Cameras that it is to find must be plugged before. `path` is that of the
+    /// program that is the service, `arguments` are for it.
+    explicit RunningService(RunMode mode = RunMode::kForeground,
+                            std::wstring path = ProgramPath(L"OrvikService.exe"),
+                            std::wstring arguments = {});
 
     /// Ends it, and removes it from the service control manager.
     ~RunningService();
@@ -153,7 +156,7 @@ public:
     HANDLE Process() const;
 
     /// Waits until the process ends by itself; its exit code.
-    DWORD WaitForEnd();
+    DWORD WaitForEnd(std::chrono::milliseconds time = kDeadline);
 
     // In the foreground only.
     OutputLines& Output() { return program->Output(); }
@@ -176,6 +179,8 @@ private:
     void WaitForPipe(HANDLE process) const;
 
     RunMode runMode;
+    std::wstring programPath;
+    std::wstring programArguments;
     std::unique_ptr<Program> program;  // in the foreground
     UniqueHandle serviceProcess;       // under the service control manager
 };
