@@ -216,6 +216,9 @@ void EndLeftovers();
 class SystemTest : public testing::Test {
 protected:
     SystemTest() {
+        // Wine starts its program for the desktop with the first window of all. Let that not be the
+        // service's: the program would hold on to the service's output, whose end is waited for.
+        ::GetDesktopWindow();
         EndLeftovers();
         bus.UnplugAll();
     }
