@@ -1,0 +1,22 @@
+// What crash_recorder, which stands in for the crash reporter, tells the test beside whose service
+// it was put.
+#pragma once
+
+#include <windows.h>
+
+namespace system_test {
+
+/// The mailslot that the test listens at.
+inline constexpr wchar_t kCrashMailslot[] = LR"(\\.\mailslot\orvik-test-crashes)";
+
+/// How the program was started, as it sees it itself. One message of the mailslot.
+struct CrashRecord {
+    DWORD processId;
+    wchar_t commandLine[1024];
+    wchar_t desktop[64];
+    wchar_t temporaryFolder[MAX_PATH + 1];  // that of the process that crashed
+    wchar_t localFolder[MAX_PATH];          // FOLDERID_LocalAppData, likewise
+    BOOL hasConsole;
+};
+
+}  // namespace system_test

@@ -1,0 +1,284 @@
+// What is left when the service crashes. A dump takes seconds, so each crash is looked at from all
+// sides at once.
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <dbghelp.h>
+
+#include "crash/win/crash.h"
+#include "crash_dumps.h"
+#include "crash_record.h"
+#include "raw_client.h"
+#include "service_fixture.h"
+
+namespace system_test {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// How long a crash may take, until the process is gone.
+constexpr std::chrono::seconds kCrashDeadline{60};
+
+constexpr DWORD kEndedByException = 0xE04F5256;  // the service's own code
+
+/// The path with the prefix that lets it be of any length.
+std::wstring LongPath(const fs::path& path) {
+    return LR"(\\?\)" + path.wstring();
+}
+
+/// A folder for a service that is to crash, and for what it leaves. Removed in the end.
+class CrashFolder {
+public:
+    CrashFolder() : path(fs::temp_directory_path() / L"orvik crash test"), programs(path) {
+        Remove();
+        fs::create_directories(path);
+    }
+    ~CrashFolder() { Remove(); }
+
+    CrashFolder(const CrashFolder&) = delete;
+    CrashFolder& operator=(const CrashFolder&) = delete;
+
+    /// Has programs put so deep that the path of a reporter beside them is too long by one.
+    void GoDeep() {
+        const std::size_t length = MAX_PATH - std::size(L"crashreporter.exe");
+        while (programs.native().size() < length) {
+            constexpr std::size_t kLongName = 40;
+            const std::size_t rest = length - programs.native().size() - 1;
+            programs /= std::wstring(rest > kLongName + 5 ? kLongName : rest, L'x');
+        }
+        fs::create_directories(LongPath(programs));
+    }
+
+    /// Copies a program here, under another name; its new path.
+    std::wstring Put(const fs::path& program, const wchar_t* name) const {
+        fs::copy_file(program, LongPath(programs / name));
+        return (programs / name).wstring();
+    }
+    std::wstring PutCrashingService(const wchar_t* name = L"OrvikService.exe") const {
+        return Put(fs::path(TestFolder()) / L"crashing_service.exe", name);
+    }
+    std::wstring PutReporter() const {
+        return Put(fs::path(TestFolder()) / L"crash_recorder.exe", L"crashreporter.exe");
+    }
+
+    /// What crashing_service is told.
+    std::wstring Arguments(const wchar_t* kind) const {
+        return std::wstring(kind) + L" \"" + path.wstring() + L"\"";
+    }
+
+    // Of crashing_service.
+    fs::path TemporaryFolder() const { return path / L"temp"; }
+    /// The records of its log without their times.
+    std::string Log() const {
+        std::ifstream file(path / L"AppData/Local/Orvik/log.txt");
+        std::string records;
+        for (std::string line; std::getline(file, line);)
+            records += line.substr(line.find(']') + 1) + "\n";
+        return records;
+    }
+
+private:
+    void Remove() const {
+        std::error_code ignored;
+        fs::remove_all(LongPath(path), ignored);
+    }
+
+    fs::path path;
+    fs::path programs;
+};
+
+/// Hears of the reporters that are started.
+class ReporterStarts {
+public:
+    ReporterStarts()
+        : mailslot(OwnFile(::CreateMailslotW(
+              kCrashMailslot, sizeof(CrashRecord),
+              static_cast<DWORD>(std::chrono::milliseconds(kCrashDeadline).count()), nullptr))) {
+        if (!mailslot)
+            throw std::runtime_error("cannot make the mailslot");
+    }
+
+    /// Waits for one, until it has ended.
+    CrashRecord Receive() {
+        CrashRecord record{};
+        DWORD count = 0;
+        if (!::ReadFile(mailslot.get(), &record, sizeof(record), &count, nullptr) ||
+            count != sizeof(record))
+            throw std::runtime_error("the reporter has not been started");
+        const UniqueHandle reporter(::OpenProcess(SYNCHRONIZE, FALSE, record.processId));
+        if (reporter)
+            ::WaitForSingleObject(reporter.get(), INFINITE);
+        return record;
+    }
+
+private:
+    UniqueHandle mailslot;
+};
+
+void ExpectDetachedOnTheDesktop(const CrashRecord& record) {
+    EXPECT_STREQ(record.desktop, LR"(winsta0\default)");
+    EXPECT_FALSE(record.hasConsole);
+}
+
+/// The third field of a reporter's command line.
+fs::path DumpOf(const CrashRecord& record) {
+    const std::wstring line = record.commandLine;
+    const std::size_t start = line.find(L"|*|", line.find(L"|*|") + 1) + 3;
+    return line.substr(start, line.find(L"|*|", start) - start);
+}
+
+class CrashTest : public SystemTest {
+protected:
+    CrashFolder folder;
+    ReporterStarts reporters;
+};
+
+TEST_F(CrashTest, ExceptionLeavesASmallDumpAndStartsTheReporter) {
+    const std::wstring reporter = folder.PutReporter();
+    RunningService service(RunMode::kServiceManager,
+                           folder.Put(ProgramPath(L"OrvikService.exe"), L"OrvikService.exe"));
+    RawClient client;
+    client.SendRequest(kTransferNoData, 1, 7, TestUnitReady());  // there is no such camera
+    const CrashRecord record = reporters.Receive();
+    EXPECT_EQ(service.WaitForEnd(kCrashDeadline), kEndedByException);
+
+    const fs::path file = DumpOf(record);
+    EXPECT_EQ(
+        Narrow(record.commandLine),
+        Narrow(L"\"" + reporter + L"\" |*|0|*|" + record.temporaryFolder + L"\\" +
+               file.filename().wstring() + L"|*|OrvikService|*|4.0.4 (unknown)|*|Unknown|*|"));
+    ExpectDetachedOnTheDesktop(record);
+
+    const Dump dump = KeepDump({file}, L"exception");
+    EXPECT_EQ(dump.exceptionCode, kEndedByException);
+    EXPECT_EQ(dump.flags, std::uint64_t{MiniDumpNormal});
+    EXPECT_TRUE(dump.hasItsThread);
+}
+
+TEST_F(CrashTest, FaultLeavesADumpThoughThereIsNoReporter) {
+    RunningService service(RunMode::kServiceManager, folder.PutCrashingService(),
+                           folder.Arguments(L"fault"));
+    EXPECT_TRUE(fs::exists(folder.TemporaryFolder()));  // it has made it
+    EXPECT_EQ(folder.Log(), "");
+    const NewDumps dumps(folder.TemporaryFolder());
+    const RawClient client;
+    EXPECT_EQ(service.WaitForEnd(kCrashDeadline), DWORD{EXCEPTION_ACCESS_VIOLATION});
+    ExpectFault(KeepDump(dumps.Find(), L"fault"), L"OrvikService.exe");
+    EXPECT_EQ(folder.Log(), "[ERROR][crash]:\tCreateProcess failed\n");
+}
+
+// Which exception the dump is about depends on the C++ library; docs/operating.md says more.
+TEST_F(CrashTest, PureVirtualCallLeavesADumpThoughTheReportersPathIsTooLong) {
+    folder.GoDeep();
+    RunningService service(RunMode::kServiceManager, folder.PutCrashingService(),
+                           folder.Arguments(L"pure-call"));
+    EXPECT_EQ(folder.Log(), "");
+    const NewDumps dumps(folder.TemporaryFolder());
+    const RawClient client;
+    service.WaitForEnd(kCrashDeadline);
+    EXPECT_TRUE(KeepDump(dumps.Find(), L"pure-call").hasItsThread);
+    EXPECT_EQ(folder.Log(), "[ERROR][crash]:\tNo path to crashreporter\n");
+}
+
+#ifndef _MSC_VER
+// The C runtime of GCC has no handler for it: the function that got the parameter fails, no more.
+TEST_F(CrashTest, InvalidParameterIsAnErrorOfTheFunctionAlone) {
+    RunningService service(RunMode::kServiceManager, folder.PutCrashingService(),
+                           folder.Arguments(L"invalid-parameter"));
+    RawClient client;
+    EXPECT_TRUE(client.RoundTrip());
+    EXPECT_TRUE(folder.Log().starts_with("[ERROR][test]:\tthe C runtime returned 22\n"))
+        << folder.Log();
+    service.Stop();
+}
+#endif
+
+// It has asked a crash server that was there before it, one that is not a part of itself.
+TEST_F(CrashTest, ExecutableNamedOtherwiseAsksTheCrashServerForALargerDump) {
+    const std::wstring reporter = folder.PutReporter();
+    wchar_t system[MAX_PATH] = {};
+    ::GetSystemDirectoryW(system, MAX_PATH);
+    ::SetCurrentDirectoryW(system);
+    const NewDumps dumps(CrashServerFolder());
+    const auto server = StartCrashServer();
+    RunningService service(RunMode::kServiceManager, folder.PutCrashingService(L"Other.exe"),
+                           folder.Arguments(L"fault"));
+    const RawClient client;
+    const CrashRecord record = reporters.Receive();
+    EXPECT_EQ(service.WaitForEnd(kCrashDeadline), DWORD{EXCEPTION_ACCESS_VIOLATION});
+    // The server does not tell the dump's name.
+    EXPECT_EQ(
+        Narrow(record.commandLine),
+        Narrow(L"\"" + reporter + L"\" |*|1|*|\\.dmp|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
+    ExpectDetachedOnTheDesktop(record);
+    EXPECT_TRUE(fs::is_directory(fs::path(record.localFolder) / L"Orvik" / L"Crash Reports"));
+    EXPECT_EQ(folder.Log(), "");
+
+    const Dump dump = KeepDump(dumps.Find(), L"other-name");
+    ExpectFault(dump, L"Other.exe");
+    EXPECT_EQ(dump.flags,
+              std::uint64_t{MiniDumpWithDataSegs | MiniDumpWithIndirectlyReferencedMemory |
+                            MiniDumpWithThreadInfo});
+}
+
+// Whether there is a whole dump then is the system's affair: a process that has crashed is to write
+// its own. On Wine there is none.
+TEST_F(CrashTest, ExecutableNamedOtherwiseThatIsItsOwnCrashServerStartsTheReporter) {
+    const std::wstring reporter = folder.PutReporter();
+    const NewDumps dumps(CrashServerFolder());
+    RunningService service(RunMode::kServiceManager, folder.PutCrashingService(L"Other.exe"),
+                           folder.Arguments(L"fault"));
+    const RawClient client;
+    const CrashRecord record = reporters.Receive();
+    EXPECT_EQ(service.WaitForEnd(kCrashDeadline), DWORD{EXCEPTION_ACCESS_VIOLATION});
+    EXPECT_EQ(
+        Narrow(record.commandLine),
+        Narrow(L"\"" + reporter + L"\" |*|1|*|\\.dmp|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
+    EXPECT_EQ(folder.Log(), "");
+}
+
+TEST_F(CrashTest, ForegroundHandlesNoCrashOfItsOwn) {
+    const NewDumps dumps(CrashServerFolder());
+    RunningService service(RunMode::kForeground, folder.PutCrashingService(),
+                           folder.Arguments(L"fault"));
+    const RawClient client;
+    EXPECT_EQ(service.WaitForEnd(), DWORD{EXCEPTION_ACCESS_VIOLATION});
+    EXPECT_EQ(folder.Log(), "");  // a handler would have missed its reporter
+    EXPECT_EQ(dumps.Find(), std::vector<fs::path>());
+    EXPECT_FALSE(fs::exists(folder.TemporaryFolder()));
+}
+
+TEST_F(CrashTest, ServiceWithoutATemporaryFolderRunsOnWithoutAHandler) {
+    const struct {
+        std::wstring temporaryFolder;
+        std::string message;
+    } cases[] = {
+        {LR"(C:\there is no such folder\temp)", "CreateDirectoryW failed for temp directory"},
+        {LR"(C:\)" + std::wstring(MAX_PATH, L'x'), "GetTempPath failed"},
+    };
+    const std::wstring program = folder.PutCrashingService();
+    std::string log;
+    for (const auto& [temporaryFolder, message] : cases) {
+        RunningService service(RunMode::kServiceManager, program,
+                               folder.Arguments(L"none") + L" \"" + temporaryFolder + L"\"");
+        RawClient client;
+        EXPECT_TRUE(client.RoundTrip());
+        log += "[ERROR][crash]:\t" + message + "\n";
+        EXPECT_EQ(folder.Log(), log);
+        service.Stop();
+    }
+}
+
+}  // namespace
+}  // namespace system_test
