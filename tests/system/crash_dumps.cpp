@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <fstream>
-#include <span>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -27,21 +27,38 @@ std::vector<std::byte> Bytes(const fs::path& path) {
     return bytes;
 }
 
+/// A structure of the dump. They need not be aligned.
 template <typename Type>
-const Type& Stream(std::vector<std::byte>& dump, ULONG type) {
+Type CopyAt(const std::byte* place) {
+    Type value;
+    std::memcpy(&value, place, sizeof(value));
+    return value;
+}
+
+const std::byte* Stream(std::vector<std::byte>& dump, ULONG type) {
     MINIDUMP_DIRECTORY* directory = nullptr;
     void* stream = nullptr;
     ULONG size = 0;
     if (!::MiniDumpReadDumpStream(dump.data(), type, &directory, &stream, &size) ||
         stream == nullptr)
         throw std::runtime_error("the dump has no stream " + std::to_string(type));
-    return *static_cast<const Type*>(stream);
+    return static_cast<const std::byte*>(stream);
+}
+
+/// The entries of a stream that is a list: their number, then they themselves.
+template <typename Entry>
+std::vector<Entry> List(std::vector<std::byte>& dump, ULONG type) {
+    const std::byte* const stream = Stream(dump, type);
+    std::vector<Entry> entries(CopyAt<ULONG32>(stream));
+    std::memcpy(entries.data(), stream + sizeof(ULONG32), entries.size() * sizeof(Entry));
+    return entries;
 }
 
 std::wstring FileName(const std::vector<std::byte>& dump, const MINIDUMP_MODULE& module) {
-    const auto* const name =
-        reinterpret_cast<const MINIDUMP_STRING*>(dump.data() + module.ModuleNameRva);
-    return fs::path(std::wstring(name->Buffer, name->Length / sizeof(wchar_t))).filename();
+    const std::byte* const name = dump.data() + module.ModuleNameRva;
+    std::wstring path(CopyAt<ULONG32>(name) / sizeof(wchar_t), L'\0');
+    std::memcpy(path.data(), name + sizeof(ULONG32), path.size() * sizeof(wchar_t));
+    return std::filesystem::path(path).filename();
 }
 
 }  // namespace
@@ -81,20 +98,16 @@ fs::path CrashServerFolder() {
 
 Dump ReadDump(const fs::path& path) {
     std::vector<std::byte> bytes = Bytes(path);
-    const auto& exception = Stream<MINIDUMP_EXCEPTION_STREAM>(bytes, ExceptionStream);
+    const auto exception = CopyAt<MINIDUMP_EXCEPTION_STREAM>(Stream(bytes, ExceptionStream));
     Dump dump;
     dump.exceptionCode = exception.ExceptionRecord.ExceptionCode;
-    dump.flags = reinterpret_cast<const MINIDUMP_HEADER*>(bytes.data())->Flags;
-
-    const auto& modules = Stream<MINIDUMP_MODULE_LIST>(bytes, ModuleListStream);
+    dump.flags = CopyAt<MINIDUMP_HEADER>(bytes.data()).Flags;
     const ULONG64 address = exception.ExceptionRecord.ExceptionAddress;
-    for (const MINIDUMP_MODULE& module : std::span(modules.Modules, modules.NumberOfModules)) {
+    for (const auto& module : List<MINIDUMP_MODULE>(bytes, ModuleListStream)) {
         if (address >= module.BaseOfImage && address - module.BaseOfImage < module.SizeOfImage)
             dump.module = FileName(bytes, module);
     }
-
-    const auto& threads = Stream<MINIDUMP_THREAD_LIST>(bytes, ThreadListStream);
-    for (const MINIDUMP_THREAD& thread : std::span(threads.Threads, threads.NumberOfThreads)) {
+    for (const auto& thread : List<MINIDUMP_THREAD>(bytes, ThreadListStream)) {
         if (thread.ThreadId == exception.ThreadId)
             dump.hasItsThread = thread.Stack.Memory.DataSize != 0;
     }
