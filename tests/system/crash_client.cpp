@@ -35,7 +35,8 @@ bool SayWhetherDumped(const wchar_t* /*folder*/, const wchar_t* /*id*/, void* /*
     return succeeded;
 }
 
-/// Null if the server does not answer. The library gives up after four seconds.
+/// Null if the server does not answer. The library gives up after four seconds, and at once if
+/// another client takes the pipe at the wrong moment.
 std::unique_ptr<ExceptionHandler> Register(int attempts) {
     for (int attempt = 0; attempt < attempts; ++attempt) {
         auto handler = std::make_unique<ExceptionHandler>(L".", nullptr, SayWhetherDumped, nullptr,
@@ -49,7 +50,7 @@ std::unique_ptr<ExceptionHandler> Register(int attempts) {
 
 int Crash(const char* eventName) {
     const UniqueHandle event(::OpenEventA(SYNCHRONIZE, FALSE, eventName));
-    const auto handler = Register(3);  // others may be registering too
+    const auto handler = Register(30);  // others get in between
     if (!event || !handler)
         return 1;
     Say("registered");
