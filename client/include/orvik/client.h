@@ -1,19 +1,21 @@
 // The client library of OrvikService: cameras and their SCSI commands for desktop programs.
 //
 //     orvik::Client client;
-//     for (orvik::CameraId camera : client.Cameras()) {
+//     for (const orvik::CameraId camera : client.Cameras()) {
 //         const auto answer = client.TransferIn(camera, orvik::InquiryCdb());
 //         std::cout << orvik::DecodeInquiry(answer).product << '\n';
 //     }
 //
-// All texts are UTF-8.
+// All narrow texts are UTF-8. Sizes are bytes.
 #pragma once
 
 #include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -23,11 +25,15 @@ namespace orvik {
 
 /// What went wrong, for programs; Error::what() says it in words.
 enum class ErrorKind {
-    kNotRunning,    ///< the camera pipe is not there: the service is not installed or not running
-    kBusy,          ///< the pipe is there, but no instance of it was free before the deadline
+    kNotInstalled,  ///< there is no service OrvikService
+    kStopped,       ///< the service is not running, or is stopping
+    kStarting,      ///< the service was still starting at the deadline
+    kBusy,          ///< the service runs, but took no connection before the deadline
     kAccessDenied,  ///< this user may not open the camera pipe
+    kWrongServer,   ///< the camera pipe is served by a process that is not the service
     kServiceGone,   ///< the service ended, or an earlier error closed the connection
     kTimedOut,      ///< the deadline passed
+    kCancelled,     ///< Cancel() was called
     kNoSuchCamera,  ///< the service has not announced such a camera, or has reported it gone
     kRefused,       ///< the camera or its driver refused the command, or the camera is gone
     kBadAnswer,     ///< the service or the camera sent what makes no sense
@@ -61,50 +67,113 @@ using RequestId = std::uint32_t;
 inline constexpr std::chrono::milliseconds kConnectTimeout{5'000};
 inline constexpr std::chrono::milliseconds kTransferTimeout{30'000};
 
+/// How to connect.
+struct ConnectOptions {
+    std::chrono::milliseconds timeout = kConnectTimeout;
+
+    /// Whether to send nothing unless the pipe's server is the process that the service control
+    /// manager runs as OrvikService. Off for a service that runs in a console.
+    bool checkServer = true;
+
+    std::wstring pipe = LR"(\\.\pipe\orvikcamera)";  ///< another one only for tests
+};
+
+/// What a subscriber is told of.
+struct Event {
+    enum class Kind {
+        kCameraAttached,
+        kCameraDetached,
+        kServiceGone,  ///< the connection is closed; `camera` says nothing. The last event.
+    };
+    Kind kind;
+    CameraId camera;
+};
+
+/// Called on the client's thread.
+using EventHandler = std::function<void(const Event& event)>;
+
+/// How an asynchronous transfer ended.
+struct TransferResult {
+    std::optional<Error> error;   ///< none if it succeeded
+    std::vector<std::byte> data;  ///< what the camera returned; empty but for transfers in
+};
+
+/// Called on the client's thread, once.
+using Completion = std::function<void(TransferResult result)>;
+
+/// A handler that is told of events. Ends when destroyed or assigned to; may outlive the Client.
+/// Thread: one at a time; ending it is allowed within its own handler.
+class Subscription {
+public:
+    Subscription() noexcept = default;  ///< of nothing
+    ~Subscription();
+    Subscription(Subscription&& other) noexcept = default;
+    Subscription& operator=(Subscription&& other) noexcept;
+
+    /// Returns at once: no call of the handler begins any more, but one that is under way on the
+    /// client's thread may still be ending.
+    void End() noexcept;
+
+private:
+    friend class Client;
+    struct State;
+    std::shared_ptr<State> state;
+};
+
 /// A connection to the service.
 ///
 /// A client that connects while no desktop program is connected becomes the one that is told of
 /// cameras that come and go, and the service starts no desktop program while it stays. So a tool
-/// connects, asks and leaves. Any other client learns of the cameras present when it connects.
+/// connects, asks and leaves. Any other client learns of the cameras present when it connects, and
+/// is told of no change.
 ///
-/// Thread: one at a time.
+/// Thread: any, except for destruction and moves, after which nobody else may call it. Each Client
+/// has one thread of its own, the client's thread, that reads what the service sends and calls
+/// handlers and completions, one after the other. They may call everything here but Transfer…(),
+/// which would wait for the thread that they are on and throws kBadArgument there, and may destroy
+/// the Client. What they throw ends the program. While one runs nothing else is read: long work
+/// belongs elsewhere.
 ///
-/// Every call may throw Error. After kServiceGone, kBadAnswer or kSystem the connection is closed
-/// and each further call throws kServiceGone; to reconnect, make another Client. An answer that
-/// has come before can still be fetched with Wait(). The same holds when a Send times out, because
-/// the request may have left in part; if the service was only slow, it may take such a half message
-/// for a client that leaves too early, and end its run.
+/// Every call may throw Error and std::bad_alloc. After kServiceGone, kBadAnswer or kSystem the
+/// connection is closed, each outstanding request ends with kServiceGone at once, and so does each
+/// further call; to reconnect, assign another Client. The same holds when a request does not leave
+/// in time, because it may have left in part.
 ///
 /// Naming a camera that the service doesn't know ends the service's run, for everybody. The calls
 /// below refuse a camera that was never announced or has been reported gone, but only the client
 /// that is told of cameras that go can know: any other makes a new Client before it names a camera
-/// after a pause. Commands and data are copied, and needed only for the call. Calls may also throw
-/// std::bad_alloc.
+/// after a pause. Commands and data are copied, and needed only for the call.
 class Client {
 public:
-    /// Connects, and returns when the cameras present are known. `pipe` is for tests.
-    /// Throws kNotRunning, kBusy, kAccessDenied, kTimedOut (connected, but the service is silent).
-    explicit Client(std::chrono::milliseconds timeout = kConnectTimeout,
-                    const std::wstring& pipe = LR"(\\.\pipe\orvikcamera)");
+    /// Connects, and returns when the cameras present are known.
+    /// Throws kNotInstalled, kStopped, kStarting, kBusy, kAccessDenied, kWrongServer, and kTimedOut
+    /// when it is connected but the service is silent.
+    explicit Client(const ConnectOptions& options = {});
 
     /// Leaves in a way that does not disturb the service, which can take a moment, at most two
-    /// seconds if the service hangs. Requests that are not answered are given up.
+    /// seconds if the service hangs. Outstanding requests are given up: no handler or completion is
+    /// called any more, one that is under way on the client's thread may still be ending.
     ~Client();
 
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
+    Client(Client&& other) noexcept;
+    Client& operator=(Client&& other) noexcept;  ///< as if destroyed before
 
-    /// The cameras present as far as this client has been told, in the order announced. Brought up
-    /// to date whenever messages are read: by Send…() and Wait(), and so by Transfer…().
+    /// The cameras present as far as this client has been told, in the order announced.
     std::vector<CameraId> Cameras() const;
 
+    /// Has `handler` called for each camera present, then for each event, in order, the first call
+    /// possibly before this returns. If the connection is closed, only kServiceGone comes.
+    [[nodiscard]] Subscription Subscribe(EventHandler handler);
+
     /// Sends a command that returns data, and waits for the data: at most kTransferInLimit bytes,
-    /// and often fewer than the command asked for.
-    /// Throws what Send…() and Wait() throw. After kTimedOut the answer is dropped when it comes.
+    /// and often fewer than the command asked for. `cdb` has 1 to kCdbLimit bytes.
+    /// Throws kRefused, kTimedOut, and before anything is sent kBadArgument and kNoSuchCamera.
+    /// After kTimedOut the answer is dropped when it comes.
     std::vector<std::byte> TransferIn(CameraId camera, std::span<const std::byte> cdb,
                                       std::chrono::milliseconds timeout = kTransferTimeout);
 
-    /// Sends a command with data for the camera, and waits until it is done.
+    /// Sends a command with data for the camera, at most kTransferOutLimit bytes, and waits until
+    /// it is done.
     void TransferOut(CameraId camera, std::span<const std::byte> cdb,
                      std::span<const std::byte> data,
                      std::chrono::milliseconds timeout = kTransferTimeout);
@@ -113,28 +182,24 @@ public:
     void TransferNoData(CameraId camera, std::span<const std::byte> cdb,
                         std::chrono::milliseconds timeout = kTransferTimeout);
 
-    /// The same in two steps, so that any number of requests can be outstanding: Send returns when
-    /// the request has left, Wait() has its answer. `cdb` has 1 to kCdbLimit bytes, `data` at most
-    /// kTransferOutLimit.
-    /// Throws kBadArgument and kNoSuchCamera, both before anything is sent.
-    RequestId SendTransferIn(CameraId camera, std::span<const std::byte> cdb,
-                             std::chrono::milliseconds timeout = kTransferTimeout);
-    RequestId SendTransferOut(CameraId camera, std::span<const std::byte> cdb,
-                              std::span<const std::byte> data,
-                              std::chrono::milliseconds timeout = kTransferTimeout);
-    RequestId SendTransferNoData(CameraId camera, std::span<const std::byte> cdb,
-                                 std::chrono::milliseconds timeout = kTransferTimeout);
+    /// The same, but they return when the request has left, and `completion` gets the answer,
+    /// possibly before they return. Any number can be outstanding, and they end in any order. When
+    /// they throw, `completion` is not called.
+    RequestId StartTransferIn(CameraId camera, std::span<const std::byte> cdb,
+                              Completion completion);
+    RequestId StartTransferOut(CameraId camera, std::span<const std::byte> cdb,
+                               std::span<const std::byte> data, Completion completion);
+    RequestId StartTransferNoData(CameraId camera, std::span<const std::byte> cdb,
+                                  Completion completion);
 
-    /// Waits for the answer to a request and returns its data, empty for all but SendTransferIn().
-    /// Requests may be waited for in any order, each until it has returned or thrown kRefused.
-    /// Throws kRefused; kTimedOut, after which one can wait for it again; kBadArgument for a
-    /// request that is not outstanding.
-    std::vector<std::byte> Wait(RequestId request,
-                                std::chrono::milliseconds timeout = kTransferTimeout);
+    /// Ends an asynchronous request: `completion` is called with kCancelled, soon, and the answer
+    /// is dropped when it comes. The camera still does what it was asked. Returns at once; false if
+    /// the request is not outstanding: its completion has been called or is about to be.
+    bool Cancel(RequestId request);
 
 private:
-    class Session;
-    std::unique_ptr<Session> session;
+    class Connection;
+    std::shared_ptr<Connection> connection;
 };
 
 /// Most bytes of a command descriptor block that the service passes on.
@@ -163,6 +228,12 @@ inline constexpr std::uint32_t kRead6CountLimit = 255;
 /// kTransferInLimit, which for the usual blocks of 512 bytes makes 128 blocks.
 /// Throws kBadArgument if count is 0 or above kRead6CountLimit, or a block is out of reach.
 std::array<std::byte, 6> Read6Cdb(std::uint32_t first, std::uint32_t count);
+
+/// WRITE(6), for TransferOut() of `count` blocks from `first` on. Throws as Read6Cdb() does.
+std::array<std::byte, 6> Write6Cdb(std::uint32_t first, std::uint32_t count);
+
+/// REQUEST SENSE for up to 252 bytes of sense data about the camera's last refusal.
+std::array<std::byte, 6> RequestSenseCdb() noexcept;
 
 /// Standard INQUIRY data. The strings come without trailing spaces, and with '?' for each byte that
 /// is not printable ASCII.
