@@ -1,12 +1,13 @@
 #include "client/message_reader.h"
 
-#include <span>
 #include <string>
 #include <utility>
 
 #include "orvik/client.h"
 
 namespace orvik {
+
+namespace {
 
 void CheckHeader(const MessageHeader& header) {
     bool sensible = false;
@@ -30,39 +31,30 @@ void CheckHeader(const MessageHeader& header) {
                                                std::to_string(header.bodyLength) + " bytes");
 }
 
-std::optional<Message> MessageReader::Read(PipeStream& pipe, const Deadline& deadline) {
+}  // namespace
+
+std::span<std::byte> MessageReader::Target() noexcept {
+    const std::span<std::byte> whole = headerComplete
+                                           ? std::span<std::byte>(message.body)
+                                           : std::as_writable_bytes(std::span(&message.header, 1));
+    return whole.subspan(received);
+}
+
+std::optional<Message> MessageReader::Received(std::size_t count) {
+    received += count;
     if (!headerComplete) {
-        if (!Fill(pipe, std::as_writable_bytes(std::span(&message.header, 1)), deadline))
+        if (received < sizeof(message.header))
             return std::nullopt;
         CheckHeader(message.header);
         message.body.resize(message.header.bodyLength);
         headerComplete = true;
         received = 0;
     }
-    if (!Fill(pipe, message.body, deadline))
+    if (received < message.body.size())
         return std::nullopt;
     headerComplete = false;
     received = 0;
     return std::exchange(message, {});
-}
-
-bool MessageReader::Fill(PipeStream& pipe, std::span<std::byte> target, const Deadline& deadline) {
-    while (received < target.size()) {
-        std::optional<std::size_t> count;
-        try {
-            count = pipe.Read(target.subspan(received), deadline);
-        } catch (const Error& error) {
-            if (error.Kind() != ErrorKind::kServiceGone || (received == 0 && !headerComplete))
-                throw;
-            throw Error(ErrorKind::kServiceGone,
-                        "the service closed the connection in the middle of a message",
-                        error.SystemCode());
-        }
-        if (!count)
-            return false;
-        received += *count;
-    }
-    return true;
 }
 
 }  // namespace orvik

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <span>
-#include <string>
 
 #include <windows.h>
 
@@ -12,40 +12,62 @@
 
 namespace orvik {
 
-/// Opens an instance of the pipe; while all are taken it waits for the next.
-/// Throws Error: kNotRunning, kBusy, kAccessDenied, kSystem.
-UniqueHandle OpenPipe(const std::wstring& name, const Deadline& deadline);
+/// An event of Windows. Throws Error kSystem.
+UniqueHandle MakeEvent(bool manualReset);
 
-/// The client's end of the pipe, as a stream of bytes with deadlines.
-///
-/// Thread: one at a time. Both calls throw Error: kServiceGone when the other end is closed,
+/// The client's end of the pipe. Its calls throw Error: kServiceGone when the other end is closed,
 /// kSystem for what else goes wrong.
+///
+/// Thread: any, one at a time, but for the wait in PipeWrite::Finish().
 class PipeStream {
 public:
-    /// Takes over a pipe from OpenPipe().
-    explicit PipeStream(UniqueHandle opened);
+    /// Takes over a pipe that was opened for overlapped use. `readEvent` has a manual reset, and is
+    /// not owned. It is signalled when Read() has something to return, and possibly when not: who
+    /// has waited for it, and then has nothing from Read(), resets it, and calls Read() once more
+    /// before waiting again.
+    PipeStream(UniqueHandle opened, HANDLE readEvent);
 
-    /// Cancels the read that is issued, and waits until the system has let go of its target.
+    /// Cancels what is under way, and waits until the system has let go of the read's target.
     ~PipeStream();
 
     PipeStream(const PipeStream&) = delete;
     PipeStream& operator=(const PipeStream&) = delete;
 
-    /// Writes all of `bytes` with one WriteFile.
-    /// Throws kTimedOut too; then any part of `bytes` may have left.
-    void Write(std::span<const std::byte> bytes, const Deadline& deadline);
-
-    /// Reads at least one byte into `target`, and returns how many. Empty when the deadline has
-    /// passed: the read stays issued, so `target` stays alive and the next call names it again.
-    std::optional<std::size_t> Read(std::span<std::byte> target, const Deadline& deadline);
+    /// Never waits. How many bytes have come into `target`, at least one; empty: none yet, the read
+    /// is under way. Until it has come, `target` stays alive and each call names it.
+    std::optional<std::size_t> Read(std::span<std::byte> target);
 
 private:
-    // Each operation has an event of its own, as the other may be pending at the same time.
-    UniqueHandle readEvent;
-    UniqueHandle writeEvent;
-    UniqueHandle pipe;
+    friend class PipeWrite;
+
+    std::shared_ptr<void> pipe;  // shared with the writes under way
     OVERLAPPED reading{};
     bool readIssued = false;
+};
+
+/// One write. Any number can be under way, and their bytes leave in the order of Start().
+class PipeWrite {
+public:
+    /// `event` is needed until Finish() has returned.
+    explicit PipeWrite(HANDLE event) noexcept { writing.hEvent = event; }
+
+    PipeWrite(const PipeWrite&) = delete;
+    PipeWrite& operator=(const PipeWrite&) = delete;
+
+    /// Hands all of `bytes` to the system, with one WriteFile. Never waits. Unless it throws,
+    /// Finish() must be called, and `bytes` stay alive until it has returned.
+    void Start(const PipeStream& stream, std::span<const std::byte> bytes);
+
+    /// Whether Finish() would have to wait.
+    bool Pending() const noexcept { return pipe != nullptr; }
+
+    /// Waits until they have left. The stream may be gone by then.
+    /// Throws kTimedOut too; then any part of them may have left.
+    void Finish(const Deadline& deadline);
+
+private:
+    std::shared_ptr<void> pipe;  // empty: done at once
+    OVERLAPPED writing{};
 };
 
 }  // namespace orvik

@@ -9,15 +9,30 @@ namespace orvik {
 namespace {
 
 constexpr std::uint8_t kTestUnitReady = 0x00;
+constexpr std::uint8_t kRequestSense = 0x03;
 constexpr std::uint8_t kRead6 = 0x08;
+constexpr std::uint8_t kWrite6 = 0x0A;
 constexpr std::uint8_t kInquiry = 0x12;
 constexpr std::uint8_t kReadCapacity10 = 0x25;
 
 constexpr std::size_t kStandardInquiryLength = 36;
+constexpr std::uint8_t kLongestSenseData = 252;
 
 template <typename... Values>
 std::array<std::byte, sizeof...(Values)> Bytes(Values... values) noexcept {
     return {static_cast<std::byte>(values)...};
+}
+
+std::array<std::byte, 6> BlocksCdb(std::uint8_t operation, const std::string& name,
+                                   std::uint32_t first, std::uint32_t count) {
+    if (count == 0 || count > kRead6CountLimit)
+        throw Error(ErrorKind::kBadArgument, name + " takes 1 to " +
+                                                 std::to_string(kRead6CountLimit) +
+                                                 " blocks, not " + std::to_string(count));
+    if (first >= kRead6BlockLimit || count > kRead6BlockLimit - first)
+        throw Error(ErrorKind::kBadArgument, name + " reaches only the first " +
+                                                 std::to_string(kRead6BlockLimit) + " blocks");
+    return Bytes(operation, first >> 16, first >> 8 & 0xFF, first & 0xFF, count, 0);
 }
 
 /// A fixed field that is padded with spaces, by some devices with zeros.
@@ -60,14 +75,15 @@ std::array<std::byte, 8> ReadCapacityCdb() noexcept {
 }
 
 std::array<std::byte, 6> Read6Cdb(std::uint32_t first, std::uint32_t count) {
-    if (count == 0 || count > kRead6CountLimit)
-        throw Error(ErrorKind::kBadArgument, "READ(6) reads 1 to " +
-                                                 std::to_string(kRead6CountLimit) +
-                                                 " blocks, not " + std::to_string(count));
-    if (first >= kRead6BlockLimit || count > kRead6BlockLimit - first)
-        throw Error(ErrorKind::kBadArgument, "READ(6) reaches only the first " +
-                                                 std::to_string(kRead6BlockLimit) + " blocks");
-    return Bytes(kRead6, first >> 16, first >> 8 & 0xFF, first & 0xFF, count, 0);
+    return BlocksCdb(kRead6, "READ(6)", first, count);
+}
+
+std::array<std::byte, 6> Write6Cdb(std::uint32_t first, std::uint32_t count) {
+    return BlocksCdb(kWrite6, "WRITE(6)", first, count);
+}
+
+std::array<std::byte, 6> RequestSenseCdb() noexcept {
+    return Bytes(kRequestSense, 0, 0, 0, kLongestSenseData, 0);
 }
 
 Inquiry DecodeInquiry(std::span<const std::byte> data) {

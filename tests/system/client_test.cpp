@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include "client_answers.h"
 #include "orvik/client.h"
 #include "plugged_camera.h"
 #include "service_fixture.h"
@@ -24,9 +25,24 @@ namespace system_test {
 namespace {
 
 using namespace std::chrono_literals;
-using orvik::Client;
+using client_test::Answer;
+using client_test::KindOf;
 using orvik::ErrorKind;
 using Bytes = std::vector<std::byte>;
+
+/// A client of the service that runs in the foreground, which the control manager knows nothing of.
+orvik::ConnectOptions Foreground(std::chrono::milliseconds timeout = kDeadline) {
+    orvik::ConnectOptions options;
+    options.timeout = timeout;
+    options.checkServer = false;
+    return options;
+}
+
+class Client : public orvik::Client {
+public:
+    explicit Client(std::chrono::milliseconds timeout = kDeadline)
+        : orvik::Client(Foreground(timeout)) {}
+};
 
 /// Bytes that differ from those of another seed.
 Bytes Pattern(std::size_t size, unsigned seed) {
@@ -34,23 +50,6 @@ Bytes Pattern(std::size_t size, unsigned seed) {
     for (std::size_t i = 0; i < size; ++i)
         bytes[i] = static_cast<std::byte>(i * 7 + i / 251 + seed * 31);
     return bytes;
-}
-
-/// WRITE(6) of one block.
-std::array<std::byte, 6> Write6Cdb(std::uint8_t block) {
-    return {std::byte{0x0A}, {}, {}, std::byte{block}, std::byte{1}, {}};
-}
-
-/// Runs `call`, which must throw, and returns what kind of error it was.
-template <typename Call>
-ErrorKind KindOf(Call call) {
-    try {
-        call();
-    } catch (const orvik::Error& error) {
-        return error.Kind();
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return ErrorKind::kSystem;
 }
 
 /// Stops a process while this object lives.
@@ -98,7 +97,7 @@ TEST_F(SystemTest, ManyCamerasAreAllKnownOnceConnected) {
 }
 
 TEST_F(SystemTest, ClientSaysThatTheServiceIsNotRunning) {
-    EXPECT_EQ(KindOf([] { const Client client; }), ErrorKind::kNotRunning);
+    EXPECT_EQ(KindOf([] { const Client client; }), ErrorKind::kStopped);
 }
 
 TEST_F(ClientTest, TransfersReachTheCameraAndComeBack) {
@@ -114,7 +113,7 @@ TEST_F(ClientTest, TransfersReachTheCameraAndComeBack) {
     EXPECT_EQ(capacity.blockLength, vcam::kBlockSize);
 
     const Bytes block = Pattern(vcam::kBlockSize, 1);
-    client.TransferOut(1, Write6Cdb(5), block);
+    client.TransferOut(1, orvik::Write6Cdb(5, 1), block);
     EXPECT_EQ(bus.ReadMemory(camera.Id(), 5 * vcam::kBlockSize, block.size()), block);
     EXPECT_EQ(client.TransferIn(1, orvik::Read6Cdb(5, 1)), block);
     EXPECT_EQ(client.TransferIn(1, orvik::Read6Cdb(0, 128)),
@@ -124,17 +123,17 @@ TEST_F(ClientTest, TransfersReachTheCameraAndComeBack) {
 TEST_F(ClientTest, RequestsThatEndOutOfOrderFindTheirAnswers) {
     Client client;
     for (std::uint8_t block = 0; block < 8; ++block)
-        client.TransferOut(1, Write6Cdb(block), Pattern(vcam::kBlockSize, block));
+        client.TransferOut(1, orvik::Write6Cdb(block, 1), Pattern(vcam::kBlockSize, block));
     const std::uint64_t before = camera.Counters().requests;
     camera.Set(Holds());
-    std::vector<orvik::RequestId> requests;
+    std::array<Answer, 8> answers;
     for (unsigned block = 0; block < 8; ++block)
-        requests.push_back(client.SendTransferIn(1, orvik::Read6Cdb(block, 1)));
+        client.StartTransferIn(1, orvik::Read6Cdb(block, 1), answers[block].Completion());
     bus.WaitForPending(camera.Id(), 8, kDeadline);
     for (unsigned block = 8; block-- > 0;)
         bus.Release(camera.Id(), before + 1 + block);
     for (unsigned block = 0; block < 8; ++block)
-        EXPECT_EQ(client.Wait(requests[block]), Pattern(vcam::kBlockSize, block)) << block;
+        EXPECT_EQ(answers[block].Data(), Pattern(vcam::kBlockSize, block)) << block;
 }
 
 TEST_F(ClientTest, CommandThatTheCameraRefuses) {
@@ -148,10 +147,11 @@ TEST_F(ClientTest, CommandThatTheCameraRefuses) {
 TEST_F(ClientTest, CameraUnpluggedInTheMiddle) {
     Client client;
     camera.Set(Holds());
-    const orvik::RequestId request = client.SendTransferIn(1, orvik::InquiryCdb());
+    Answer answer;
+    client.StartTransferIn(1, orvik::InquiryCdb(), answer.Completion());
     bus.WaitForPending(camera.Id(), 1, kDeadline);
     camera.Unplug();
-    EXPECT_EQ(KindOf([&] { client.Wait(request); }), ErrorKind::kRefused);
+    EXPECT_EQ(KindOf([&] { answer.Data(); }), ErrorKind::kRefused);
     // Until this client has read that the camera has gone, the service refuses. It says so when it
     // hears of the unplugging, and again when it is asked for the camera and can't start.
     ErrorKind kind = ErrorKind::kRefused;
@@ -171,10 +171,11 @@ TEST_F(ClientTest, UnknownCameraIsRefusedBeforeItEndsTheService) {
 TEST_F(ClientTest, ServiceKilledInTheMiddle) {
     Client client;
     camera.Set(Holds());
-    const orvik::RequestId request = client.SendTransferIn(1, orvik::InquiryCdb());
+    Answer answer;
+    client.StartTransferIn(1, orvik::InquiryCdb(), answer.Completion());
     bus.WaitForPending(camera.Id(), 1, kDeadline);
     service.Stop();
-    EXPECT_EQ(KindOf([&] { client.Wait(request); }), ErrorKind::kServiceGone);
+    EXPECT_EQ(KindOf([&] { answer.Data(); }), ErrorKind::kServiceGone);
     EXPECT_EQ(KindOf([&] { client.TransferIn(1, orvik::InquiryCdb()); }), ErrorKind::kServiceGone);
 }
 
@@ -206,7 +207,8 @@ TEST_F(ClientTest, ClientsThatConnectAndLeaveAsFastAsTheyCanLeaveTheServiceRunni
                     if (visit % 3 == 1)
                         client.TransferIn(1, orvik::Read6Cdb(0, 16));
                     if (visit % 3 == 2)
-                        client.SendTransferNoData(1, orvik::TestUnitReadyCdb());
+                        client.StartTransferNoData(1, orvik::TestUnitReadyCdb(),
+                                                   [](const orvik::TransferResult&) {});
                 }
             } catch (const std::exception& exception) {
                 const std::lock_guard lock(mutex);

@@ -94,8 +94,8 @@ using EventHandler = std::function<void(const Event& event)>;
 
 /// How an asynchronous transfer ended.
 struct TransferResult {
-    std::optional<Error> error;   ///< none if it succeeded
-    std::vector<std::byte> data;  ///< what the camera returned; empty but for transfers in
+    std::optional<Error> error{};   ///< none if it succeeded
+    std::vector<std::byte> data{};  ///< what the camera returned; empty but for transfers in
 };
 
 /// Called on the client's thread, once.
@@ -128,16 +128,15 @@ private:
 /// is told of no change.
 ///
 /// Thread: any, except for destruction and moves, after which nobody else may call it. Each Client
-/// has one thread of its own, the client's thread, that reads what the service sends and calls
-/// handlers and completions, one after the other. They may call everything here but Transfer…(),
-/// which would wait for the thread that they are on and throws kBadArgument there, and may destroy
-/// the Client. What they throw ends the program. While one runs nothing else is read: long work
-/// belongs elsewhere.
+/// has one thread of its own, the client's thread, that calls handlers and completions, one after
+/// the other. They may call everything here, and may destroy the Client. What they throw ends the
+/// program. While one runs no other is called: long work belongs elsewhere.
 ///
-/// Every call may throw Error and std::bad_alloc. After kServiceGone, kBadAnswer or kSystem the
-/// connection is closed, each outstanding request ends with kServiceGone at once, and so does each
-/// further call; to reconnect, assign another Client. The same holds when a request does not leave
-/// in time, because it may have left in part.
+/// Every call may throw Error and std::bad_alloc. When the service goes, when it sends what makes
+/// no sense, or when the pipe fails, the connection is closed: each outstanding request ends at
+/// once, with kServiceGone, kBadAnswer or kSystem, and each further call throws kServiceGone; to
+/// reconnect, assign another Client. The same holds when a request does not leave in time
+/// (kTimedOut), because it may have left in part.
 ///
 /// Naming a camera that the service doesn't know ends the service's run, for everybody. The calls
 /// below refuse a camera that was never announced or has been reported gone, but only the client
