@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
@@ -33,9 +34,10 @@ struct Subscription::State {
 /// What a Client shares with its thread: the pipe, what has been asked and not been answered, the
 /// cameras announced, and what is still to be delivered.
 ///
-/// Nobody has the reading for a job: whoever waits for something, the client's thread too, waits
-/// for the pipe, and takes in what has come, also for the others. So a synchronous call has no
-/// thread to wait for but itself, and it doesn't matter who is in a handler.
+/// Nobody has the reading for a job: whoever waits for something waits for the pipe, and takes in
+/// what has come, also for the others. So a synchronous call has no thread to wait for but itself,
+/// and it doesn't matter who is in a handler. The client's thread waits for the pipe when nobody
+/// else does.
 ///
 /// The service ends its run if its next read of a header meets a client that has left. It starts
 /// that read right after it has handled a request. So a client must not leave before this has
@@ -106,9 +108,19 @@ private:
         Event event{};
     };
 
+    /// Whether the client's thread is to be woken, and for what.
+    enum class ThreadWaits {
+        kNot,         // it looks for deliveries, and for all below, before it waits again
+        kForThePipe,  // for deliveries, and for the pipe
+        kForALittle,  // for deliveries, until a little time has passed
+        kUntilWoken,  // for deliveries, or that no synchronous call waits any more
+    };
+
     // All but those two are called with the lock held.
     void RunThread() noexcept;
     static void Deliver(Delivery delivery);
+    void WaitForDeliveries(Lock& lock);
+    void WakeThread();
 
     void RequireOpen() const;
     void RequireCamera(CameraId camera);
@@ -116,7 +128,7 @@ private:
                    const Deadline& deadline);
     TransferResult Ask(Lock& lock, Request request, std::span<std::byte> message,
                        const Deadline& deadline);
-    void Wait(Lock& lock, HANDLE event, DWORD milliseconds);
+    void Wait(Lock& lock, HANDLE event, DWORD milliseconds, bool forPipe);
     void RoundTrip(Lock& lock, const Deadline& deadline);
     void WaitUntilServiceReads(Lock& lock, const Deadline& deadline);
 
@@ -146,7 +158,10 @@ private:
     std::vector<CallEvents> spareEvents;
     std::vector<std::weak_ptr<Subscription::State>> subscribers;
     std::deque<Delivery> deliveries;
-    bool threadWaits = false;  // without knowing of the newest delivery
+    ThreadWaits threadWaits = ThreadWaits::kNot;
+    std::size_t callers = 0;      // synchronous calls that wait for an answer
+    std::uint64_t calls = 0;      // that have waited for one, and do
+    std::uint64_t callsSeen = 0;  // by the client's thread
     bool delivering = false;
     bool left = false;
 };
