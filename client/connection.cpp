@@ -19,6 +19,9 @@ namespace {
 
 constexpr std::chrono::milliseconds kLeaveTimeout{2'000};
 
+/// Messages without a body that the pipe's buffer holds.
+constexpr std::size_t kMostReads = 65'536 / sizeof(MessageHeader);
+
 /// How long after a synchronous call the next one is expected.
 constexpr DWORD kMillisecondsBetweenCalls = 10;
 
@@ -173,7 +176,8 @@ bool Client::Connection::Cancel(RequestId id) {
 void Client::Connection::RunThread() noexcept {
     Lock lock(mutex);
     while (!left) {
-        TakeInWhatHasCome();
+        if (deliveries.empty())
+            TakeInWhatHasCome();
         if (!deliveries.empty()) {
             Delivery next = std::move(deliveries.front());
             deliveries.pop_front();
@@ -330,11 +334,12 @@ void Client::Connection::WaitUntilServiceReads(Lock& lock, const Deadline& deadl
     second.Finish(deadline);
 }
 
-/// Takes in all that has come from the service. Never waits. False if nothing has come.
+/// Takes in what has come from the service, at least as much as the pipe can hold, but not for ever
+/// from one that never ceases. Never waits. False if nothing has come.
 bool Client::Connection::TakeInWhatHasCome() {
     bool any = false;
     try {
-        while (stream) {
+        for (std::size_t reads = 0; stream && reads < kMostReads; ++reads) {
             const std::optional<std::size_t> count = stream->Read(reader.Target());
             if (!count)
                 break;

@@ -85,6 +85,17 @@ public:
         return words;
     }
 
+    std::size_t Count() const {
+        const std::lock_guard lock(mutex);
+        return words.size();
+    }
+
+    /// Waits for more than `count`.
+    void WaitForMore(std::size_t count) {
+        std::unique_lock lock(mutex);
+        EXPECT_TRUE(changed.wait_for(lock, kGenerous, [&] { return words.size() > count; }));
+    }
+
     std::vector<std::string> Words() const {
         const std::lock_guard lock(mutex);
         return words;

@@ -9,6 +9,7 @@
 #include <future>
 #include <mutex>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -17,6 +18,8 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include "client/request_id.h"
+#include "client_answers.h"
 #include "device/unique_handle.h"
 #include "orvik/client.h"
 #include "session/message.h"
@@ -24,11 +27,14 @@
 namespace {
 
 using namespace std::chrono_literals;
-using orvik::Client;
+using client_test::Answer;
+using client_test::ErrorOf;
+using client_test::EventLog;
+using client_test::Happening;
+using client_test::kGenerous;
+using client_test::KindOf;
 using orvik::ErrorKind;
 using Bytes = std::vector<std::byte>;
-
-constexpr auto kGenerous = 20s;  // for what happens at once unless something is broken
 
 Bytes MakeBytes(std::initializer_list<unsigned> values) {
     Bytes bytes;
@@ -209,33 +215,12 @@ private:
     std::thread acceptor;
 };
 
-/// Something that one thread waits for and another makes happen.
-class Event {
+/// A client of a pipe that no service of the control manager serves.
+class Client : public orvik::Client {
 public:
-    void Set() { promise.set_value(); }
-    bool Wait() const { return future.wait_for(kGenerous) == std::future_status::ready; }
-
-private:
-    std::promise<void> promise;
-    std::shared_future<void> future = promise.get_future().share();
+    Client(std::chrono::milliseconds timeout, const std::wstring& pipe)
+        : orvik::Client(orvik::ConnectOptions{timeout, false, pipe}) {}
 };
-
-/// Runs `call`, which must throw, and returns its error.
-template <typename Call>
-orvik::Error ErrorOf(Call call) {
-    try {
-        call();
-    } catch (const orvik::Error& error) {
-        return error;
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return {ErrorKind::kSystem, "nothing was thrown"};
-}
-
-template <typename Call>
-ErrorKind KindOf(Call call) {
-    return ErrorOf(std::move(call)).Kind();
-}
 
 TEST(ClientConnect, KnowsTheCamerasPresent) {
     FakeService service([](Peer& peer) {
@@ -253,7 +238,7 @@ TEST(ClientConnect, KnowsTheCamerasPresent) {
 
 TEST(ClientConnect, NoSuchPipe) {
     const auto error = ErrorOf([] { Client(1s, LR"(\\.\pipe\orvik-client-test-none)"); });
-    EXPECT_EQ(error.Kind(), ErrorKind::kNotRunning) << error.what();
+    EXPECT_EQ(error.Kind(), ErrorKind::kStopped) << error.what();
     EXPECT_EQ(error.SystemCode(), DWORD{ERROR_FILE_NOT_FOUND});
     EXPECT_NE(std::string(error.what()).find("(error 2)"), std::string::npos) << error.what();
 }
@@ -272,8 +257,8 @@ TEST(ClientConnect, EveryInstanceTakenUntilTheDeadline) {
 }
 
 TEST(ClientConnect, WaitsForAnInstance) {
-    Event busy;
-    Event free;
+    Happening busy;
+    Happening free;
     FakeService service([](Peer& peer) { peer.ReadToTheEnd(); },
                         [&](int number) {
                             if (number == 1) {
@@ -394,12 +379,11 @@ TEST(ClientTransfer, AnswersInAnyOrderFindTheirRequests) {
         peer.ReadToTheEnd();
     });
     Client client(kGenerous, service.Name());
-    std::vector<orvik::RequestId> ids;
+    std::array<Answer, kCount> answers;
     for (unsigned i = 0; i < kCount; ++i)
-        ids.push_back(client.SendTransferIn(1 + i % 2, MakeBytes({8, i, i ^ 0x55}), kGenerous));
+        client.StartTransferIn(1 + i % 2, MakeBytes({8, i, i ^ 0x55}), answers[i].Completion());
     for (unsigned i = 0; i < kCount; ++i)
-        EXPECT_EQ(client.Wait(ids[i], kGenerous), MakeBytes({i, i ^ 0x55})) << i;
-    EXPECT_EQ(KindOf([&] { client.Wait(ids[0], kGenerous); }), ErrorKind::kBadArgument);
+        EXPECT_EQ(answers[i].Data(), MakeBytes({i, i ^ 0x55})) << i;
 }
 
 TEST(ClientTransfer, AMessageInPiecesIsPutTogether) {
@@ -437,12 +421,19 @@ TEST(ClientRefuses, WhatWouldHarmBeforeAnythingIsSent) {
     for (const orvik::CameraId camera : {0U, 6U, 8U, 0xFFFFFFFFU})
         EXPECT_EQ(KindOf([&] { client.TransferNoData(camera, one, kGenerous); }),
                   ErrorKind::kNoSuchCamera);
-    EXPECT_EQ(KindOf([&] { client.Wait(1234, kGenerous); }), ErrorKind::kBadArgument);
+    EXPECT_EQ(KindOf([&] { client.StartTransferNoData(7, one, nullptr); }),
+              ErrorKind::kBadArgument);
+    EXPECT_EQ(KindOf([&] { client.StartTransferNoData(8, one, Answer().Completion()); }),
+              ErrorKind::kNoSuchCamera);
+    EXPECT_EQ(KindOf([&] { client.StartTransferNoData(7, Bytes(9), Answer().Completion()); }),
+              ErrorKind::kBadArgument);
+    EXPECT_EQ(KindOf([&] { static_cast<void>(client.Subscribe(nullptr)); }),
+              ErrorKind::kBadArgument);
     client.TransferNoData(7, MakeBytes({0x5A}), kGenerous);
 }
 
 TEST(ClientCameras, FollowTheNotifications) {
-    Event reported;
+    Happening reported;
     FakeService service([&](Peer& peer) {
         peer.Welcome({1, 2});
         peer.Announce(9);
@@ -461,23 +452,6 @@ TEST(ClientCameras, FollowTheNotifications) {
     client.TransferNoData(9, orvik::TestUnitReadyCdb(), kGenerous);
 }
 
-TEST(ClientDeadline, AnAnswerThatComesLateCanBeWaitedForAgain) {
-    Event late;
-    FakeService service([&](Peer& peer) {
-        peer.Welcome({7});
-        const Request request = peer.ReadRequest();
-        EXPECT_TRUE(late.Wait());
-        peer.Succeed(request, MakeBytes({1}));
-        peer.ReadToTheEnd();
-    });
-    Client client(kGenerous, service.Name());
-    const orvik::RequestId id = client.SendTransferIn(7, orvik::InquiryCdb(), kGenerous);
-    EXPECT_EQ(KindOf([&] { client.Wait(id, 50ms); }), ErrorKind::kTimedOut);
-    EXPECT_EQ(KindOf([&] { client.Wait(id, 0ms); }), ErrorKind::kTimedOut);
-    late.Set();
-    EXPECT_EQ(client.Wait(id, kGenerous), MakeBytes({1}));
-}
-
 TEST(ClientDeadline, AnAnswerNobodyWaitsForIsDropped) {
     FakeService service([](Peer& peer) {
         peer.Welcome({7});
@@ -494,7 +468,7 @@ TEST(ClientDeadline, AnAnswerNobodyWaitsForIsDropped) {
 }
 
 TEST(ClientDeadline, AServiceThatDoesNotReadEndsTheConnection) {
-    Event done;
+    Happening done;
     FakeService service([&](Peer& peer) {
         peer.Welcome({7});
         EXPECT_TRUE(done.Wait());
@@ -524,12 +498,12 @@ TEST(ClientServiceGone, EndsEveryRequestButThoseAnswered) {
         peer.Succeed(second, MakeBytes({2}));
     });
     Client client(kGenerous, service.Name());
-    std::array<orvik::RequestId, 3> ids{};
-    for (orvik::RequestId& id : ids)
-        id = client.SendTransferIn(7, orvik::InquiryCdb(), kGenerous);
-    EXPECT_EQ(KindOf([&] { client.Wait(ids[0], kGenerous); }), ErrorKind::kServiceGone);
-    EXPECT_EQ(client.Wait(ids[1], kGenerous), MakeBytes({2}));
-    EXPECT_EQ(KindOf([&] { client.Wait(ids[2], kGenerous); }), ErrorKind::kServiceGone);
+    std::array<Answer, 3> answers;
+    for (Answer& answer : answers)
+        client.StartTransferIn(7, orvik::InquiryCdb(), answer.Completion());
+    EXPECT_EQ(KindOf([&] { answers[0].Data(); }), ErrorKind::kServiceGone);
+    EXPECT_EQ(answers[1].Data(), MakeBytes({2}));
+    EXPECT_EQ(KindOf([&] { answers[2].Data(); }), ErrorKind::kServiceGone);
 }
 
 TEST(ClientServiceGone, InTheMiddleOfAMessage) {
@@ -634,9 +608,12 @@ TEST(ClientLied, TheSameAnswerTwice) {
         peer.ReadToTheEnd();
     });
     Client client(kGenerous, service.Name());
-    client.SendTransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous);
-    const auto second = client.SendTransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous);
-    EXPECT_EQ(KindOf([&] { client.Wait(second, kGenerous); }), ErrorKind::kBadAnswer);
+    Answer first;
+    Answer second;
+    client.StartTransferNoData(7, orvik::TestUnitReadyCdb(), first.Completion());
+    client.StartTransferNoData(7, orvik::TestUnitReadyCdb(), second.Completion());
+    first.Data();
+    EXPECT_EQ(KindOf([&] { second.Data(); }), ErrorKind::kBadAnswer);
 }
 
 TEST(ClientLied, TheRoundTripSucceeds) {
@@ -676,10 +653,293 @@ TEST(ClientLied, GarbageEndsInAnErrorAndNeverHangs) {
     }
 }
 
+TEST(ClientConnect, APipeThatMayNotBeOpened) {
+    // Whoever opens this one may not write, and a client asks to.
+    const wchar_t name[] = LR"(\\.\pipe\orvik-client-test-denied)";
+    const UniqueHandle instance = OwnFile(::CreateNamedPipeW(
+        name, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 65536, 65536, 0, nullptr));
+    ASSERT_TRUE(instance);
+    const auto error = ErrorOf([&] { Client(kGenerous, name); });
+    EXPECT_EQ(error.Kind(), ErrorKind::kAccessDenied) << error.what();
+    EXPECT_EQ(error.SystemCode(), DWORD{ERROR_ACCESS_DENIED});
+}
+
+TEST(ClientConnect, AServerThatIsNotTheServiceGetsNoByte) {
+    FakeService service([](Peer& peer) { EXPECT_TRUE(peer.ReadToTheEnd().empty()); });
+    orvik::ConnectOptions options;
+    options.pipe = service.Name();
+    const auto error = ErrorOf([&] { orvik::Client client(options); });
+    EXPECT_EQ(error.Kind(), ErrorKind::kWrongServer) << error.what();
+    EXPECT_NE(std::string(error.what()).find(std::to_string(::GetCurrentProcessId())),
+              std::string::npos)
+        << error.what();
+    // It may be a service in a console, so it is left politely.
+    EXPECT_EQ(service.Connections(), 2);
+}
+
+TEST(ClientRequestIds, AreNeitherTakenNorThatOfNotifications) {
+    const std::set<orvik::RequestId> taken{0xFFFFFFFE, 0, 1, 3};
+    EXPECT_EQ(orvik::NextRequestId(1, taken), 2U);
+    EXPECT_EQ(orvik::NextRequestId(2, taken), 4U);
+    EXPECT_EQ(orvik::NextRequestId(0xFFFFFFFD, taken), 2U);
+    EXPECT_EQ(orvik::NextRequestId(0xFFFFFFFF, taken), 2U);
+}
+
+TEST(ClientCancel, EndsTheRequestAndDropsItsAnswer) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Request first = peer.ReadRequest();
+        const Request second = peer.ReadRequest();
+        peer.Succeed(first, MakeBytes({1}));
+        peer.Succeed(second, MakeBytes({2}));
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    Answer cancelled;
+    const orvik::RequestId id =
+        client.StartTransferIn(7, orvik::InquiryCdb(), cancelled.Completion());
+    EXPECT_TRUE(client.Cancel(id));
+    EXPECT_FALSE(client.Cancel(id));
+    EXPECT_EQ(KindOf([&] { cancelled.Data(); }), ErrorKind::kCancelled);
+    EXPECT_EQ(client.TransferIn(7, orvik::InquiryCdb(), kGenerous), MakeBytes({2}));
+    EXPECT_FALSE(client.Cancel(id));
+    EXPECT_FALSE(client.Cancel(12345));
+}
+
+TEST(ClientEvents, BeginWithTheCamerasPresentAndEndWithTheService) {
+    Happening subscribed;
+    FakeService service([&](Peer& peer) {
+        peer.Welcome({3, 1});
+        EXPECT_TRUE(subscribed.Wait());
+        peer.Announce(9);
+        peer.Announce(9);
+        peer.Send({kCameraDetached, kNotificationId, 3, 0});
+        peer.Send({kCameraDetached, kNotificationId, 4, 0});
+    });
+    Client client(kGenerous, service.Name());
+    EventLog log;
+    EventLog later;
+    const orvik::Subscription subscription = client.Subscribe(log.Handler());
+    EXPECT_EQ(log.WaitFor(2), (std::vector<std::string>{"+3", "+1"}));
+    subscribed.Set();
+    EXPECT_EQ(log.WaitFor(5), (std::vector<std::string>{"+3", "+1", "+9", "-3", "gone"}));
+    const orvik::Subscription tooLate = client.Subscribe(later.Handler());
+    EXPECT_EQ(later.WaitFor(1), (std::vector<std::string>{"gone"}));
+    EXPECT_EQ(KindOf([&] { client.Cameras(); }), ErrorKind::kServiceGone);
+}
+
+TEST(ClientEvents, NoCallBeginsOnceASubscriptionHasEnded) {
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 200;
+    std::atomic<bool> stop{false};
+    EventLog all;
+    Happening subscribed;
+    Happening lastSent;
+    FakeService service([&](Peer& peer) {
+        peer.Welcome({});
+        EXPECT_TRUE(subscribed.Wait());
+        for (std::uint32_t camera = 1; !stop; ++camera) {
+            const std::size_t count = all.Count();
+            peer.Announce(camera);
+            peer.Send({kCameraDetached, kNotificationId, camera, 0});
+            all.WaitForMore(count);
+        }
+        lastSent.Set();
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    const orvik::Subscription throughout = client.Subscribe(all.Handler());
+    subscribed.Set();
+    std::atomic<int> calls{0};
+    std::vector<std::thread> threads;
+    for (int number = 0; number < kThreads; ++number) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < kRounds; ++round) {
+                std::atomic<bool> ended{false};
+                std::once_flag once;
+                Happening called;
+                orvik::Subscription subscription = client.Subscribe([&](const orvik::Event&) {
+                    EXPECT_FALSE(ended) << "called after the end";
+                    std::call_once(once, [&] { called.Set(); });
+                    ++calls;
+                });
+                EXPECT_TRUE(called.Wait());
+                subscription.End();
+                all.WaitForMore(all.Count());  // a call that was under way has ended then
+                ended = true;
+                all.WaitForMore(all.Count());
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    stop = true;
+    EXPECT_TRUE(lastSent.Wait());
+    EXPECT_GE(calls, kThreads * kRounds);
+    // Each event in its order, none twice and none left out.
+    const std::vector<std::string> words = all.Words();
+    for (std::size_t i = 0; i < words.size(); ++i)
+        ASSERT_EQ(words[i], (i % 2 == 0 ? "+" : "-") + std::to_string(i / 2 + 1));
+}
+
+TEST(ClientEvents, AHandlerMayEndItsSubscriptionAndAnotherMayOutliveTheClient) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({1, 2, 3});
+        peer.ReadToTheEnd();
+    });
+    orvik::Subscription outliving;
+    std::atomic<int> calls{0};
+    {
+        Client client(kGenerous, service.Name());
+        orvik::Subscription own;
+        Happening set;
+        own = client.Subscribe([&](const orvik::Event&) {
+            EXPECT_TRUE(set.Wait());
+            ++calls;
+            own.End();
+        });
+        set.Set();
+        EventLog log;
+        outliving = client.Subscribe(log.Handler());
+        EXPECT_EQ(log.WaitFor(3).size(), 3U);
+        EXPECT_EQ(calls, 1);
+    }
+    outliving.End();
+}
+
+TEST(ClientHandlers, MayAskTheCameraAndWaitForIt) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        peer.Succeed(peer.ReadRequest(), MakeBytes({1}));
+        peer.Succeed(peer.ReadRequest(), MakeBytes({2}));
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    std::promise<Bytes> answer;
+    client.StartTransferIn(7, orvik::InquiryCdb(), [&](orvik::TransferResult first) {
+        Bytes both = std::move(first.data);
+        both.push_back(client.TransferIn(7, orvik::InquiryCdb(), kGenerous).at(0));
+        answer.set_value(both);
+    });
+    EXPECT_EQ(answer.get_future().get(), MakeBytes({1, 2}));
+}
+
+TEST(ClientHandlers, OneThatTakesItsTimeDelaysNoSynchronousTransfer) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        peer.Succeed(peer.ReadRequest(), MakeBytes({1}));
+        peer.ReadToTheEnd();
+    });
+    Happening called;
+    Happening answered;
+    Client client(kGenerous, service.Name());
+    const orvik::Subscription subscription = client.Subscribe([&](const orvik::Event&) {
+        called.Set();
+        EXPECT_TRUE(answered.Wait());
+    });
+    ASSERT_TRUE(called.Wait());
+    EXPECT_EQ(client.TransferIn(7, orvik::InquiryCdb(), kGenerous), MakeBytes({1}));
+    answered.Set();
+}
+
+TEST(ClientDestroyed, FromAnEventHandlerAndFromACompletion) {
+    for (const bool completion : {false, true}) {
+        FakeService service([&](Peer& peer) {
+            peer.Welcome({7});
+            if (completion)
+                peer.Succeed(peer.ReadRequest());
+            peer.ReadToTheEnd();
+        });
+        auto client = std::make_unique<Client>(kGenerous, service.Name());
+        Happening ready;
+        Happening destroyed;
+        std::atomic<int> calls{0};
+        const auto destroy = [&] {
+            EXPECT_TRUE(ready.Wait());
+            EXPECT_EQ(++calls, 1);
+            client.reset();
+            destroyed.Set();
+        };
+        orvik::Subscription subscription;
+        if (completion)
+            client->StartTransferNoData(7, orvik::TestUnitReadyCdb(),
+                                        [&](const orvik::TransferResult&) { destroy(); });
+        else
+            subscription = client->Subscribe([&](const orvik::Event&) { destroy(); });
+        ready.Set();
+        EXPECT_TRUE(destroyed.Wait());
+    }
+}
+
+TEST(ClientDestroyed, DoesNotWaitForAHandlerAndCallsNoOther) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({1, 2});
+        peer.ReadRequest();  // never answered
+        peer.Refuse(peer.ReadRequest());
+        peer.ReadToTheEnd();
+    });
+    Happening called;
+    Happening destroyed;
+    Happening ended;
+    std::atomic<int> calls{0};
+    orvik::Subscription subscription;
+    {
+        Client client(kGenerous, service.Name());
+        subscription = client.Subscribe([&](const orvik::Event&) {
+            EXPECT_EQ(++calls, 1);
+            called.Set();
+            EXPECT_TRUE(destroyed.Wait());
+            ended.Set();
+        });
+        client.StartTransferNoData(1, orvik::TestUnitReadyCdb(),
+                                   [&](const orvik::TransferResult&) { ++calls; });
+        ASSERT_TRUE(called.Wait());
+    }
+    destroyed.Set();
+    EXPECT_TRUE(ended.Wait());
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(ClientThreads, ACallersThreadThatEndsTakesNoReadingAlong) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        peer.ReadRequest();
+        peer.Succeed(peer.ReadRequest(), MakeBytes({2}));
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    // It has started the read that is under way when it gives up.
+    std::thread([&] {
+        EXPECT_EQ(KindOf([&] { client.TransferIn(7, orvik::InquiryCdb(), 50ms); }),
+                  ErrorKind::kTimedOut);
+    }).join();
+    Answer answer;
+    client.StartTransferIn(7, orvik::InquiryCdb(), answer.Completion());
+    EXPECT_EQ(answer.Data(), MakeBytes({2}));
+}
+
+TEST(ClientThreads, ReplacedByAnotherConnectionEndsTheFirst) {
+    FakeService first([](Peer& peer) {
+        peer.Welcome({7});
+        peer.ReadRequest();
+        peer.Refuse(peer.ReadRequest());
+        peer.ReadToTheEnd();
+    });
+    FakeService second([](Peer& peer) {
+        peer.Welcome({8});
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, first.Name());
+    client.StartTransferNoData(7, orvik::TestUnitReadyCdb(),
+                               [](const orvik::TransferResult&) { FAIL() << "an answer"; });
+    client = Client(kGenerous, second.Name());
+    EXPECT_EQ(client.Cameras(), (std::vector<orvik::CameraId>{8}));
+}
+
 TEST(ClientLeave, StaysUntilTheServiceSurelyReads) {
-    Event secondConnected;
-    Event nextTurn;
-    Event left;
+    Happening secondConnected;
+    Happening nextTurn;
+    Happening left;
     std::promise<bool> wasThere;
     FakeService service(
         [&](Peer& peer) {
@@ -727,13 +987,14 @@ TEST(ClientLeave, WaitsForTheServiceAndNotForTheCamera) {
     });
     {
         Client client(kGenerous, service.Name());
-        client.SendTransferNoData(7, orvik::TestUnitReadyCdb(), kGenerous);
+        client.StartTransferNoData(7, orvik::TestUnitReadyCdb(),
+                                   [](const orvik::TransferResult&) { FAIL() << "an answer"; });
     }
     EXPECT_EQ(service.Connections(), 2);
 }
 
 TEST(ClientLeave, AServiceThatHangsFindsAHarmlessRequest) {
-    Event left;
+    Happening left;
     FakeService service(
         [&](Peer& peer) {
             peer.Welcome({});
@@ -762,6 +1023,8 @@ TEST(Scsi, Commands) {
     EXPECT_EQ(bytes(orvik::ReadCapacityCdb()), MakeBytes({0x25, 0, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(bytes(orvik::Read6Cdb(0x1F2345, 128)), MakeBytes({8, 0x1F, 0x23, 0x45, 128, 0}));
     EXPECT_EQ(bytes(orvik::Read6Cdb(0x1FFFFF, 1)), MakeBytes({8, 0x1F, 0xFF, 0xFF, 1, 0}));
+    EXPECT_EQ(bytes(orvik::Write6Cdb(0x1F2345, 255)), MakeBytes({10, 0x1F, 0x23, 0x45, 255, 0}));
+    EXPECT_EQ(bytes(orvik::RequestSenseCdb()), MakeBytes({3, 0, 0, 0, 252, 0}));
 }
 
 TEST(Scsi, Read6RefusesWhatItCannotSay) {
@@ -770,6 +1033,7 @@ TEST(Scsi, Read6RefusesWhatItCannotSay) {
     EXPECT_EQ(KindOf([] { orvik::Read6Cdb(0x200000, 1); }), ErrorKind::kBadArgument);
     EXPECT_EQ(KindOf([] { orvik::Read6Cdb(0x1FFFFF, 2); }), ErrorKind::kBadArgument);
     EXPECT_EQ(KindOf([] { orvik::Read6Cdb(0xFFFFFFFF, 2); }), ErrorKind::kBadArgument);
+    EXPECT_EQ(KindOf([] { orvik::Write6Cdb(0x1FFFFF, 2); }), ErrorKind::kBadArgument);
 }
 
 Bytes InquiryData(const std::string& texts) {
