@@ -5,8 +5,10 @@
 #include <chrono>
 #include <cstddef>
 #include <exception>
+#include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <thread>
@@ -20,12 +22,16 @@
 #include "orvik/client.h"
 #include "plugged_camera.h"
 #include "service_fixture.h"
+#include "watching_test.h"
 
 namespace system_test {
 namespace {
 
 using namespace std::chrono_literals;
 using client_test::Answer;
+using client_test::ErrorOf;
+using client_test::EventLog;
+using client_test::Happening;
 using client_test::KindOf;
 using orvik::ErrorKind;
 using Bytes = std::vector<std::byte>;
@@ -96,8 +102,50 @@ TEST_F(SystemTest, ManyCamerasAreAllKnownOnceConnected) {
         EXPECT_EQ(Client().Cameras(), expected);
 }
 
-TEST_F(SystemTest, ClientSaysThatTheServiceIsNotRunning) {
+TEST_F(SystemTest, ClientSaysWhyTheServiceCannotBeReached) {
+    const auto expect = [](ErrorKind kind, DWORD code, const char* words,
+                           std::chrono::milliseconds timeout = kDeadline) {
+        const auto error = ErrorOf([&] { orvik::Client(orvik::ConnectOptions{timeout}); });
+        EXPECT_EQ(error.Kind(), kind) << error.what();
+        EXPECT_EQ(error.SystemCode(), code) << error.what();
+        EXPECT_NE(std::string(error.what()).find(words), std::string::npos) << error.what();
+    };
     EXPECT_EQ(KindOf([] { const Client client; }), ErrorKind::kStopped);
+    expect(ErrorKind::kNotInstalled, ERROR_SERVICE_DOES_NOT_EXIST, "not installed");
+
+    InstallService(TestFolder() + L"\\slow_service.exe");
+    expect(ErrorKind::kStopped, ERROR_SERVICE_NOT_ACTIVE, "not running");
+
+    const UniqueHandle runs(
+        ::CreateEventW(nullptr, TRUE, FALSE, LR"(Global\orvik-slow-service-runs)"));
+    ASSERT_TRUE(runs);
+    ASSERT_EQ(StartInstalledService(), DWORD{ERROR_SUCCESS});
+    StateNotification(SERVICE_NOTIFY_START_PENDING).Wait();
+    expect(ErrorKind::kStarting, ERROR_FILE_NOT_FOUND, "still starting", 100ms);
+
+    ::SetEvent(runs.get());
+    StateNotification(SERVICE_NOTIFY_RUNNING).Wait();
+    expect(ErrorKind::kBusy, ERROR_FILE_NOT_FOUND, "its pipe is not there", 100ms);
+    EndLeftovers();
+}
+
+TEST_F(SystemTest, ClientConnectsToTheServiceThatTheControlManagerRuns) {
+    const PluggedCamera camera(bus);
+    const RunningService service(RunMode::kServiceManager);
+    orvik::Client client;
+    EXPECT_EQ(client.TransferIn(1, orvik::InquiryCdb()).size(), 36u);
+}
+
+TEST_F(ClientTest, AServiceInAConsoleIsTheWrongServerAndSurvivesThat) {
+    for (int round = 0; round < 20; ++round) {
+        const auto error = ErrorOf([] { orvik::Client(); });
+        EXPECT_EQ(error.Kind(), ErrorKind::kWrongServer) << error.what();
+        EXPECT_NE(std::string(error.what()).find("process " + std::to_string(service.ProcessId())),
+                  std::string::npos)
+            << error.what();
+    }
+    EXPECT_EQ(Client().TransferIn(1, orvik::InquiryCdb()).size(), 36u);
+    EXPECT_TRUE(service.IsRunning()) << service.Errors().Text();
 }
 
 TEST_F(ClientTest, TransfersReachTheCameraAndComeBack) {
@@ -168,15 +216,165 @@ TEST_F(ClientTest, UnknownCameraIsRefusedBeforeItEndsTheService) {
     EXPECT_EQ(client.TransferIn(1, orvik::InquiryCdb()).size(), 36u);
 }
 
-TEST_F(ClientTest, ServiceKilledInTheMiddle) {
+/// The calls that can be cut off, and how each is made. All wait for their end.
+using MakeCall = void (*)(Client& client);
+struct NamedCall {
+    const char* name;
+    MakeCall make;
+};
+
+constexpr NamedCall kCalls[] = {
+    {"TransferIn", [](Client& client) { client.TransferIn(1, orvik::InquiryCdb()); }},
+    {"TransferOut",
+     [](Client& client) {
+         client.TransferOut(1, orvik::Write6Cdb(0, 1), Bytes(vcam::kBlockSize));
+     }},
+    {"TransferNoData", [](Client& client) { client.TransferNoData(1, orvik::TestUnitReadyCdb()); }},
+    {"StartTransferIn",
+     [](Client& client) {
+         Answer answer;
+         client.StartTransferIn(1, orvik::InquiryCdb(), answer.Completion());
+         answer.Data();
+     }},
+    {"StartTransferOut",
+     [](Client& client) {
+         Answer answer;
+         client.StartTransferOut(1, orvik::Write6Cdb(0, 1), Bytes(vcam::kBlockSize),
+                                 answer.Completion());
+         answer.Data();
+     }},
+    {"StartTransferNoData",
+     [](Client& client) {
+         Answer answer;
+         client.StartTransferNoData(1, orvik::TestUnitReadyCdb(), answer.Completion());
+         answer.Data();
+     }},
+};
+
+class ClientCutOff : public ClientTest, public testing::WithParamInterface<NamedCall> {};
+
+TEST_P(ClientCutOff, ByTheEndOfTheService) {
     Client client;
+    EventLog log;
+    const orvik::Subscription subscription = client.Subscribe(log.Handler());
     camera.Set(Holds());
-    Answer answer;
-    client.StartTransferIn(1, orvik::InquiryCdb(), answer.Completion());
+    auto kind =
+        std::async(std::launch::async, [&] { return KindOf([&] { GetParam().make(client); }); });
     bus.WaitForPending(camera.Id(), 1, kDeadline);
     service.Stop();
-    EXPECT_EQ(KindOf([&] { answer.Data(); }), ErrorKind::kServiceGone);
-    EXPECT_EQ(KindOf([&] { client.TransferIn(1, orvik::InquiryCdb()); }), ErrorKind::kServiceGone);
+    EXPECT_EQ(kind.get(), ErrorKind::kServiceGone);
+    EXPECT_EQ(KindOf([&] { GetParam().make(client); }), ErrorKind::kServiceGone);
+    EXPECT_EQ(log.WaitFor(2), (std::vector<std::string>{"+1", "gone"}));
+    service.Start();
+    client = Client();
+    camera.Set({});
+    GetParam().make(client);
+}
+
+TEST_P(ClientCutOff, ByTheUnpluggingOfTheCamera) {
+    Client client;
+    camera.Set(Holds());
+    auto kind =
+        std::async(std::launch::async, [&] { return KindOf([&] { GetParam().make(client); }); });
+    bus.WaitForPending(camera.Id(), 1, kDeadline);
+    camera.Unplug();
+    EXPECT_EQ(kind.get(), ErrorKind::kRefused);
+    EXPECT_TRUE(service.IsRunning());
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, ClientCutOff, testing::ValuesIn(kCalls),
+                         [](const auto& call) { return std::string(call.param.name); });
+
+TEST_F(ClientTest, ServiceKilledWhileAClientConnectsAndWhileOneLeaves) {
+    auto leaving = std::make_unique<Client>();
+    std::optional<SuspendedProcess> hanging(std::in_place, service.Process());
+    auto kind = std::async(std::launch::async, [] { return KindOf([] { const Client client; }); });
+    auto left = std::async(std::launch::async, [&] { leaving.reset(); });
+    service.Stop();
+    hanging.reset();
+    const ErrorKind how = kind.get();  // connected or not
+    EXPECT_TRUE(how == ErrorKind::kServiceGone || how == ErrorKind::kStopped);
+    EXPECT_EQ(left.wait_for(10s), std::future_status::ready);
+}
+
+TEST_F(ClientTest, CancelRacesWithTheAnswer) {
+    constexpr int kRequests = 10'000;
+    Client client;
+    std::atomic<int> answered{0};
+    std::atomic<int> cancelled{0};
+    std::atomic<int> ended{0};
+    Happening all;
+    int accepted = 0;
+    for (int request = 0; request < kRequests; ++request) {
+        const orvik::RequestId id = client.StartTransferNoData(
+            1, orvik::TestUnitReadyCdb(), [&](const orvik::TransferResult& result) {
+                if (!result.error)
+                    ++answered;
+                else if (result.error->Kind() == ErrorKind::kCancelled)
+                    ++cancelled;
+                if (++ended == kRequests)
+                    all.Set();
+            });
+        // About as long as an answer takes, now shorter, now longer.
+        for (int spin = request % 64 * 1000; spin > 0; --spin)
+            ::YieldProcessor();
+        accepted += client.Cancel(id) ? 1 : 0;
+    }
+    EXPECT_TRUE(all.Wait());
+    EXPECT_EQ(cancelled, accepted);
+    EXPECT_EQ(answered + cancelled, kRequests);
+    EXPECT_GT(answered, 0);
+    EXPECT_GT(cancelled, 0);
+    EXPECT_EQ(client.TransferIn(1, orvik::InquiryCdb()).size(), 36u);
+    RecordProperty("answered", answered);
+    RecordProperty("cancelled", cancelled);
+}
+
+TEST_F(ClientTest, ManyThreadsShareOneClient) {
+    constexpr unsigned kThreads = 8;
+    constexpr unsigned kRounds = 60;
+    Client client;
+    std::atomic<unsigned> right{0};
+    std::vector<std::thread> threads;
+    for (unsigned number = 0; number < kThreads; ++number) {
+        threads.emplace_back([&, number] {
+            for (unsigned round = 0; round < kRounds; ++round) {
+                const Bytes block = Pattern(vcam::kBlockSize, number * kRounds + round);
+                client.TransferOut(1, orvik::Write6Cdb(number, 1), block);
+                Answer answer;
+                client.StartTransferIn(1, orvik::Read6Cdb(number, 1), answer.Completion());
+                if (client.TransferIn(1, orvik::Read6Cdb(number, 1)) == block &&
+                    answer.Data() == block)
+                    ++right;
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(right, kThreads * kRounds);
+}
+
+TEST_F(ClientTest, DestroyedInAHandlerItLeavesTheServiceRunning) {
+    for (int round = 0; round < 20; ++round) {
+        auto client = std::make_unique<Client>();
+        Happening ready;
+        Happening destroyed;
+        const auto destroy = [&] {
+            EXPECT_TRUE(ready.Wait());
+            client.reset();
+            destroyed.Set();
+        };
+        orvik::Subscription subscription;
+        if (round % 2 == 0)
+            subscription = client->Subscribe([&](const orvik::Event&) { destroy(); });
+        else
+            client->StartTransferNoData(1, orvik::TestUnitReadyCdb(),
+                                        [&](const orvik::TransferResult&) { destroy(); });
+        ready.Set();
+        EXPECT_TRUE(destroyed.Wait());
+    }
+    EXPECT_EQ(Client().TransferIn(1, orvik::InquiryCdb()).size(), 36u);
+    EXPECT_TRUE(service.IsRunning()) << service.Errors().Text();
 }
 
 TEST_F(ClientTest, CameraThatNeverAnswersDelaysNeitherTheCallerNorItsLeaving) {
@@ -243,6 +441,39 @@ TEST_F(ClientTest, ServiceThatHangsWhileAClientConnectsGoesOnAfterwards) {
     EXPECT_EQ(Client().Cameras(), std::vector<orvik::CameraId>{1});
     EXPECT_TRUE(service.IsRunning()) << service.Errors().Text();
 }
+
+using ClientWatchingTest = WatchingTest;
+
+TEST_P(ClientWatchingTest, SubscribersHearOfCamerasThatComeAndGo) {
+    orvik::ConnectOptions options;
+    options.checkServer = GetParam() == RunMode::kServiceManager;
+    orvik::Client client(options);
+    EventLog log;
+    const orvik::Subscription subscription = client.Subscribe(log.Handler());
+    std::vector<std::string> expected;
+    for (int round = 0; round < 5; ++round) {
+        PluggedCamera camera(bus);
+        expected.push_back("+" + std::to_string(nextId));
+        EXPECT_EQ(log.WaitFor(expected.size()), expected);
+        EventLog other;
+        orvik::Subscription also = client.Subscribe(other.Handler());
+        EXPECT_EQ(other.WaitFor(1).at(0), expected.back());
+        EXPECT_EQ(client.Cameras(), std::vector<orvik::CameraId>{nextId});
+        also.End();
+        camera.Unplug();
+        expected.push_back("-" + std::to_string(nextId));
+        EXPECT_EQ(log.WaitFor(expected.size()), expected);
+        EXPECT_EQ(other.Count(), 1u);
+        EXPECT_EQ(KindOf([&] { client.TransferIn(nextId, orvik::InquiryCdb()); }),
+                  ErrorKind::kNoSuchCamera);
+        ++nextId;
+    }
+    service.Stop();
+    expected.push_back("gone");
+    EXPECT_EQ(log.WaitFor(expected.size()), expected);
+}
+
+ORVIK_IN_BOTH_MODES(ClientWatchingTest);
 
 }  // namespace
 }  // namespace system_test

@@ -124,16 +124,6 @@ SERVICE_STATUS_PROCESS StatusOf(const UniqueServiceHandle& service) {
     return status;
 }
 
-void InstallService(const std::wstring& path, const std::wstring& arguments) {
-    const std::wstring commandLine = L"\"" + path + L"\" " + arguments;
-    const UniqueServiceHandle service(
-        ::CreateServiceW(OpenManager().get(), kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
-                         SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
-                         commandLine.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
-    if (!service)
-        FailLast("CreateServiceW");
-}
-
 /// Ends the service, with a stop control if it takes one, and removes it.
 void RemoveService(UniqueServiceHandle service) {
     const DWORD processId = StatusOf(service).dwProcessId;
@@ -222,6 +212,21 @@ bool MayStartApplication() {
         return false;
     ::CloseHandle(token);
     return true;
+}
+
+void InstallService(const std::wstring& programPath, const std::wstring& arguments) {
+    const std::wstring commandLine = L"\"" + programPath + L"\" " + arguments;
+    const UniqueServiceHandle service(
+        ::CreateServiceW(OpenManager().get(), kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
+                         SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
+                         commandLine.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+    if (!service)
+        FailLast("CreateServiceW");
+}
+
+DWORD StartInstalledService() {
+    return ::StartServiceW(OpenInstalledService().get(), 0, nullptr) ? ERROR_SUCCESS
+                                                                     : ::GetLastError();
 }
 
 void EndLeftovers() {
@@ -421,8 +426,7 @@ void RunningService::Start() {
 }
 
 DWORD RunningService::StartAlone() {
-    return ::StartServiceW(OpenInstalledService().get(), 0, nullptr) ? ERROR_SUCCESS
-                                                                     : ::GetLastError();
+    return StartInstalledService();
 }
 
 void RunningService::WaitUntilStarted() {

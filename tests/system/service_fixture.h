@@ -208,6 +208,13 @@ private:
 /// programs for the user at the console. Windows lets only LocalSystem do that.
 bool MayStartApplication();
 
+/// Installs a program as the service OrvikService, and starts nothing. EndLeftovers() removes it.
+/// Throws std::system_error.
+void InstallService(const std::wstring& programPath, const std::wstring& arguments = {});
+
+/// StartServiceW alone: neither waits nor looks. The error, ERROR_SUCCESS if there was none.
+DWORD StartInstalledService();
+
 /// Ends and removes an OrvikService that an earlier run of these tests has left, in either mode.
 /// Throws std::runtime_error if there is one that is none of theirs.
 void EndLeftovers();
