@@ -1,0 +1,105 @@
+// The examples of the client library, run as they are, and the page that shows them.
+
+#include <algorithm>
+#include <cstddef>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "plugged_camera.h"
+#include "service_fixture.h"
+#include "watching_test.h"
+
+namespace system_test {
+namespace {
+
+std::wstring ExamplePath(const wchar_t* fileName) {
+    const std::wstring folder = TestFolder();
+    return folder.substr(0, folder.find_last_of(L'\\')) + L"\\examples\\" + fileName;
+}
+
+std::string ContentsOf(const std::wstring& path) {
+    std::ifstream file(Narrow(path), std::ios::binary);
+    EXPECT_TRUE(file.is_open()) << Narrow(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// The blocks of the page that begin with ``` and `language`, in order.
+std::vector<std::string> Blocks(const std::string& language) {
+    std::istringstream page(ContentsOf(TestFolder() + L"\\client.md"));  // the build copies it
+    std::vector<std::string> blocks;
+    for (std::string line; std::getline(page, line);) {
+        if (line != "```" + language)
+            continue;
+        blocks.emplace_back();
+        while (std::getline(page, line) && line != "```")
+            blocks.back() += line + "\n";
+    }
+    return blocks;
+}
+
+std::string Joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines)
+        text += line + "\n";
+    return text;
+}
+
+class ClientExamplesTest : public SystemTest {
+protected:
+    PluggedCamera camera{bus};
+    RunningService service{RunMode::kServiceManager};
+};
+
+TEST_F(ClientExamplesTest, ThePageShowsTheFirstProgramAndWhatItPrints) {
+    EXPECT_EQ(Blocks("cpp").at(0), ContentsOf(TestFolder() + L"\\list.cpp"));
+    Program list(ExamplePath(L"list.exe"), L"");
+    EXPECT_EQ(Joined(list.Output().WaitForEnd()), Blocks("text").at(0));
+    EXPECT_EQ(list.Errors().WaitForEnd(), std::vector<std::string>());
+    EXPECT_EQ(list.WaitForEnd(), 0u);
+}
+
+TEST_F(ClientExamplesTest, ReadFileReadsAllOfTheCamera) {
+    std::vector<std::byte> memory(2048 * vcam::kBlockSize);
+    for (std::size_t i = 0; i < memory.size(); ++i)
+        memory[i] = static_cast<std::byte>(i * 7 + i / 251);
+    bus.WriteMemory(camera.Id(), 0, memory);
+    const std::wstring path = TestFolder() + L"\\read_file.bin";
+    Program readFile(ExamplePath(L"read_file.exe"), L"\"" + path + L"\"");
+    EXPECT_EQ(readFile.Output().WaitForEnd(), std::vector<std::string>{"read 2048 blocks"});
+    EXPECT_EQ(readFile.Errors().WaitForEnd(), std::vector<std::string>());
+    EXPECT_EQ(readFile.WaitForEnd(), 0u);
+    const std::string contents = ContentsOf(path);
+    EXPECT_TRUE(std::equal(memory.begin(), memory.end(),
+                           reinterpret_cast<const std::byte*>(contents.data()),
+                           reinterpret_cast<const std::byte*>(contents.data() + contents.size())));
+    ::DeleteFileW(path.c_str());
+}
+
+using ClientExamplesWatchingTest = WatchingTest;
+
+TEST_P(ClientExamplesWatchingTest, WatchTellsOfWhatComesAndGoes) {
+    Program watch(ExamplePath(L"watch.exe"), L"");
+    const std::string name = "camera " + std::to_string(nextId);
+    {
+        // Whichever is first, the program or the camera, it is told once.
+        const PluggedCamera camera(bus);
+        watch.Output().WaitFor(name + " is there");
+    }
+    watch.Output().WaitFor(name + " has gone");
+    service.Stop();
+    EXPECT_EQ(
+        watch.Output().WaitForEnd(),
+        (std::vector<std::string>{name + " is there", name + " has gone", "the service has gone"}));
+    EXPECT_EQ(watch.WaitForEnd(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, ClientExamplesWatchingTest,
+                         testing::Values(RunMode::kServiceManager), NameOf);
+
+}  // namespace
+}  // namespace system_test
