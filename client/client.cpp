@@ -27,8 +27,6 @@ Subscription& Subscription::operator=(Subscription&& other) noexcept {
 }
 
 void Subscription::End() noexcept {
-    if (state)
-        state->ended = true;
     state.reset();
 }
 

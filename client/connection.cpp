@@ -219,7 +219,7 @@ void Client::Connection::Deliver(Delivery delivery) {
         return;
     }
     const std::shared_ptr<Subscription::State> subscriber = delivery.subscriber.lock();
-    if (subscriber && !subscriber->ended)
+    if (subscriber)
         subscriber->handler(delivery.event);
 }
 

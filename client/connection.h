@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -28,7 +27,6 @@ struct Subscription::State {
     explicit State(EventHandler newHandler) : handler(std::move(newHandler)) {}
 
     const EventHandler handler;
-    std::atomic<bool> ended{false};
 };
 
 /// What a Client shares with its thread: the pipe, what has been asked and not been answered, the

@@ -433,9 +433,11 @@ TEST(ClientRefuses, WhatWouldHarmBeforeAnythingIsSent) {
 }
 
 TEST(ClientCameras, FollowTheNotifications) {
+    Happening goOn;
     Happening reported;
     FakeService service([&](Peer& peer) {
         peer.Welcome({1, 2});
+        EXPECT_TRUE(goOn.Wait());
         peer.Announce(9);
         peer.Announce(9);
         peer.Send({kCameraDetached, kNotificationId, 1, 0});
@@ -443,13 +445,25 @@ TEST(ClientCameras, FollowTheNotifications) {
         peer.Succeed(peer.ReadRequest());
         peer.ReadToTheEnd();
     });
+    Happening busy;
+    Happening done;
     Client client(kGenerous, service.Name());
+    std::once_flag once;
+    const orvik::Subscription subscription = client.Subscribe([&](const orvik::Event&) {
+        std::call_once(once, [&] {
+            busy.Set();
+            EXPECT_TRUE(done.Wait());
+        });
+    });
+    ASSERT_TRUE(busy.Wait());
+    goOn.Set();
     ASSERT_TRUE(reported.Wait());
-    // Reported before the request is sent, so refused, though nobody has waited for anything.
+    // Reported before the request is sent, so refused, though nobody has had the time to read it.
     EXPECT_EQ(KindOf([&] { client.TransferNoData(1, orvik::TestUnitReadyCdb(), kGenerous); }),
               ErrorKind::kNoSuchCamera);
     EXPECT_EQ(client.Cameras(), (std::vector<orvik::CameraId>{2, 9}));
     client.TransferNoData(9, orvik::TestUnitReadyCdb(), kGenerous);
+    done.Set();
 }
 
 TEST(ClientDeadline, AnAnswerNobodyWaitsForIsDropped) {
@@ -903,13 +917,15 @@ TEST(ClientDestroyed, DoesNotWaitForAHandlerAndCallsNoOther) {
 TEST(ClientThreads, ACallersThreadThatEndsTakesNoReadingAlong) {
     FakeService service([](Peer& peer) {
         peer.Welcome({7});
+        peer.Succeed(peer.ReadRequest(), MakeBytes({1}));
         peer.ReadRequest();
         peer.Succeed(peer.ReadRequest(), MakeBytes({2}));
         peer.ReadToTheEnd();
     });
     Client client(kGenerous, service.Name());
-    // It has started the read that is under way when it gives up.
+    // It has started the read that is under way when it gives up: behind its first answer.
     std::thread([&] {
+        EXPECT_EQ(client.TransferIn(7, orvik::InquiryCdb(), kGenerous), MakeBytes({1}));
         EXPECT_EQ(KindOf([&] { client.TransferIn(7, orvik::InquiryCdb(), 50ms); }),
                   ErrorKind::kTimedOut);
     }).join();
