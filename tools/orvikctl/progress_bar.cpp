@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "standard_error.h"
+#include "streams.h"
 
 ProgressBar::ProgressBar(std::uint64_t bytesInAll)
     : all(bytesInAll),

@@ -1,0 +1,108 @@
+#include "blocks.h"
+
+#include <algorithm>
+#include <deque>
+#include <utility>
+
+#include "exit_code.h"
+#include "json.h"
+#include "progress_bar.h"
+
+namespace {
+
+/// The most blocks that one command can carry. What comes is limited, and what goes is kept alike.
+std::uint32_t BlocksPerCommand(const orvik::Capacity& capacity) {
+    const auto fitting = static_cast<std::uint32_t>(orvik::kTransferInLimit / capacity.blockLength);
+    if (fitting == 0)
+        throw Failure(ExitCode::kFailure, "the camera's blocks of " +
+                                              std::to_string(capacity.blockLength) +
+                                              " bytes are too long for one command");
+    return std::min(fitting, orvik::kRead6CountLimit);
+}
+
+std::vector<std::byte> Finish(Transfers& transfers, const Extent& piece) {
+    try {
+        return transfers.Finish();
+    } catch (const orvik::Error& error) {
+        if (error.Kind() != orvik::ErrorKind::kRefused)
+            throw;
+        throw Failure(ExitCode::kRefused, "the camera refused " + Words(piece));
+    }
+}
+
+}  // namespace
+
+void AddBlockOptions(CLI::App& command, BlockOptions& options) {
+    AddCamera(command, options.camera);
+    command
+        .add_option_function<std::string>("--first", Decimal<std::uint32_t>(options.first),
+                                          "Number of the first block")
+        ->type_name("BLOCK")
+        ->default_str("0");
+    AddTimeout(command, options.timeout);
+    command
+        .add_option_function<std::string>("--outstanding",
+                                          Decimal<std::uint32_t>(options.outstanding, 1, 64))
+        ->group("");  // for measurements
+}
+
+std::string Words(const Extent& extent) {
+    return std::to_string(extent.count) + " blocks from " + std::to_string(extent.first) + " on";
+}
+
+void Report(const Settings& settings, const char* done, orvik::CameraId camera,
+            const Extent& extent, const orvik::Capacity& capacity) {
+    const std::uint64_t bytes = std::uint64_t{extent.count} * capacity.blockLength;
+    Say(std::string(done) + " " + Words(extent) + ", " + std::to_string(bytes) + " bytes\n");
+    if (!settings.json)
+        return;
+    Json json = NewJson();
+    json["camera"] = camera;
+    json["first_block"] = extent.first;
+    json["blocks"] = extent.count;
+    json["bytes"] = bytes;
+    PrintJson(json);
+}
+
+orvik::Capacity ReadCapacity(Transfers& transfers) {
+    transfers.StartIn(orvik::ReadCapacityCdb());
+    return orvik::DecodeCapacity(transfers.Finish());
+}
+
+Extent ChooseExtent(const orvik::Capacity& capacity, std::uint32_t first,
+                    std::optional<std::uint64_t> count) {
+    const std::string has = "the camera has " + std::to_string(capacity.blockCount) + " blocks, ";
+    if (first >= capacity.blockCount)
+        throw Failure(ExitCode::kFailure, has + "none has number " + std::to_string(first));
+    const std::uint64_t rest = capacity.blockCount - first;
+    if (count.value_or(rest) > rest)
+        throw Failure(ExitCode::kFailure, has + "too few for " + std::to_string(*count) + " from " +
+                                              std::to_string(first) + " on");
+    if (first + count.value_or(rest) > orvik::kRead6BlockLimit)
+        throw Failure(
+            ExitCode::kFailure,
+            has + "only the first " + std::to_string(orvik::kRead6BlockLimit) + " can be reached");
+    return {first, static_cast<std::uint32_t>(count.value_or(rest))};
+}
+
+void Carry(Transfers& transfers, const orvik::Capacity& capacity, const Extent& extent,
+           std::uint32_t outstanding, const std::function<void(const Extent& piece)>& start,
+           const std::function<void(const Extent& piece, std::vector<std::byte> data)>& finished) {
+    const std::uint32_t blocksPerCommand = BlocksPerCommand(capacity);
+    ProgressBar progress(std::uint64_t{extent.count} * capacity.blockLength);
+    std::deque<Extent> pieces;  // under way
+    Extent rest = extent;
+    while (rest.count != 0 || !pieces.empty()) {
+        while (rest.count != 0 && pieces.size() < outstanding) {
+            const Extent piece{rest.first, std::min(rest.count, blocksPerCommand)};
+            start(piece);
+            pieces.push_back(piece);
+            rest = {rest.first + piece.count, rest.count - piece.count};
+        }
+        const Extent piece = pieces.front();
+        finished(piece, Finish(transfers, piece));
+        pieces.pop_front();
+        const std::uint64_t blocksDone = piece.first + piece.count - extent.first;
+        progress.Show(blocksDone * capacity.blockLength);
+    }
+}

@@ -1,0 +1,36 @@
+#include "cancellation.h"
+
+#include "device/unique_handle.h"
+#include "exit_code.h"
+
+namespace {
+
+UniqueHandle event;
+
+/// Called by the system on a thread of its own.
+BOOL WINAPI OnConsoleEvent(DWORD kind) {
+    const bool first = ::WaitForSingleObject(event.get(), 0) != WAIT_OBJECT_0;
+    ::SetEvent(event.get());
+    if (kind == CTRL_C_EVENT || kind == CTRL_BREAK_EVENT)
+        return first;
+    // The console goes: the system ends the process when this returns, and waits some seconds.
+    ::Sleep(INFINITE);
+    return TRUE;
+}
+
+}  // namespace
+
+void CatchCancellation() {
+    event.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (!event || !::SetConsoleCtrlHandler(OnConsoleEvent, TRUE))
+        throw Failure(ExitCode::kFailure, "cannot wait for Ctrl-C");
+}
+
+HANDLE CancellationEvent() noexcept {
+    return event.get();
+}
+
+void ThrowIfCancelled() {
+    if (::WaitForSingleObject(event.get(), 0) == WAIT_OBJECT_0)
+        throw Failure(ExitCode::kCancelled, "cancelled");
+}

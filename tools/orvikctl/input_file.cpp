@@ -1,0 +1,45 @@
+#include "input_file.h"
+
+#include <algorithm>
+
+#include <windows.h>
+
+#include "cancellation.h"
+#include "partial_file.h"
+
+InputFile::InputFile(const std::filesystem::path& sourceFile)
+    : path(sourceFile),
+      opened(OwnFile(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                   OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr))),
+      file(opened.get()) {
+    if (!opened)
+        throw FileError("cannot open", path);
+}
+
+InputFile::InputFile() : path("standard input"), file(::GetStdHandle(STD_INPUT_HANDLE)) {}
+
+std::uint64_t InputFile::Size() const {
+    LARGE_INTEGER size{};
+    if (!::GetFileSizeEx(file, &size))
+        throw FileError("cannot read", path);
+    return static_cast<std::uint64_t>(size.QuadPart);
+}
+
+std::vector<std::byte> InputFile::Read(std::size_t length) {
+    std::vector<std::byte> bytes(length);
+    std::size_t done = 0;
+    while (done < length) {
+        DWORD count = 0;
+        const BOOL read = ::ReadFile(file, bytes.data() + done, static_cast<DWORD>(length - done),
+                                     &count, nullptr);
+        const DWORD code = read ? ERROR_SUCCESS : ::GetLastError();
+        ThrowIfCancelled();  // which ends the reading of a console
+        if (code == ERROR_BROKEN_PIPE || (read && count == 0))
+            break;
+        if (!read)
+            throw FileError("cannot read", path, code);
+        done += count;
+    }
+    bytes.resize(done);
+    return bytes;
+}

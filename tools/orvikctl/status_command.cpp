@@ -1,0 +1,175 @@
+#include <array>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <string>
+
+#include "commands.h"
+#include "json.h"
+#include "service_facts.h"
+
+namespace {
+
+/// One thing that status tells.
+struct Fact {
+    std::string words;
+    Json value;
+};
+
+/// All of them: each is true, or says why it is not known.
+class Report {
+public:
+    /// `find` throws if the fact cannot be known.
+    void Add(const char* key, const char* label, const std::function<Fact()>& find) {
+        Fact fact;
+        try {
+            fact = find();
+        } catch (const std::exception& error) {
+            fact.words = std::string("unknown, because ") + error.what();
+            unknown[key] = error.what();
+        }
+        std::array<char, 20> column{};
+        std::snprintf(column.data(), column.size(), "%-14s", label);
+        text += column.data() + Printable(fact.words) + "\n";
+        json[key] = fact.value;
+    }
+
+    void Show(const Settings& settings) {
+        json["unknown"] = unknown;
+        if (settings.json)
+            PrintJson(json);
+        else
+            Print(text);
+    }
+
+private:
+    std::string text;
+    Json json = NewJson();
+    Json unknown = Json::object();
+};
+
+Fact FactOf(const std::string& text) {
+    return {text, text};
+}
+
+Fact FactOf(const std::filesystem::path& path) {
+    return FactOf(Utf8(path.wstring()));
+}
+
+Fact NoFact() {
+    return {"none", nullptr};
+}
+
+Fact ProcessFact() {
+    const std::optional<DWORD> id = ServiceProcess();
+    return id ? Fact{std::to_string(*id), *id} : NoFact();
+}
+
+Fact RecoveryFact() {
+    const std::vector<RecoveryAction> actions = ServiceRecovery();
+    Fact fact = {"", Json::array()};
+    for (const RecoveryAction& action : actions) {
+        fact.words += (fact.words.empty() ? "" : ", ") + action.words + " after " +
+                      std::to_string(action.delay) + " ms";
+        fact.value.push_back({{"action", action.words}, {"delay_ms", action.delay}});
+    }
+    return actions.empty() ? Fact{"none", Json::array()} : fact;
+}
+
+std::string TimeOf(const FILETIME& time) {
+    SYSTEMTIME utc{};
+    ::FileTimeToSystemTime(&time, &utc);
+    std::array<char, 40> text{};
+    std::snprintf(text.data(), text.size(), "%04u-%02u-%02uT%02u:%02u:%02uZ", utc.wYear, utc.wMonth,
+                  utc.wDay, utc.wHour, utc.wMinute, utc.wSecond);
+    return text.data();
+}
+
+Fact DumpFact() {
+    const std::optional<Dump> dump = NewestDump(ServiceDumpFolder());
+    if (!dump)
+        return NoFact();
+    const std::string name = Utf8(dump->name.wstring());
+    const std::string time = TimeOf(dump->written);
+    return {name + ", " + time, {{"name", name}, {"time", time}}};
+}
+
+/// What an attempt to connect has shown.
+struct Connection {
+    std::exception_ptr error;  // none if it went well
+    double milliseconds = 0;
+    std::vector<orvik::CameraId> cameras;
+};
+
+Connection TryToConnect(const Settings& settings) {
+    Connection connection;
+    try {
+        const auto start = std::chrono::steady_clock::now();
+        const orvik::Client client = Connect(settings);
+        connection.milliseconds = MillisecondsSince(start);
+        connection.cameras = client.Cameras();
+    } catch (const orvik::Error&) {
+        connection.error = std::current_exception();
+    }
+    return connection;
+}
+
+/// The facts beyond the first need a connection.
+const Connection& Made(const Connection& connection) {
+    if (connection.error)
+        throw orvik::Error(orvik::ErrorKind::kServiceGone, "the service cannot be reached");
+    return connection;
+}
+
+Fact PipeFact(const Connection& connection) {
+    try {
+        if (connection.error)
+            std::rethrow_exception(connection.error);
+        return {"reachable", true};
+    } catch (const orvik::Error& error) {
+        return {std::string("not reachable, ") + error.what(), false};
+    }
+}
+
+Fact RoundTripFact(const Connection& connection) {
+    std::array<char, 40> text{};
+    std::snprintf(text.data(), text.size(), "%.3f ms", Made(connection).milliseconds);
+    return {text.data(), connection.milliseconds};
+}
+
+Fact CamerasFact(const Connection& connection) {
+    std::string words;
+    for (const orvik::CameraId camera : Made(connection).cameras)
+        words += (words.empty() ? "" : " ") + std::to_string(camera);
+    return {words.empty() ? "none" : words, connection.cameras};
+}
+
+void Status(const Settings& settings) {
+    const Connection connection = TryToConnect(settings);
+    Report report;
+    report.Add("installed", "installed", [] {
+        return IsServiceInstalled() ? Fact{"yes", true} : Fact{"no", false};
+    });
+    report.Add("start_type", "start type", [] { return FactOf(ServiceStartType()); });
+    report.Add("state", "state", [] { return FactOf(ServiceState()); });
+    report.Add("process", "process", ProcessFact);
+    report.Add("program", "program", [] { return FactOf(ServiceProgram()); });
+    report.Add("version", "version", [] { return FactOf(ServiceVersion()); });
+    report.Add("reachable", "pipe", [&] { return PipeFact(connection); });
+    report.Add("round_trip_ms", "round trip", [&] { return RoundTripFact(connection); });
+    report.Add("cameras", "cameras", [&] { return CamerasFact(connection); });
+    report.Add("log_folder", "log folder", [] { return FactOf(ServiceLogFolder()); });
+    report.Add("dump_folder", "dump folder", [] { return FactOf(ServiceDumpFolder()); });
+    report.Add("newest_dump", "newest dump", DumpFact);
+    report.Add("recovery", "recovery", RecoveryFact);
+    report.Show(settings);
+    if (connection.error)
+        std::rethrow_exception(connection.error);  // for the exit code
+}
+
+}  // namespace
+
+void AddStatus(CLI::App& app, const Settings& settings) {
+    app.add_subcommand("status", "Print whether the service works, and if not, why")
+        ->callback([&settings] { Status(settings); });
+}

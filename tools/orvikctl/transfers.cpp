@@ -1,0 +1,47 @@
+#include "transfers.h"
+
+#include <optional>
+#include <string>
+
+Transfers::Transfers(orvik::Client& cameraClient, orvik::CameraId cameraId,
+                     std::chrono::milliseconds answerTime)
+    : client(cameraClient),
+      camera(cameraId),
+      timeout(answerTime) {}
+
+void Transfers::StartIn(std::span<const std::byte> cdb) {
+    client.StartTransferIn(camera, cdb, NewCompletion());
+    ++started;
+}
+
+void Transfers::StartOut(std::span<const std::byte> cdb, std::span<const std::byte> data) {
+    client.StartTransferOut(camera, cdb, data, NewCompletion());
+    ++started;
+}
+
+void Transfers::StartNoData(std::span<const std::byte> cdb) {
+    client.StartTransferNoData(camera, cdb, NewCompletion());
+    ++started;
+}
+
+orvik::Completion Transfers::NewCompletion() {
+    return [mailbox = mailbox, number = started](orvik::TransferResult result) {
+        mailbox->Put({number, std::move(result)});
+    };
+}
+
+std::vector<std::byte> Transfers::Finish() {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!early.contains(finished)) {
+        std::optional<Ended> ended = mailbox->Take(deadline);
+        if (!ended)
+            throw orvik::Error(orvik::ErrorKind::kTimedOut,
+                               "camera " + std::to_string(camera) + " did not answer in time");
+        early.insert(std::move(*ended));
+    }
+    const orvik::TransferResult result = std::move(early.extract(finished).mapped());
+    ++finished;
+    if (result.error)
+        throw *result.error;
+    return result.data;
+}
