@@ -229,6 +229,13 @@ DWORD StartInstalledService() {
                                                                      : ::GetLastError();
 }
 
+void KeepDesktop() {
+    static const HWND window = ::CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, HWND_MESSAGE,
+                                                 nullptr, nullptr, nullptr);
+    if (window == nullptr)
+        FailLast("CreateWindowExW");
+}
+
 void EndLeftovers() {
     RemoveLeftService();
     EndPipeServer();

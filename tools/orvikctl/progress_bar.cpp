@@ -1,6 +1,7 @@
 #include "progress_bar.h"
 
 #include <array>
+#include <cmath>
 #include <cstddef>
 #include <cstdio>
 #include <string>
@@ -28,9 +29,12 @@ void ProgressBar::Show(std::uint64_t bytesDone) {
     const double part = static_cast<double>(bytesDone) / static_cast<double>(all);
     const auto filled = static_cast<std::size_t>(part * kWidth);
     const double seconds = std::chrono::duration<double>(now - start).count();
-    const double rate = seconds > 0 ? static_cast<double>(bytesDone) / seconds / 1e6 : 0;
-    std::array<char, 40> numbers{};
-    std::snprintf(numbers.data(), numbers.size(), " %3.0f %% %8.1f MB/s", part * 100, rate);
+    const double rate = seconds > 0 ? static_cast<double>(bytesDone) / seconds : 0;
+    const double left = rate > 0 ? static_cast<double>(all - bytesDone) / rate : 0;
+    const auto secondsLeft = static_cast<unsigned long long>(std::ceil(left));
+    std::array<char, 80> numbers{};
+    std::snprintf(numbers.data(), numbers.size(), " %3.0f %% %7.1f MB/s %3llu:%02llu left",
+                  part * 100, rate / 1e6, secondsLeft / 60, secondsLeft % 60);
     Say("\r[" + std::string(filled, '#') + std::string(kWidth - filled, '.') + "]" +
         numbers.data());
 }

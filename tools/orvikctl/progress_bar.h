@@ -3,8 +3,8 @@
 #include <chrono>
 #include <cstdint>
 
-/// A line on standard error that says how far a long command is and how fast it goes. Says nothing
-/// if standard error is no terminal.
+/// A line on standard error that says how far a long command is, how fast it goes and when it will
+/// be done. Says nothing if standard error is no terminal.
 class ProgressBar {
 public:
     explicit ProgressBar(std::uint64_t bytesInAll);

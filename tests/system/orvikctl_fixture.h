@@ -1,0 +1,88 @@
+// The fixtures of the tests of orvikctl.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "orvikctl_program.h"
+#include "plugged_camera.h"
+
+namespace system_test {
+
+/// Begins without service and with an empty folder for files.
+class OrvikctlTest : public SystemTest {
+protected:
+    OrvikctlTest() : folder(std::filesystem::path(TestFolder()) / L"orvikctl_test.files") {
+        std::filesystem::remove_all(folder);
+        std::filesystem::create_directory(folder);
+    }
+    ~OrvikctlTest() override { std::filesystem::remove_all(folder); }
+
+    /// As an argument.
+    std::wstring Quoted(const std::filesystem::path& file) const {
+        return L"\"" + (folder / file).wstring() + L"\"";
+    }
+
+    /// What lies in the folder.
+    std::vector<std::filesystem::path> Files() const {
+        std::vector<std::filesystem::path> files;
+        for (const auto& entry : std::filesystem::directory_iterator(folder))
+            files.push_back(entry.path().filename());
+        return files;
+    }
+    void ExpectNoFiles() const { EXPECT_EQ(Files(), std::vector<std::filesystem::path>{}); }
+
+    Bytes ContentOf(const std::filesystem::path& file) const {
+        std::ifstream stream(folder / file, std::ios::binary);
+        EXPECT_TRUE(stream.is_open()) << file;
+        const std::string text(std::istreambuf_iterator<char>(stream), {});
+        const auto* const first = reinterpret_cast<const std::byte*>(text.data());
+        return {first, first + text.size()};
+    }
+    void MakeFile(const std::filesystem::path& file, const Bytes& content) const {
+        std::ofstream(folder / file, std::ios::binary)
+            .write(reinterpret_cast<const char*>(content.data()),
+                   static_cast<std::streamsize>(content.size()));
+    }
+
+    const std::filesystem::path folder;
+};
+
+/// With a camera of 300 blocks, each of them different, and the service in the foreground.
+class OrvikctlWithCamera : public OrvikctlTest {
+protected:
+    static constexpr std::uint32_t kBlocks = 300;
+
+    static vcam::PlugOptions Options() {
+        vcam::PlugOptions options;
+        options.blockCount = kBlocks;
+        return options;
+    }
+
+    static Bytes Pattern(std::size_t length, std::size_t seed) {
+        Bytes bytes(length);
+        for (std::size_t i = 0; i < length; ++i)
+            bytes[i] = static_cast<std::byte>(i * seed + i / 512);
+        return bytes;
+    }
+
+    OrvikctlWithCamera() { bus.WriteMemory(camera.Id(), 0, content); }
+
+    Bytes Blocks(std::size_t first, std::size_t count) const {
+        const auto start = content.begin() + static_cast<std::ptrdiff_t>(first * vcam::kBlockSize);
+        return {start, start + static_cast<std::ptrdiff_t>(count * vcam::kBlockSize)};
+    }
+
+    Bytes Memory() { return bus.ReadMemory(camera.Id(), 0, kBlocks * vcam::kBlockSize); }
+
+    const Bytes content = Pattern(kBlocks * vcam::kBlockSize, 7);
+    PluggedCamera camera{bus, Options()};
+    RunningService service;
+};
+
+}  // namespace system_test

@@ -1,0 +1,195 @@
+// orvikctl raw.
+
+#include <stdexcept>
+
+#include "orvikctl_fixture.h"
+
+namespace system_test {
+namespace {
+
+class OrvikctlRaw : public OrvikctlWithCamera {
+protected:
+    /// Runs it with files for its standard input and output, as the shell does for < and >.
+    DWORD Redirected(const std::wstring& arguments, const std::filesystem::path& input,
+                     const std::filesystem::path& output) const {
+        const UniqueHandle in = OpenInheritable(folder / input, GENERIC_READ, OPEN_ALWAYS);
+        const UniqueHandle out = OpenInheritable(folder / output, GENERIC_WRITE, CREATE_ALWAYS);
+        STARTUPINFOW startup{};
+        startup.cb = sizeof(startup);
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdInput = in.get();
+        startup.hStdOutput = out.get();
+        std::wstring commandLine = L"orvikctl " + kNoServerCheck + arguments;
+        PROCESS_INFORMATION information{};
+        if (!::CreateProcessW(ProgramPath(L"orvikctl.exe").c_str(), commandLine.data(), nullptr,
+                              nullptr, TRUE, DETACHED_PROCESS, nullptr, nullptr, &startup,
+                              &information))
+            throw std::runtime_error("CreateProcessW failed");
+        const UniqueHandle thread(information.hThread);
+        const UniqueHandle process(information.hProcess);
+        const Deadline deadline;
+        DWORD exitCode = STILL_ACTIVE;
+        ::WaitForSingleObject(process.get(), deadline.MillisecondsLeft());
+        ::GetExitCodeProcess(process.get(), &exitCode);
+        return exitCode;
+    }
+
+    /// The first `size` bytes of the command that reached the camera last.
+    Bytes LastCdb(std::size_t size = 8) const {
+        constexpr std::size_t kCdbOffset = 36;  // in SCSI_PASS_THROUGH, 64 bits
+        const Bytes block = camera.LastRequest().block;
+        const auto start = block.begin() + kCdbOffset;
+        return {start, start + static_cast<std::ptrdiff_t>(size)};
+    }
+
+private:
+    static UniqueHandle OpenInheritable(const std::filesystem::path& file, DWORD access,
+                                        DWORD disposition) {
+        SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
+        return OwnFile(::CreateFileW(file.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                     &inheritable, disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
+    }
+};
+
+Bytes BytesOf(std::initializer_list<int> values) {
+    Bytes bytes;
+    for (const int value : values)
+        bytes.push_back(static_cast<std::byte>(value));
+    return bytes;
+}
+
+TEST_F(OrvikctlRaw, BytesGoToAFileAsTheyAre) {
+    // Line ends, the end of a text file, and everything else.
+    EXPECT_EQ(Redirected(L"raw -r 1024 08 00 00 00 02 00", L"empty", L"redirected"), 0u);
+    EXPECT_EQ(ContentOf(L"redirected"), Blocks(0, 2));
+    const Result result =
+        OrvikctlInForeground(L"raw -r 1024 -o " + Quoted(L"named") + L" 08 00 00 00 02 00");
+    EXPECT_EQ(result.exitCode, 0u);
+    EXPECT_EQ(result.output, Lines{});
+    EXPECT_EQ(result.errors, Lines{"the camera returned 1024 bytes"});
+    EXPECT_EQ(ContentOf(L"named"), Blocks(0, 2));
+}
+
+TEST_F(OrvikctlRaw, NoMoreThanAskedForIsTaken) {
+    const Result result =
+        OrvikctlInForeground(L"raw -r 10 -o " + Quoted(L"x") + L" 08 00 00 00 01 00");
+    EXPECT_EQ(result.exitCode, 0u);
+    EXPECT_EQ(result.errors, Lines{"the camera returned 512 bytes, the first 10 bytes are taken"});
+    EXPECT_EQ(ContentOf(L"x").size(), 10u);
+}
+
+TEST_F(OrvikctlRaw, BytesInJson) {
+    const Json json = JsonOf(OrvikctlInForeground(L"raw -r 8 --json 12 00 00 00 24 00"));
+    EXPECT_EQ(json.at("camera"), 1);
+    EXPECT_EQ(json.at("bytes_received"), 8);
+    EXPECT_EQ(json.at("data"), "008004021f000000");
+    const Json toFile =
+        JsonOf(OrvikctlInForeground(L"raw -r 8 --json 12 00 00 00 24 00 -o " + Quoted(L"x")));
+    EXPECT_EQ(toFile.at("bytes_received"), 8);
+    EXPECT_FALSE(toFile.contains("data"));
+    EXPECT_EQ(ContentOf(L"x").size(), 8u);
+}
+
+TEST_F(OrvikctlRaw, CameraIsToldFromTheCommandByItsLength) {
+    for (const wchar_t* const arguments :
+         {L"raw -r 36 12 00 00 00 2a 00", L"raw 1 -r 36 12 00 00 00 2a 00",
+          L"raw -r 36 1 12 00 00 00 2A 00", L"raw 001 -r 36 12 00 00 00 2a 00"}) {
+        OrvikctlInForeground(L"raw -n 00 00 00 00 00 00");  // so that the last one is another
+        EXPECT_EQ(OrvikctlInForeground(arguments).exitCode, 0u) << Narrow(arguments);
+        EXPECT_EQ(LastCdb(), BytesOf({0x12, 0, 0, 0, 0x2A, 0, 0, 0})) << Narrow(arguments);
+    }
+    EXPECT_TRUE(
+        Failed(OrvikctlInForeground(L"raw 012 -n 00 00 00 00 00 00"), 6, "there is no camera 12"));
+    EXPECT_TRUE(Failed(OrvikctlInForeground(L"raw 12 -n 00 00 00 00 00 00"), 2,
+                       "no SCSI command has 7 bytes"));
+}
+
+TEST_F(OrvikctlRaw, AllEightBytesOfACommandArrive) {
+    EXPECT_EQ(OrvikctlInForeground(L"raw -r 8 25 01 02 03 04 05 06 07").exitCode, 0u);
+    EXPECT_EQ(LastCdb(), BytesOf({0x25, 1, 2, 3, 4, 5, 6, 7}));
+}
+
+TEST_F(OrvikctlRaw, SendsAFile) {
+    const Bytes block = Pattern(2 * vcam::kBlockSize, 11);
+    MakeFile(L"x", block);
+    const Result result =
+        OrvikctlInForeground(L"raw -s 1024 -i " + Quoted(L"x") + L" 0a 00 00 03 02 00");
+    EXPECT_EQ(result.exitCode, 0u);
+    EXPECT_EQ(result.output, Lines{});
+    EXPECT_EQ(result.errors, Lines{"sent 1024 bytes"});
+    EXPECT_EQ(bus.ReadMemory(camera.Id(), 3 * vcam::kBlockSize, 1024), block);
+}
+
+TEST_F(OrvikctlRaw, SendsStandardInput) {
+    const Bytes block = Pattern(2 * vcam::kBlockSize, 11);
+    MakeFile(L"x", block);
+    EXPECT_EQ(Redirected(L"raw -s 512 0a 00 00 03 01 00", L"x", L"output"), 0u);
+    EXPECT_EQ(bus.ReadMemory(camera.Id(), 3 * vcam::kBlockSize, 512),
+              Bytes(block.begin(), block.begin() + 512));
+}
+
+TEST_F(OrvikctlRaw, InputThatIsTooShort) {
+    MakeFile(L"x", Bytes(511));
+    EXPECT_TRUE(
+        Failed(OrvikctlInForeground(L"raw -s 512 -i " + Quoted(L"x") + L" 0a 00 00 03 01 00"), 1,
+               "only 511 bytes to send, not 512"));
+    EXPECT_EQ(camera.Counters().requests, 0u);
+}
+
+TEST_F(OrvikctlRaw, CommandWithoutData) {
+    const Result result = OrvikctlInForeground(L"raw -n 00 00 00 00 00 00");
+    EXPECT_EQ(result.exitCode, 0u);
+    EXPECT_EQ(result.output, Lines{});
+    EXPECT_EQ(result.errors, Lines{"done"});
+    EXPECT_EQ(JsonOf(OrvikctlInForeground(L"raw -n --json 00 00 00 00 00 00")).at("camera"), 1);
+}
+
+TEST_F(OrvikctlRaw, FileThatCannotBeMadeKeepsTheCommandBack) {
+    EXPECT_TRUE(
+        Failed(OrvikctlInForeground(L"raw -r 36 -o " + Quoted(L"none/x") + L" 12 00 00 00 24 00"),
+               1, "cannot create "));
+    EXPECT_EQ(camera.Counters().requests, 0u);
+}
+
+TEST_F(OrvikctlRaw, CameraThatRefuses) {
+    camera.Set(AnswersScsiStatus(2));
+    EXPECT_TRUE(
+        Failed(OrvikctlInForeground(L"raw -r 36 -o " + Quoted(L"x") + L" 12 00 00 00 24 00"), 8));
+    ExpectNoFiles();
+    EXPECT_TRUE(service.IsRunning());
+}
+
+/// In the middle of a command.
+class OrvikctlRawHeld : public OrvikctlRaw {
+protected:
+    OrvikctlRawHeld() { camera.Set(Holds()); }
+
+    void WaitUntilHeld() { bus.WaitForPending(camera.Id(), 1, kDeadline); }
+};
+
+TEST_F(OrvikctlRawHeld, CameraThatNeverAnswers) {
+    EXPECT_TRUE(
+        Failed(OrvikctlInForeground(L"raw -t 0.1 -r 36 -o " + Quoted(L"x") + L" 12 00 00 00 24 00"),
+               7, "camera 1 did not answer in time"));
+    ExpectNoFiles();
+    bus.ReleaseAll(camera.Id());
+    EXPECT_TRUE(service.IsRunning());
+}
+
+TEST_F(OrvikctlRawHeld, CameraUnplugged) {
+    OrvikctlProgram program(kNoServerCheck + L"raw -n 00 00 00 00 00 00");
+    WaitUntilHeld();
+    camera.Unplug();
+    EXPECT_TRUE(Failed(program.Finish(), 8));
+    EXPECT_TRUE(service.IsRunning());
+}
+
+TEST_F(OrvikctlRawHeld, ServiceKilled) {
+    OrvikctlProgram program(kNoServerCheck + L"raw -n 00 00 00 00 00 00");
+    WaitUntilHeld();
+    service.Stop();
+    EXPECT_TRUE(Failed(program.Finish(), 9));
+}
+
+}  // namespace
+}  // namespace system_test

@@ -1,0 +1,215 @@
+// orvikctl status: each line is true, or says why it isn't known.
+
+#include <array>
+#include <map>
+#include <system_error>
+
+#include "orvikctl_fixture.h"
+
+namespace system_test {
+namespace {
+
+using Facts = std::map<std::string, std::string>;
+
+/// The lines, by their labels.
+Facts FactsOf(const Result& result) {
+    constexpr std::size_t kColumn = 14;
+    Facts facts;
+    for (const std::string& line : result.output) {
+        std::string label = line.substr(0, kColumn);
+        label.resize(label.find_last_not_of(' ') + 1);
+        facts[label] = line.size() > kColumn ? line.substr(kColumn) : "";
+    }
+    EXPECT_EQ(facts.size(), 13u) << result;
+    return facts;
+}
+
+bool IsUnknown(const std::string& fact) {
+    return fact.starts_with("unknown, because ");
+}
+
+/// Runs a program of the system; its exit code.
+DWORD SystemProgram(const wchar_t* name, const std::wstring& arguments) {
+    std::wstring path(MAX_PATH, L'\0');
+    path.resize(::GetSystemDirectoryW(path.data(), MAX_PATH));
+    return Program(path + L"\\" + name, arguments).WaitForEnd();
+}
+
+/// A profile of LocalSystem: the one that the system has; where it has none, one of the test's.
+class SystemProfile {
+public:
+    SystemProfile() {
+        if (Folder().empty()) {
+            made = true;
+            const std::wstring folder = TestFolder();
+            ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKey, kValue, REG_SZ, folder.c_str(),
+                              static_cast<DWORD>((folder.size() + 1) * sizeof(wchar_t)));
+        }
+    }
+    ~SystemProfile() {
+        if (made)
+            ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kKey);
+    }
+
+    SystemProfile(const SystemProfile&) = delete;
+    SystemProfile& operator=(const SystemProfile&) = delete;
+
+    /// Empty if there is none.
+    static std::wstring Folder() {
+        std::array<wchar_t, 1024> text{};
+        DWORD size = sizeof(text);
+        return ::RegGetValueW(HKEY_LOCAL_MACHINE, kKey, kValue, RRF_RT_REG_SZ, nullptr, text.data(),
+                              &size) == ERROR_SUCCESS
+                   ? text.data()
+                   : L"";
+    }
+
+private:
+    static constexpr wchar_t kKey[] =
+        LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\S-1-5-18)";
+    static constexpr wchar_t kValue[] = L"ProfileImagePath";
+    bool made = false;
+};
+
+using OrvikctlStatus = OrvikctlTest;
+
+TEST_F(OrvikctlStatus, ServiceThatRuns) {
+    const PluggedCamera camera(bus);
+    RunningService service(RunMode::kServiceManager);
+    const Result result = Orvikctl(L"status");
+    EXPECT_EQ(result.exitCode, 0u) << result;
+    EXPECT_EQ(result.errors, Lines{});
+    Facts facts = FactsOf(result);
+    EXPECT_EQ(facts["installed"], "yes");
+    EXPECT_EQ(facts["start type"], "manual");
+    EXPECT_EQ(facts["state"], "running");
+    EXPECT_EQ(facts["process"], std::to_string(service.ProcessId()));
+    EXPECT_EQ(facts["program"], Narrow(ProgramPath(L"OrvikService.exe")));
+    EXPECT_EQ(facts["version"], "4.0.4");
+    EXPECT_EQ(facts["pipe"], "reachable");
+    EXPECT_TRUE(facts["round trip"].ends_with(" ms")) << result;
+    EXPECT_EQ(facts["cameras"], "1");
+
+    const Json json = JsonOf(Orvikctl(L"status --json"));
+    EXPECT_EQ(json.at("installed"), true);
+    EXPECT_EQ(json.at("start_type"), "manual");
+    EXPECT_EQ(json.at("state"), "running");
+    EXPECT_EQ(json.at("process"), service.ProcessId());
+    EXPECT_EQ(json.at("program"), Narrow(ProgramPath(L"OrvikService.exe")));
+    EXPECT_EQ(json.at("version"), "4.0.4");
+    EXPECT_EQ(json.at("reachable"), true);
+    EXPECT_GT(json.at("round_trip_ms").get<double>(), 0);
+    EXPECT_EQ(json.at("cameras"), Json({1}));
+    for (const auto& [key, why] : json.at("unknown").items())
+        EXPECT_TRUE(json.at(key).is_null() && why.is_string()) << key;
+}
+
+TEST_F(OrvikctlStatus, ServiceThatIsNotInstalled) {
+    const Result result = Orvikctl(L"status");
+    EXPECT_EQ(result.exitCode, 5u);
+    ASSERT_EQ(result.errors.size(), 1u);
+    EXPECT_TRUE(
+        result.errors[0].starts_with("orvikctl: error: the service OrvikService is not installed"));
+    Facts facts = FactsOf(result);
+    EXPECT_EQ(facts["installed"], "no");
+    EXPECT_TRUE(facts["pipe"].starts_with("not reachable, ")) << result;
+    facts.erase("installed");
+    facts.erase("pipe");
+    for (const auto& [label, fact] : facts)
+        EXPECT_TRUE(IsUnknown(fact)) << label << ": " << fact;
+}
+
+TEST_F(OrvikctlStatus, ServiceThatWasNeverStarted) {
+    ASSERT_EQ(SystemProgram(L"sc.exe",
+                            L"create OrvikService DisplayName= "
+                            L"\"OrvikService (system tests)\" binPath= \"\\\"" +
+                                ProgramPath(L"OrvikService.exe") + L"\\\"\""),
+              0u);
+    const Result result = Orvikctl(L"status");
+    EXPECT_EQ(result.exitCode, 5u);
+    Facts facts = FactsOf(result);
+    EXPECT_EQ(facts["installed"], "yes");
+    EXPECT_TRUE(facts["state"].starts_with("stopped: ")) << result;
+    EXPECT_TRUE(facts["state"].ends_with(" (error 1077)")) << result;
+    EXPECT_EQ(facts["process"], "none");
+    EXPECT_EQ(facts["version"], "4.0.4");
+    EXPECT_TRUE(facts["pipe"].starts_with("not reachable, the service is not running")) << result;
+    EXPECT_TRUE(IsUnknown(facts["cameras"])) << result;
+    EndLeftovers();
+}
+
+TEST_F(OrvikctlStatus, ServiceThatIsStopped) {
+    RunningService service(RunMode::kServiceManager);
+    service.Stop();
+    const Result result = Orvikctl(L"status --json");
+    EXPECT_EQ(result.exitCode, 5u);
+    const Json json = Json::parse(result.output.at(0));
+    EXPECT_EQ(json.at("state"), "stopped");
+    EXPECT_EQ(json.at("process"), nullptr);
+    EXPECT_FALSE(json.at("unknown").contains("process"));
+    EXPECT_EQ(json.at("reachable"), false);
+    EXPECT_TRUE(json.at("unknown").contains("cameras"));
+}
+
+TEST_F(OrvikctlStatus, ServiceInAConsole) {
+    const RunningService service;
+    const Result result = OrvikctlInForeground(L"status");
+    EXPECT_EQ(result.exitCode, 0u) << result;
+    Facts facts = FactsOf(result);
+    EXPECT_EQ(facts["installed"], "no");
+    EXPECT_EQ(facts["pipe"], "reachable");
+    EXPECT_EQ(facts["cameras"], "none");
+}
+
+TEST_F(OrvikctlStatus, LogAndDumps) {
+    RunningService service(RunMode::kServiceManager);
+    if (SystemProfile::Folder().empty()) {
+        // Where LocalSystem has no folders of its own, none are made up.
+        Facts facts = FactsOf(Orvikctl(L"status"));
+        for (const char* const label : {"log folder", "dump folder", "newest dump"})
+            EXPECT_TRUE(IsUnknown(facts[label])) << facts[label];
+    }
+    const SystemProfile profile;
+    std::array<wchar_t, MAX_PATH> temporary{};
+    ::ExpandEnvironmentStringsW(L"%SystemRoot%\\Temp", temporary.data(), MAX_PATH);
+    const std::filesystem::path dumps = temporary.data();
+
+    // Newer than all that may be there; the newest by far is none of the service's.
+    const auto tomorrow = std::filesystem::file_time_type::clock::now() + std::chrono::hours(24);
+    const std::filesystem::path files[] = {dumps / L"01234567-89ab-cdef-0123-456789abcdef.dmp",
+                                           dumps / L"fedcba98-89ab-cdef-0123-456789abcdef.dmp",
+                                           dumps / L"another.dmp"};
+    const std::chrono::hours age[] = {std::chrono::hours(0), std::chrono::hours(1),
+                                      std::chrono::hours(-1)};
+    for (std::size_t i = 0; i < std::size(files); ++i) {
+        std::ofstream{files[i]};
+        std::filesystem::last_write_time(files[i], tomorrow - age[i]);
+    }
+    const Result result = Orvikctl(L"status");
+    const Json json = JsonOf(Orvikctl(L"status --json"));
+    for (const auto& file : files)
+        std::filesystem::remove(file);
+
+    Facts facts = FactsOf(result);
+    std::array<wchar_t, MAX_PATH> home{};
+    ::ExpandEnvironmentStringsW(SystemProfile::Folder().c_str(), home.data(), MAX_PATH);
+    EXPECT_EQ(facts["log folder"], Narrow(home.data()) + R"(\AppData\Local\Orvik)");
+    EXPECT_EQ(_stricmp(facts["dump folder"].c_str(), Narrow(dumps.wstring()).c_str()), 0) << result;
+    EXPECT_TRUE(facts["newest dump"].starts_with("01234567-89ab-cdef-0123-456789abcdef.dmp, 20"))
+        << result;
+    EXPECT_EQ(json.at("newest_dump").at("name"), "01234567-89ab-cdef-0123-456789abcdef.dmp");
+}
+
+TEST_F(OrvikctlStatus, RecoveryActions) {
+    RunningService service(RunMode::kServiceManager);
+    SystemProgram(L"sc.exe",
+                  L"failure OrvikService reset= 86400 actions= restart/1000/restart/5000//0");
+    const std::string recovery = FactsOf(Orvikctl(L"status"))["recovery"];
+    // Where the system stores none, it says so.
+    EXPECT_TRUE(IsUnknown(recovery) ||
+                recovery.starts_with("restart after 1000 ms, restart after 5000 ms"))
+        << recovery;
+}
+
+}  // namespace
+}  // namespace system_test
