@@ -120,11 +120,7 @@ TEST_F(OrvikctlStatus, ServiceThatIsNotInstalled) {
 }
 
 TEST_F(OrvikctlStatus, ServiceThatWasNeverStarted) {
-    ASSERT_EQ(SystemProgram(L"sc.exe",
-                            L"create OrvikService DisplayName= "
-                            L"\"OrvikService (system tests)\" binPath= \"\\\"" +
-                                ProgramPath(L"OrvikService.exe") + L"\\\"\""),
-              0u);
+    InstallService(ProgramPath(L"OrvikService.exe"));
     const Result result = Orvikctl(L"status");
     EXPECT_EQ(result.exitCode, 5u);
     Facts facts = FactsOf(result);

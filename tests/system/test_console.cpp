@@ -18,7 +18,7 @@ namespace system_test {
 
 namespace {
 
-constexpr COORD kSize{120, 60};
+constexpr COORD kSize{400, 60};  // no line is wrapped
 
 [[noreturn]] void FailLast(const char* what) {
     throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(), what);
