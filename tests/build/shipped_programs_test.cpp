@@ -89,8 +89,7 @@ TEST_P(ShippedPrograms, ImportOnlySystemLibraries) {
     const std::set<std::string> system = {
         "advapi32.dll", "kernel32.dll", "msvcrt.dll",  "ole32.dll",
         "setupapi.dll", "shell32.dll",  "shlwapi.dll", "api-ms-win-core-synch-l1-2-0.dll",
-        "user32.dll",   "userenv.dll",  "version.dll",
-        "wtsapi32.dll"};
+        "user32.dll",   "userenv.dll",  "version.dll", "wtsapi32.dll"};
     const std::set<std::string> imports = image.Imports();
     EXPECT_TRUE(imports.contains("kernel32.dll"));
     for (const std::string& name : imports)

@@ -54,8 +54,7 @@ inline Result OrvikctlInForeground(const std::wstring& arguments) {
 inline Json JsonOf(const Result& result) {
     EXPECT_EQ(result.exitCode, 0u) << result;
     EXPECT_EQ(result.output.size(), 1u) << result;
-    const Json json =
-        Json::parse(result.output.empty() ? "" : result.output.front(), nullptr, false);
+    Json json = Json::parse(result.output.empty() ? "" : result.output.front(), nullptr, false);
     EXPECT_EQ(json.value("format_version", 0), 1) << result;
     return json;
 }

@@ -178,7 +178,7 @@ TEST_F(OrvikctlStatus, LogAndDumps) {
     const std::chrono::hours age[] = {std::chrono::hours(0), std::chrono::hours(1),
                                       std::chrono::hours(-1)};
     for (std::size_t i = 0; i < std::size(files); ++i) {
-        std::ofstream{files[i]};
+        std::ofstream(files[i]).close();
         std::filesystem::last_write_time(files[i], tomorrow - age[i]);
     }
     const Result result = Orvikctl(L"status");
