@@ -56,6 +56,10 @@ std::vector<CameraId> Client::Cameras() const {
     return connection->Cameras();
 }
 
+void Client::RoundTrip(std::chrono::milliseconds timeout) {
+    connection->RoundTrip(Deadline(timeout));
+}
+
 Subscription Client::Subscribe(EventHandler handler) {
     if (!handler)
         throw Error(ErrorKind::kBadArgument, "there is nobody to tell of events");

@@ -120,6 +120,11 @@ std::vector<CameraId> Client::Connection::Cameras() {
     return cameras;
 }
 
+void Client::Connection::RoundTrip(const Deadline& deadline) {
+    Lock lock(mutex);
+    RoundTrip(lock, deadline);
+}
+
 void Client::Connection::Subscribe(const std::shared_ptr<Subscription::State>& subscriber) {
     const Lock lock(mutex);
     if (!stream) {

@@ -65,6 +65,7 @@ public:
     void Leave() noexcept;
 
     std::vector<CameraId> Cameras();
+    void RoundTrip(const Deadline& deadline);
     void Subscribe(const std::shared_ptr<Subscription::State>& subscriber);
     std::vector<std::byte> Transfer(TransferType type, CameraId camera,
                                     std::span<const std::byte> cdb, std::span<const std::byte> data,

@@ -466,6 +466,24 @@ TEST(ClientCameras, FollowTheNotifications) {
     done.Set();
 }
 
+TEST(ClientRoundTrip, ReturnsWithTheAnswerAndIsNotPutOffByACamera) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Request command = peer.ReadRequest();
+        peer.Refuse(peer.ReadRequest());
+        peer.Refuse(peer.ReadRequest());
+        peer.Succeed(command, MakeBytes({1}));
+        peer.ReadToTheEnd();
+    });
+    Client client(kGenerous, service.Name());
+    Answer answer;
+    client.StartTransferIn(7, orvik::InquiryCdb(), answer.Completion());
+    client.RoundTrip(kGenerous);
+    client.RoundTrip(kGenerous);
+    EXPECT_EQ(answer.Data(), MakeBytes({1}));
+    EXPECT_EQ(KindOf([&] { client.RoundTrip(50ms); }), ErrorKind::kTimedOut);
+}
+
 TEST(ClientDeadline, AnAnswerNobodyWaitsForIsDropped) {
     FakeService service([](Peer& peer) {
         peer.Welcome({7});

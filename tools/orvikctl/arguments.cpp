@@ -42,7 +42,9 @@ orvik::Client Connect(const Settings& settings) {
     return orvik::Client(options);
 }
 
-double MillisecondsSince(std::chrono::steady_clock::time_point start) {
+double MillisecondsOfRoundTrip(orvik::Client& client) {
+    const auto start = std::chrono::steady_clock::now();
+    client.RoundTrip();
     const std::chrono::duration<double, std::micro> time = std::chrono::steady_clock::now() - start;
     return std::round(time.count()) / 1000;
 }

@@ -51,8 +51,8 @@ std::filesystem::path PathOf(const std::string& utf8);
 /// Throws orvik::Error, and Failure with ExitCode::kCancelled on Ctrl-C.
 orvik::Client Connect(const Settings& settings);
 
-/// The time since a moment, to a thousandth.
-double MillisecondsSince(std::chrono::steady_clock::time_point start);
+/// What a request takes that asks no camera, to a thousandth.
+double MillisecondsOfRoundTrip(orvik::Client& client);
 
 /// The camera asked for, or the only one. Throws Failure if there is none or several.
 orvik::CameraId ChooseCamera(const orvik::Client& client,

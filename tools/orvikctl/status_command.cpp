@@ -104,9 +104,8 @@ struct Connection {
 Connection TryToConnect(const Settings& settings) {
     Connection connection;
     try {
-        const auto start = std::chrono::steady_clock::now();
-        const orvik::Client client = Connect(settings);
-        connection.milliseconds = MillisecondsSince(start);
+        orvik::Client client = Connect(settings);
+        connection.milliseconds = MillisecondsOfRoundTrip(client);
         connection.cameras = client.Cameras();
     } catch (const orvik::Error&) {
         connection.error = std::current_exception();

@@ -160,6 +160,10 @@ public:
     /// The cameras present as far as this client has been told, in the order announced.
     std::vector<CameraId> Cameras() const;
 
+    /// Asks the service for nothing, and returns when it has answered: a round trip to it and to no
+    /// camera. Throws kTimedOut.
+    void RoundTrip(std::chrono::milliseconds timeout = kTransferTimeout);
+
     /// Has `handler` called for each camera present, then for each event, in order, the first call
     /// possibly before this returns. If the connection is closed, only kServiceGone comes.
     [[nodiscard]] Subscription Subscribe(EventHandler handler);
