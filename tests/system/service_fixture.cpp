@@ -71,6 +71,31 @@ struct ChildPipe {
     }
 };
 
+/// The one attribute of a process that is to be started. `value` must outlive it.
+class AttributeList {
+public:
+    AttributeList(DWORD_PTR attribute, void* value, std::size_t size) {
+        SIZE_T listSize = 0;
+        ::InitializeProcThreadAttributeList(nullptr, 1, 0, &listSize);
+        memory = std::make_unique<std::byte[]>(listSize);
+        if (!::InitializeProcThreadAttributeList(Get(), 1, 0, &listSize))
+            FailLast("InitializeProcThreadAttributeList");
+        if (!::UpdateProcThreadAttribute(Get(), 0, attribute, value, size, nullptr, nullptr))
+            FailLast("UpdateProcThreadAttribute");
+    }
+    ~AttributeList() { ::DeleteProcThreadAttributeList(Get()); }
+
+    AttributeList(const AttributeList&) = delete;
+    AttributeList& operator=(const AttributeList&) = delete;
+
+    LPPROC_THREAD_ATTRIBUTE_LIST Get() const noexcept {
+        return reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(memory.get());
+    }
+
+private:
+    std::unique_ptr<std::byte[]> memory;
+};
+
 UniqueHandle OpenProcessById(DWORD id) {
     UniqueHandle process(::OpenProcess(
         SYNCHRONIZE | PROCESS_TERMINATE | PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, id));
@@ -321,26 +346,23 @@ std::string OutputLines::Joined() const {
 Program::Program(const std::wstring& path, const std::wstring& arguments) {
     ChildPipe standardOutput;
     ChildPipe standardError;
-    STARTUPINFOW startup{};
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = standardOutput.writeEnd.get();
-    startup.hStdError = standardError.writeEnd.get();
+    HANDLE job = Job();
+    const AttributeList attributes(PROC_THREAD_ATTRIBUTE_JOB_LIST, &job, sizeof(job));
+    STARTUPINFOEXW startup{};
+    startup.StartupInfo.cb = sizeof(startup);
+    startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+    startup.StartupInfo.hStdOutput = standardOutput.writeEnd.get();
+    startup.StartupInfo.hStdError = standardError.writeEnd.get();
+    startup.lpAttributeList = attributes.Get();
     std::wstring commandLine = L"\"" + path + L"\" " + arguments;
     PROCESS_INFORMATION information{};
     if (!::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, TRUE,
-                          CREATE_SUSPENDED | DETACHED_PROCESS, nullptr, nullptr, &startup,
-                          &information))
+                          EXTENDED_STARTUPINFO_PRESENT | DETACHED_PROCESS, nullptr, nullptr,
+                          &startup.StartupInfo, &information))
         FailLast("CreateProcessW");
     process.reset(information.hProcess);
-    const UniqueHandle thread(information.hThread);
+    ::CloseHandle(information.hThread);
     id = information.dwProcessId;
-    if (!::AssignProcessToJobObject(Job(), process.get())) {
-        const DWORD error = ::GetLastError();
-        TerminateAndWait(process.get());
-        Fail(error, "AssignProcessToJobObject");
-    }
-    ::ResumeThread(thread.get());
     output = std::make_unique<OutputLines>(std::move(standardOutput.readEnd));
     errors = std::make_unique<OutputLines>(std::move(standardError.readEnd));
 }
