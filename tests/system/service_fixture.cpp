@@ -71,6 +71,16 @@ struct ChildPipe {
     }
 };
 
+/// Holds a window from the first call on. Wine ends the process of its desktop soon after the last
+/// window has gone, and whoever makes the next one starts that process anew and hands it its
+/// output: were that a program of the tests, its output would not end with it.
+void KeepDesktop() {
+    static const HWND window = ::CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, HWND_MESSAGE,
+                                                 nullptr, nullptr, nullptr);
+    if (window == nullptr)
+        FailLast("CreateWindowExW");
+}
+
 /// The one attribute of a process that is to be started. `value` must outlive it.
 class AttributeList {
 public:
@@ -254,13 +264,6 @@ DWORD StartInstalledService() {
                                                                      : ::GetLastError();
 }
 
-void KeepDesktop() {
-    static const HWND window = ::CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, HWND_MESSAGE,
-                                                 nullptr, nullptr, nullptr);
-    if (window == nullptr)
-        FailLast("CreateWindowExW");
-}
-
 void EndLeftovers() {
     RemoveLeftService();
     EndPipeServer();
@@ -344,6 +347,7 @@ std::string OutputLines::Joined() const {
 }
 
 Program::Program(const std::wstring& path, const std::wstring& arguments) {
+    KeepDesktop();
     ChildPipe standardOutput;
     ChildPipe standardError;
     HANDLE job = Job();

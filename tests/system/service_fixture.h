@@ -215,11 +215,6 @@ void InstallService(const std::wstring& programPath, const std::wstring& argumen
 /// StartServiceW alone: neither waits nor looks. The error, ERROR_SUCCESS if there was none.
 DWORD StartInstalledService();
 
-/// Holds a window from the first call on. Wine ends the process of its desktop soon after the last
-/// window has gone, and whoever makes the next one starts that process anew and hands it its
-/// output: were that the service, its output would not end with it.
-void KeepDesktop();
-
 /// Ends and removes an OrvikService that an earlier run of these tests has left, in either mode.
 /// Throws std::runtime_error if there is one that is none of theirs.
 void EndLeftovers();
@@ -228,7 +223,6 @@ void EndLeftovers();
 class SystemTest : public testing::Test {
 protected:
     SystemTest() {
-        KeepDesktop();
         EndLeftovers();
         bus.UnplugAll();
     }
