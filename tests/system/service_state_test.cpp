@@ -154,7 +154,7 @@ TEST_F(ServiceStateTest, StartsAgainAtOnceAfterAStop) {
 }
 
 TEST_F(ServiceStateTest, UnknownCameraEndsTheProcessAndTheServiceCanBeStartedAtOnce) {
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 0; round < 2; ++round) {
         RawClient client = Connect();
         client.SendRequest(kTransferNoData, 1, kCamera + 1, TestUnitReady());
         EXPECT_EQ(client.ReceiveUntilClosed(), Bytes());
