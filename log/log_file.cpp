@@ -70,7 +70,7 @@ fs::path LogPath(const fs::path& folder, const std::string& name) {
 }
 
 void RotateLogFiles(const fs::path& folder, const std::string& name) {
-    constexpr std::uintmax_t kMostBytes = 5 * 1024 * 1024;
+    constexpr std::uintmax_t kMostBytes = std::uintmax_t{5} * 1024 * 1024;
     const fs::path log = LogPath(folder, name);
     if (!fs::exists(fs::status(log)) || fs::file_size(log) <= kMostBytes)
         return;
