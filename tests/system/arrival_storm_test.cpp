@@ -21,7 +21,12 @@ namespace {
 /// Transfers on a camera from a thread of its own until the end, through a client of its own.
 class Traffic {
 public:
-    explicit Traffic(std::uint32_t cameraId) : thread([this, cameraId] { Run(cameraId); }) {}
+    /// The camera must be the only one so far: of those that come later this client is not told.
+    explicit Traffic(std::uint32_t cameraId) {
+        EXPECT_EQ(client.ReceiveMessage(), Attached(cameraId));
+        EXPECT_TRUE(client.RoundTrip());
+        thread = std::thread([this, cameraId] { Run(cameraId); });
+    }
     ~Traffic() {
         ended = true;
         thread.join();
@@ -34,9 +39,6 @@ public:
 private:
     void Run(std::uint32_t cameraId) {
         try {
-            RawClient client;
-            while (client.ReceiveMessage() != Attached(cameraId)) {
-            }
             const Bytes data = Bytes(65536);
             while (!ended) {
                 EXPECT_EQ(client.Ask(kTransferIn, transfers, cameraId, Read6(0, 128)),
@@ -48,6 +50,7 @@ private:
         }
     }
 
+    RawClient client;
     std::atomic<bool> ended = false;
     std::atomic<std::uint32_t> transfers = 0;
     std::thread thread;

@@ -38,8 +38,10 @@ int main(int argc, char* /*argv*/[]) {
                                          OPEN_EXISTING, 0, nullptr);
     record.hasConsole = console != INVALID_HANDLE_VALUE;
 
-    const HANDLE mailslot = ::CreateFileW(system_test::kLaunchMailslot, GENERIC_WRITE,
-                                          FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    // Another one may be telling of its start at this moment: they share the writing.
+    const HANDLE mailslot =
+        ::CreateFileW(system_test::kLaunchMailslot, GENERIC_WRITE,
+                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
     if (mailslot == INVALID_HANDLE_VALUE)
         return 1;
     DWORD written = 0;

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstring>
 #include <cwchar>
 #include <filesystem>
 #include <string>
@@ -39,6 +38,17 @@ extern decltype(&::SHGetKnownFolderPath) __imp_SHGetKnownFolderPath;
 namespace {
 
 constexpr std::size_t kLongestText = 1200;
+
+/// Whether a new process is told its desktop and nothing else.
+bool SaysOnlyTheDesktop(const STARTUPINFOW& startup) {
+    return startup.cb == 104 && startup.lpReserved == nullptr && startup.lpTitle == nullptr &&
+           startup.dwX == 0 && startup.dwY == 0 && startup.dwXSize == 0 && startup.dwYSize == 0 &&
+           startup.dwXCountChars == 0 && startup.dwYCountChars == 0 &&
+           startup.dwFillAttribute == 0 && startup.dwFlags == 0 && startup.wShowWindow == 0 &&
+           startup.cbReserved2 == 0 && startup.lpReserved2 == nullptr &&
+           startup.hStdInput == nullptr && startup.hStdOutput == nullptr &&
+           startup.hStdError == nullptr;
+}
 
 /// The answers of Windows while this lives, and what was asked. Those that aren't chosen are those
 /// of a program, not a service, in C:\Programs\Service.exe, where every folder can be made.
@@ -189,12 +199,9 @@ private:
         std::wcsncpy(self.application.data(), application, kLongestText - 1);
         std::wcsncpy(self.commandLine.data(), commandLine, kLongestText - 1);
         std::wcsncpy(self.desktop.data(), startup->lpDesktop, self.desktop.size() - 1);
-        STARTUPINFOW expected{};
-        expected.cb = 104;
-        expected.lpDesktop = startup->lpDesktop;
         self.startsPlainly = processSecurity == nullptr && threadSecurity == nullptr && !inherit &&
                              flags == 8 && environment == nullptr && folder == nullptr &&
-                             std::memcmp(&expected, startup, sizeof(expected)) == 0;
+                             SaysOnlyTheDesktop(*startup);
         if (self.startFails)
             return FALSE;
         information->hProcess = self.process = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
