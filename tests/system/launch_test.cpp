@@ -93,6 +93,7 @@ TEST_F(StartUpLaunchTest, OnlyCamerasAreAReason) {
         EXPECT_EQ(client.ReceiveMessage(), Attached(1));
         EXPECT_EQ(client.ReceiveMessage(), Attached(2));
         EXPECT_EQ(client.Ask(kTransferNoData, 1, 1, TestUnitReady()), Succeeded(1, 1));
+        client.Leave();
     }
     service.Output().WaitFor("ServerClient shutdown.");  // all lines before it have come too
     EXPECT_EQ(Launches(service), 2);

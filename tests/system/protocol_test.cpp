@@ -191,6 +191,7 @@ TEST_F(ProtocolTest, ClientThatDiesInTheMiddleOfABodyIsForgotten) {
         message.resize(message.size() + 1000);
         client.Send(message);
         Settle(bystander);
+        client.Leave();
     }
     service.Output().WaitFor("ServerClient shutdown.");
     EXPECT_EQ(bystander.Ask(kTransferNoData, 2, kCamera, TestUnitReady()), Succeeded(2, kCamera));
@@ -203,6 +204,7 @@ TEST_F(ProtocolTest, ClientThatDiesInTheMiddleOfAHeaderLeavesAStalledSession) {
         RawClient client = ConnectAndTakeCamera();
         client.Send(Pattern(5));
         Settle(bystander);
+        client.Leave();
     }
     // The rest of the header ends with an error, which the operation refuses like any other end.
     service.Errors().WaitFor("IoOperation::Error expected status == kPending, instead status = 1");
@@ -292,6 +294,7 @@ TEST_F(TwoCameras, ClientIsToldOfBothInAscendingOrderBeforeAnyAnswer) {
         EXPECT_EQ(client.ReceiveMessage(), Attached(1));
         EXPECT_EQ(client.ReceiveMessage(), Attached(2));
         EXPECT_EQ(client.ReceiveMessage(), Succeeded(7, 2));
+        client.Leave();
     }
 }
 

@@ -1,13 +1,18 @@
 #include "raw_client.h"
 
 #include <algorithm>
+#include <mutex>
 #include <ostream>
 #include <string>
 #include <system_error>
+#include <utility>
 
 namespace system_test {
 
 namespace {
+
+std::mutex abandonedMutex;
+std::vector<UniqueHandle> abandoned;  // connections
 
 [[noreturn]] void Fail(DWORD error, const std::string& what) {
     throw std::system_error(static_cast<int>(error), std::system_category(), what);
@@ -117,6 +122,13 @@ RawClient::RawClient(DWORD accessRights)
     : pipe(Connect(accessRights)),
       event(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
 
+RawClient::~RawClient() {
+    if (!pipe)
+        return;
+    const std::lock_guard lock(abandonedMutex);
+    abandoned.push_back(std::move(pipe));
+}
+
 DWORD RawClient::Finish(BOOL started, OVERLAPPED& overlapped, const Deadline& deadline,
                         DWORD* count) {
     if (!started && ::GetLastError() != ERROR_IO_PENDING)
@@ -213,6 +225,11 @@ Bytes RawClient::ReceiveUntilClosed() {
     while (const std::size_t count = ReceiveSome(buffer, sizeof(buffer), deadline))
         all.insert(all.end(), buffer, buffer + count);
     return all;
+}
+
+void CloseAbandonedConnections() {
+    const std::lock_guard lock(abandonedMutex);
+    abandoned.clear();
 }
 
 std::vector<std::uint32_t> AnnouncedCameras() {

@@ -62,9 +62,9 @@ Bytes RequestBytes(std::uint32_t messageType, std::uint32_t requestId, std::uint
 /// One connection to the camera pipe. One thread at a time. Calls that fail or pass the deadline
 /// throw std::system_error.
 ///
-/// Closing is leaving. A client that leaves before the service waits for its next message ends the
-/// service's run, so one that leaves while the service is to go on does it after an answer that
-/// came from the camera, and with no request outstanding: then the service waits.
+/// A client that leaves before the service waits for its next message ends the service's run, so
+/// one that leaves while the service is to go on does it after an answer that came from the camera,
+/// and with no request outstanding: then the service waits.
 class RawClient {
 public:
     /// Connects; waits while all instances of the pipe are busy. Asks for `accessRights` beside
@@ -73,7 +73,9 @@ public:
 
     RawClient(RawClient&&) noexcept = default;
     RawClient& operator=(RawClient&&) noexcept = default;
-    ~RawClient() = default;
+
+    /// A client that has not left stays connected until CloseAbandonedConnections().
+    ~RawClient();
 
     HANDLE Pipe() const noexcept { return pipe.get(); }
 
@@ -124,8 +126,12 @@ private:
     UniqueHandle event;  // of the one operation that is under way
 };
 
+/// Closes the connections of the clients that were destroyed without having left. The service must
+/// have ended: it may not have waited for all of them. Thread: any.
+void CloseAbandonedConnections();
+
 /// What a client is told when it connects, in order: the identifiers of the cameras. The client
-/// leaves at once, so the service is not to go on after this.
+/// stays connected.
 std::vector<std::uint32_t> AnnouncedCameras();
 
 }  // namespace system_test

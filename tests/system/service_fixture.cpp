@@ -8,6 +8,8 @@
 
 #include <wtsapi32.h>
 
+#include "raw_client.h"
+
 namespace system_test {
 
 namespace {
@@ -440,15 +442,24 @@ RunningService::RunningService(RunMode mode, std::wstring path, std::wstring arg
 
 RunningService::~RunningService() {
     try {
-        if (runMode == RunMode::kServiceManager)
+        if (!endExpected && !IsRunning())
+            ADD_FAILURE() << "the service has ended by itself";
+        if (runMode == RunMode::kServiceManager) {
             RemoveService(OpenInstalledService());
+            if (!endExpected) {
+                EXPECT_EQ(WaitForEnd(), 0u) << "the service has ended otherwise than by the stop";
+            }
+        }
     } catch (const std::exception& exception) {
         ADD_FAILURE() << "removing the service: " << exception.what();
     }
+    program.reset();
+    CloseAbandonedConnections();
 }
 
 void RunningService::Start() {
     if (runMode == RunMode::kForeground) {
+        endExpected = false;
         program = std::make_unique<Program>(programPath, L"--commandline " + programArguments);
         WaitForPipe(program->Process());
         return;
@@ -469,10 +480,12 @@ void RunningService::WaitUntilStarted() {
         throw std::runtime_error("the service does not start, its state is " +
                                  std::to_string(status.dwCurrentState));
     serviceProcess = OpenProcessById(status.dwProcessId);
+    endExpected = false;
 }
 
 void RunningService::Stop() {
     if (runMode == RunMode::kForeground) {
+        endExpected = true;
         program->Terminate();
         return;
     }
@@ -495,6 +508,7 @@ bool RunningService::IsRunning() const {
 }
 
 DWORD RunningService::WaitForEnd(std::chrono::milliseconds time) {
+    endExpected = true;
     WaitForProcess(Process(), time, "the service's process does not end");
     DWORD exitCode = 0;
     ::GetExitCodeProcess(Process(), &exitCode);

@@ -138,7 +138,8 @@ public:
                             std::wstring path = ProgramPath(L"OrvikService.exe"),
                             std::wstring arguments = {});
 
-    /// Ends it, and removes it from the service control manager.
+    /// Ends it, and removes it from the service control manager. The test fails if it has ended by
+    /// itself before, and nobody has waited for that.
     ~RunningService();
 
     RunningService(const RunningService&) = delete;
@@ -183,6 +184,7 @@ private:
     std::wstring programArguments;
     std::unique_ptr<Program> program;  // in the foreground
     UniqueHandle serviceProcess;       // under the service control manager
+    bool endExpected = false;
 };
 
 /// Waits for the service to report one of some states, given as a mask of SERVICE_NOTIFY_...; one

@@ -41,6 +41,7 @@ void Visit(std::uint32_t requestId) {
     const Message answer = client.Ask(kTransferIn, requestId, kCamera, Inquiry());
     if (answer != Succeeded(requestId, kCamera, answer.body) || answer.body.size() != 36)
         throw std::runtime_error("not the answer expected");
+    client.Leave();
 }
 
 /// Runs `work` on a number of threads, each with its number, and reports what they throw.
@@ -121,7 +122,8 @@ TEST_P(StormTest, ThreeHundredClientsAtOnceEachHaveTheirOwnTraffic) {
                       Succeeded(number, kCamera, Pattern(512, number)));
     });
     EXPECT_EQ(camera.Counters().opens, 2u);  // the look at start-up, and one handle for all
-    clients.clear();
+    for (RawClient& client : clients)
+        client.Leave();
     Visit(1);
     EXPECT_TRUE(service.IsRunning());
 }
@@ -196,6 +198,7 @@ protected:
             client.SendRequest(kTransferIn, id, kCamera, Read6(0, 128));
         bus.WaitFor(camera.Id(), vcam::Counter::kRequests, before + kRequests, kDeadline);
         EXPECT_TRUE(bystander.RoundTrip());  // so the service waits for the client's next message
+        client.Leave();
     }
 
     void LeaveWithTransfersPending() {
@@ -218,6 +221,7 @@ protected:
         client.Send(message);
         EXPECT_TRUE(bystander.RoundTrip());
         EXPECT_TRUE(bystander.RoundTrip());  // for the packet that the body's first piece queues
+        client.Leave();
     }
 
     PluggedCamera camera{bus};

@@ -289,6 +289,7 @@ TEST_F(TransferTest, ClientsOfOneCameraShareItsHandle) {
         service.Output().WaitFor("ServerClient shutdown.");
         EXPECT_EQ(two.Ask(kTransferNoData, 9, kCamera, TestUnitReady()), Succeeded(9, kCamera));
         EXPECT_EQ(camera.Counters().closes, before.closes);
+        two.Leave();
     }
     // The last one closes it.
     bus.WaitFor(camera.Id(), vcam::Counter::kCloses, before.closes + 1, kDeadline);
@@ -314,6 +315,7 @@ protected:
         const Bytes answer = client.Ask(kTransferIn, 1, 1, Inquiry()).body;
         if (answer.size() != 36 || answer[16] != std::byte{'A'})
             std::swap(first, second);
+        client.Leave();
     }
 
     PluggedCamera a{bus, Product("A")};

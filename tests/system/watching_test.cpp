@@ -50,6 +50,7 @@ WatchingTest::WatchingTest() {
     cameras.clear();
     for (; nextId <= newest; ++nextId)
         client.ReceiveMessage();  // the cameras seen are gone
+    client.Leave();
 }
 
 void WatchingTest::ExpectAttached(RawClient& client, std::uint32_t count) {

@@ -93,7 +93,8 @@ void PrintHexDump(std::span<const std::byte> bytes) {
         columns.resize(3 * kBytesPerLine, ' ');
         const std::byte address[] = {static_cast<std::byte>(offset >> 8),
                                      static_cast<std::byte>(offset)};
-        text += Hex(address) + " " + columns + "  " + characters + "\n";
+        text.append(Hex(address)).append(" ").append(columns).append("  ").append(characters);
+        text += '\n';
     }
     Print(text);
 }

@@ -39,9 +39,9 @@ std::vector<std::byte> Transfers::Finish() {
                                "camera " + std::to_string(camera) + " did not answer in time");
         early.insert(std::move(*ended));
     }
-    const orvik::TransferResult result = std::move(early.extract(finished).mapped());
+    orvik::TransferResult result = std::move(early.extract(finished).mapped());
     ++finished;
     if (result.error)
-        throw *result.error;
-    return result.data;
+        throw orvik::Error(*result.error);
+    return std::move(result.data);
 }
