@@ -25,14 +25,20 @@ struct ServiceHandleCloser {
 };
 using UniqueServiceHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ServiceHandleCloser>;
 
+/// Throws the error of the call that has just failed.
+[[noreturn]] void Fail(const char* text) {
+    const DWORD code = ::GetLastError();
+    throw Error(code == ERROR_ACCESS_DENIED ? ErrorKind::kAccessDenied : ErrorKind::kSystem, text,
+                code);
+}
+
 /// What the service control manager says of the service. Asks for no right that an ordinary user
-/// lacks. Throws Error kSystem.
+/// lacks. Throws Error kAccessDenied and kSystem.
 struct ServiceState {
     ServiceState() {
         const UniqueServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
         if (!manager)
-            throw Error(ErrorKind::kSystem, "cannot ask the service control manager",
-                        ::GetLastError());
+            Fail("cannot ask the service control manager");
         const UniqueServiceHandle service(
             ::OpenServiceW(manager.get(), kServiceName, SERVICE_QUERY_STATUS));
         if (!service && ::GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST)
@@ -42,8 +48,7 @@ struct ServiceState {
         if (!service ||
             !::QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO,
                                     reinterpret_cast<BYTE*>(&status), sizeof(status), &needed))
-            throw Error(ErrorKind::kSystem,
-                        "cannot ask the service control manager for the service", ::GetLastError());
+            Fail("cannot ask the service control manager for the service");
         installed = true;
         state = status.dwCurrentState;
         if (state != SERVICE_STOPPED)
@@ -94,20 +99,14 @@ void WaitForPipe(const ConnectOptions& options, const Deadline& deadline, DWORD 
     ::Sleep(std::min(kMillisecondsBetweenLooks, deadline.Left()));
 }
 
-/// Throws kWrongServer. False if the server has gone meanwhile.
-bool IsServedByService(HANDLE pipe, const std::wstring& name) {
+/// Throws kWrongServer, and what ServiceState throws.
+void RequireService(HANDLE pipe) {
     ULONG server = 0;
     if (!::GetNamedPipeServerProcessId(pipe, &server))
-        throw Error(ErrorKind::kSystem, "cannot ask which process serves the camera pipe",
-                    ::GetLastError());
+        Fail("cannot ask which process serves the camera pipe");
     const ServiceState service;
     if (service.processId != 0 && server == service.processId)
-        return true;
-    // A service that has just ended looks like this too.
-    if (!::PeekNamedPipe(pipe, nullptr, 0, nullptr, nullptr, nullptr))
-        return false;
-    // It may be a service in a console after all, whose run would end if this left at once.
-    const OneMoreConnection other(name, Deadline(kLeaveTimeout));
+        return;
     std::string text =
         "process " + std::to_string(server) + " serves the camera pipe, but the service ";
     if (!service.installed)
@@ -117,6 +116,21 @@ bool IsServedByService(HANDLE pipe, const std::wstring& name) {
     else
         text += "is process " + std::to_string(service.processId);
     throw Error(ErrorKind::kWrongServer, text);
+}
+
+/// Throws as RequireService() does. False if the server has gone meanwhile.
+bool IsServedByService(HANDLE pipe, const std::wstring& name) {
+    try {
+        RequireService(pipe);
+        return true;
+    } catch (const Error&) {
+        // It may be a service all the same, whose run would end if this left at once.
+        const OneMoreConnection other(name, Deadline(kLeaveTimeout));
+        // A service that has reported its end serves its pipe a moment longer.
+        if (::PeekNamedPipe(pipe, nullptr, 0, nullptr, nullptr, nullptr))
+            throw;
+        return false;
+    }
 }
 
 }  // namespace

@@ -304,8 +304,10 @@ void Client::Connection::Wait(Lock& lock, HANDLE event, DWORD milliseconds, bool
     lock.unlock();
     const DWORD first = ::WaitForMultipleObjects(count, events, FALSE, milliseconds);
     lock.lock();
-    if (first == WAIT_OBJECT_0 + 1 && !TakeInWhatHasCome())
-        ::ResetEvent(readEvent.get());  // and the caller looks once more
+    if (first == WAIT_OBJECT_0 + 1 && !TakeInWhatHasCome()) {
+        ::ResetEvent(readEvent.get());
+        TakeInWhatHasCome();  // what has come in between set the event in vain
+    }
 }
 
 /// Returns when the service has handled all that was sent before.

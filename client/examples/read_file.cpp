@@ -49,14 +49,21 @@ void ReadFile(const char* path) {
                  static_cast<std::uint32_t>(orvik::kTransferInLimit / capacity.blockLength));
 
     std::ofstream file(path, std::ios::binary);
-    std::deque<std::future<std::vector<std::byte>>> outstanding;
+    struct Piece {
+        std::size_t length;
+        std::future<std::vector<std::byte>> data;
+    };
+    std::deque<Piece> outstanding;
     for (std::uint32_t next = 0; next < blocks || !outstanding.empty();) {
         while (next < blocks && outstanding.size() < kOutstanding) {
             const std::uint32_t count = std::min(most, blocks - next);
-            outstanding.push_back(StartRead(client, camera, next, count));
+            outstanding.push_back({std::size_t{count} * capacity.blockLength,
+                                   StartRead(client, camera, next, count)});
             next += count;
         }
-        const std::vector<std::byte> data = outstanding.front().get();
+        const std::vector<std::byte> data = outstanding.front().data.get();
+        if (data.size() != outstanding.front().length)
+            throw std::runtime_error("the camera returned fewer bytes than it was asked for");
         outstanding.pop_front();
         file.write(reinterpret_cast<const char*>(data.data()),
                    static_cast<std::streamsize>(data.size()));

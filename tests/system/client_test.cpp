@@ -285,16 +285,42 @@ TEST_P(ClientCutOff, ByTheUnpluggingOfTheCamera) {
 INSTANTIATE_TEST_SUITE_P(Calls, ClientCutOff, testing::ValuesIn(kCalls),
                          [](const auto& call) { return std::string(call.param.name); });
 
-TEST_F(ClientTest, ServiceKilledWhileAClientConnectsAndWhileOneLeaves) {
-    auto leaving = std::make_unique<Client>();
+/// Waits until somebody has the instance of the pipe that waits for a client.
+void WaitUntilNoInstanceIsFree() {
+    const Deadline deadline;
+    while (::WaitNamedPipeW(kPipeName, 1)) {
+        ASSERT_FALSE(deadline.Over());
+        ::Sleep(1);  // nothing tells
+    }
+}
+
+TEST_F(ClientTest, ServiceKilledWhileAClientConnects) {
     std::optional<SuspendedProcess> hanging(std::in_place, service.Process());
     auto kind = std::async(std::launch::async, [] { return KindOf([] { const Client client; }); });
-    auto left = std::async(std::launch::async, [&] { leaving.reset(); });
+    WaitUntilNoInstanceIsFree();
     service.Stop();
     hanging.reset();
-    const ErrorKind how = kind.get();  // connected or not
-    EXPECT_TRUE(how == ErrorKind::kServiceGone || how == ErrorKind::kStopped);
+    EXPECT_EQ(kind.get(), ErrorKind::kServiceGone);
+}
+
+TEST_F(ClientTest, ServiceKilledWhileAClientLeaves) {
+    auto leaving = std::make_unique<Client>();
+    std::optional<SuspendedProcess> hanging(std::in_place, service.Process());
+    auto left = std::async(std::launch::async, [&] { leaving.reset(); });
+    WaitUntilNoInstanceIsFree();
+    service.Stop();
+    hanging.reset();
     EXPECT_EQ(left.wait_for(10s), std::future_status::ready);
+}
+
+TEST_F(ClientTest, RoundTripIsCutOffByItsDeadlineAndByTheEndOfTheService) {
+    Client client;
+    std::optional<SuspendedProcess> hanging(std::in_place, service.Process());
+    EXPECT_EQ(KindOf([&] { client.RoundTrip(100ms); }), ErrorKind::kTimedOut);
+    auto kind = std::async(std::launch::async, [&] { return KindOf([&] { client.RoundTrip(); }); });
+    service.Stop();
+    hanging.reset();
+    EXPECT_EQ(kind.get(), ErrorKind::kServiceGone);
 }
 
 TEST_F(ClientTest, CancelRacesWithTheAnswer) {
@@ -389,6 +415,12 @@ TEST_F(ClientTest, CameraThatNeverAnswersDelaysNeitherTheCallerNorItsLeaving) {
     {
         Client client;
         EXPECT_EQ(KindOf([&] { client.TransferIn(1, orvik::InquiryCdb(), 100ms); }),
+                  ErrorKind::kTimedOut);
+        EXPECT_EQ(KindOf([&] {
+                      client.TransferOut(1, orvik::Write6Cdb(0, 1), Bytes(vcam::kBlockSize), 100ms);
+                  }),
+                  ErrorKind::kTimedOut);
+        EXPECT_EQ(KindOf([&] { client.TransferNoData(1, orvik::TestUnitReadyCdb(), 100ms); }),
                   ErrorKind::kTimedOut);
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);

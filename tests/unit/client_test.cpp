@@ -22,8 +22,15 @@
 #include "client_answers.h"
 #include "device/unique_handle.h"
 #include "fake_service.h"
+#include "import_hook.h"
 #include "orvik/client.h"
 #include "session/message.h"
+
+extern "C" {
+extern decltype(&::CreateFileW) __imp_CreateFileW;
+extern decltype(&::OpenServiceW) __imp_OpenServiceW;
+extern decltype(&::WaitNamedPipeW) __imp_WaitNamedPipeW;
+}
 
 namespace {
 
@@ -110,9 +117,16 @@ TEST(ClientConnect, WaitsForAnInstance) {
         OwnFile(::CreateFileW(service.Name().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                               OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(busy.Wait());
+    Happening waiting;
+    using Wait = HookedImport<&__imp_WaitNamedPipeW>;
+    const Wait hook([&](const wchar_t* name, DWORD milliseconds) {
+        waiting.Set();
+        return Wait::Original(name, milliseconds);
+    });
     // The second client gets no answer, but a connection.
     auto kind = std::async(std::launch::async,
                            [&] { return KindOf([&] { Client(500ms, service.Name()); }); });
+    EXPECT_TRUE(waiting.Wait());
     free.Set();
     EXPECT_EQ(kind.get(), ErrorKind::kTimedOut);
     EXPECT_GE(service.Connections(), 2);
@@ -547,6 +561,63 @@ TEST(ClientConnect, AServerThatIsNotTheServiceGetsNoByte) {
         << error.what();
     // It may be a service in a console, so it is left politely.
     EXPECT_EQ(service.Connections(), 2);
+}
+
+TEST(ClientConnect, AUserWhoMayNotAskForTheServiceLeavesItPolitely) {
+    FakeService service([](Peer& peer) { EXPECT_TRUE(peer.ReadToTheEnd().empty()); });
+    orvik::ConnectOptions options;
+    options.pipe = service.Name();
+    const HookedImport<&__imp_OpenServiceW> open([](SC_HANDLE, const wchar_t*, DWORD) {
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return SC_HANDLE{};
+    });
+    const auto error = ErrorOf([&] { orvik::Client client(options); });
+    EXPECT_EQ(error.Kind(), ErrorKind::kAccessDenied) << error.what();
+    EXPECT_EQ(error.SystemCode(), DWORD{ERROR_ACCESS_DENIED});
+    EXPECT_EQ(service.Connections(), 2);
+}
+
+TEST(ClientConnect, AServerThatEndsWhileItIsLookedAtIsNotTheWrongOne) {
+    Peer* first = nullptr;
+    Happening connected;
+    Happening closed;
+    FakeService service(
+        [&](Peer& peer) {
+            first = &peer;
+            connected.Set();
+            EXPECT_TRUE(closed.Wait());
+        },
+        [&](int number) {
+            if (number != 2)
+                return;
+            EXPECT_TRUE(connected.Wait());
+            first->Close();
+            closed.Set();
+        });
+    orvik::ConnectOptions options;
+    options.pipe = service.Name();
+    EXPECT_EQ(KindOf([&] { orvik::Client client(options); }), ErrorKind::kNotInstalled);
+}
+
+TEST(ClientConnect, TheServerMayLearnWhoTheClientIsAndNotActForIt) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({});
+        peer.ReadToTheEnd();
+    });
+    std::vector<DWORD> flags;
+    {
+        using Create = HookedImport<&__imp_CreateFileW>;
+        const Create create([&](const wchar_t* name, DWORD access, DWORD share,
+                                SECURITY_ATTRIBUTES* security, DWORD disposition, DWORD attributes,
+                                HANDLE like) {
+            if (name == service.Name())
+                flags.push_back(attributes & SECURITY_VALID_SQOS_FLAGS);
+            return Create::Original(name, access, share, security, disposition, attributes, like);
+        });
+        const Client client(kGenerous, service.Name());
+    }
+    // To use it, and to leave it.
+    EXPECT_EQ(flags, std::vector<DWORD>(2, DWORD{SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION}));
 }
 
 TEST(ClientRequestIds, AreNeitherTakenNorThatOfNotifications) {

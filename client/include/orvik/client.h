@@ -29,7 +29,7 @@ enum class ErrorKind {
     kStopped,       ///< the service is not running, or is stopping
     kStarting,      ///< the service was still starting at the deadline
     kBusy,          ///< the service runs, but took no connection before the deadline
-    kAccessDenied,  ///< this user may not open the camera pipe
+    kAccessDenied,  ///< this user may not open the camera pipe, or ask for the service
     kWrongServer,   ///< the camera pipe is served by a process that is not the service
     kServiceGone,   ///< the service ended, or an earlier error closed the connection
     kTimedOut,      ///< the deadline passed
@@ -110,8 +110,9 @@ public:
     Subscription(Subscription&& other) noexcept = default;
     Subscription& operator=(Subscription&& other) noexcept;
 
-    /// Returns at once: no call of the handler begins any more, but one that is under way on the
-    /// client's thread may still be ending.
+    /// Returns at once: no call of the handler begins any more, but one that has begun on the
+    /// client's thread, if only just, still runs to its end. So what the handler uses must outlive
+    /// that; within the handler itself this is the last call.
     void End() noexcept;
 
 private:
@@ -141,7 +142,9 @@ private:
 /// Naming a camera that the service doesn't know ends the service's run, for everybody. The calls
 /// below refuse a camera that was never announced or has been reported gone, but only the client
 /// that is told of cameras that go can know: any other makes a new Client before it names a camera
-/// after a pause. Commands and data are copied, and needed only for the call.
+/// after a pause. (A moment remains for all: the first request for a camera that is being unplugged
+/// can cross the report.) Leaving at a wrong moment ends the run too, so a program destroys its
+/// Client before it ends. Commands and data are copied, and needed only for the call.
 class Client {
 public:
     /// Connects, and returns when the cameras present are known.
@@ -176,7 +179,8 @@ public:
                                       std::chrono::milliseconds timeout = kTransferTimeout);
 
     /// Sends a command with data for the camera, at most kTransferOutLimit bytes, and waits until
-    /// it is done.
+    /// it is done. The service takes all of it into its memory, and ends its run if it can't:
+    /// send no more at a time than a camera takes.
     void TransferOut(CameraId camera, std::span<const std::byte> cdb,
                      std::span<const std::byte> data,
                      std::chrono::milliseconds timeout = kTransferTimeout);
