@@ -32,6 +32,9 @@ constexpr std::chrono::seconds kCrashDeadline{60};
 
 constexpr DWORD kEndedByException = 0xE04F5256;  // the service's own code
 
+constexpr std::uint64_t kLargerDump =
+    MiniDumpWithDataSegs | MiniDumpWithIndirectlyReferencedMemory | MiniDumpWithThreadInfo;
+
 /// The path with the prefix that lets it be of any length.
 std::wstring LongPath(const fs::path& path) {
     return LR"(\\?\)" + path.wstring();
@@ -140,6 +143,17 @@ fs::path DumpOf(const CrashRecord& record) {
 
 class CrashTest : public SystemTest {
 protected:
+    /// Says that a service has been crashed which writes its dumps itself: its dump.
+    static fs::path ExpectServicesReport(const CrashRecord& record, const std::wstring& reporter) {
+        const fs::path file = DumpOf(record);
+        EXPECT_EQ(
+            Narrow(record.commandLine),
+            Narrow(L"\"" + reporter + L"\" |*|0|*|" + record.temporaryFolder + L"\\" +
+                   file.filename().wstring() + L"|*|OrvikService|*|4.0.4 (unknown)|*|Unknown|*|"));
+        ExpectDetachedOnTheDesktop(record);
+        return file;
+    }
+
     CrashFolder folder;
     ReporterStarts reporters;
 };
@@ -153,42 +167,37 @@ TEST_F(CrashTest, ExceptionLeavesASmallDumpAndStartsTheReporter) {
     const CrashRecord record = reporters.Receive();
     EXPECT_EQ(service.WaitForEnd(kCrashDeadline), kEndedByException);
 
-    const fs::path file = DumpOf(record);
-    EXPECT_EQ(
-        Narrow(record.commandLine),
-        Narrow(L"\"" + reporter + L"\" |*|0|*|" + record.temporaryFolder + L"\\" +
-               file.filename().wstring() + L"|*|OrvikService|*|4.0.4 (unknown)|*|Unknown|*|"));
-    ExpectDetachedOnTheDesktop(record);
-
-    const Dump dump = KeepDump({file}, L"exception");
+    const Dump dump = KeepDump({ExpectServicesReport(record, reporter)}, L"exception");
     EXPECT_EQ(dump.exceptionCode, kEndedByException);
     EXPECT_EQ(dump.flags, std::uint64_t{MiniDumpNormal});
     EXPECT_TRUE(dump.hasItsThread);
 }
 
-TEST_F(CrashTest, FaultLeavesADumpThoughThereIsNoReporter) {
+TEST_F(CrashTest, FaultLeavesADumpAndStartsTheReporter) {
+    const std::wstring reporter = folder.PutReporter();
     RunningService service(RunMode::kServiceManager, folder.PutCrashingService(),
                            folder.Arguments(L"fault"));
     EXPECT_TRUE(fs::exists(folder.TemporaryFolder()));  // it has made it
     EXPECT_EQ(folder.Log(), "");
-    const NewDumps dumps(folder.TemporaryFolder());
     const RawClient client;
+    const CrashRecord record = reporters.Receive();
     EXPECT_EQ(service.WaitForEnd(kCrashDeadline), DWORD{EXCEPTION_ACCESS_VIOLATION});
-    ExpectFault(KeepDump(dumps.Find(), L"fault"), L"OrvikService.exe");
-    EXPECT_EQ(folder.Log(), "[ERROR][crash]:\tCreateProcess failed\n");
+    const fs::path file = ExpectServicesReport(record, reporter);
+    EXPECT_EQ(file.parent_path(), folder.TemporaryFolder());
+    ExpectFault(KeepDump({file}, L"fault"), L"OrvikService.exe");
+    EXPECT_EQ(folder.Log(), "");
 }
 
 // Which exception the dump is about depends on the C++ library; docs/operating.md says more.
-TEST_F(CrashTest, PureVirtualCallLeavesADumpThoughTheReportersPathIsTooLong) {
-    folder.GoDeep();
+TEST_F(CrashTest, PureVirtualCallLeavesADumpAndStartsTheReporter) {
+    const std::wstring reporter = folder.PutReporter();
     RunningService service(RunMode::kServiceManager, folder.PutCrashingService(),
                            folder.Arguments(L"pure-call"));
-    EXPECT_EQ(folder.Log(), "");
-    const NewDumps dumps(folder.TemporaryFolder());
     const RawClient client;
+    const CrashRecord record = reporters.Receive();
     service.WaitForEnd(kCrashDeadline);
-    EXPECT_TRUE(KeepDump(dumps.Find(), L"pure-call").hasItsThread);
-    EXPECT_EQ(folder.Log(), "[ERROR][crash]:\tNo path to crashreporter\n");
+    EXPECT_TRUE(KeepDump({ExpectServicesReport(record, reporter)}, L"pure-call").hasItsThread);
+    EXPECT_EQ(folder.Log(), "");
 }
 
 #ifndef _MSC_VER
@@ -227,9 +236,7 @@ TEST_F(CrashTest, ExecutableNamedOtherwiseAsksTheCrashServerForALargerDump) {
 
     const Dump dump = KeepDump(dumps.Find(), L"other-name");
     ExpectFault(dump, L"Other.exe");
-    EXPECT_EQ(dump.flags,
-              std::uint64_t{MiniDumpWithDataSegs | MiniDumpWithIndirectlyReferencedMemory |
-                            MiniDumpWithThreadInfo});
+    EXPECT_EQ(dump.flags, kLargerDump);
 }
 
 // Whether there is a whole dump then is the system's affair: a process that has crashed is to write
@@ -246,6 +253,63 @@ TEST_F(CrashTest, ExecutableNamedOtherwiseThatIsItsOwnCrashServerStartsTheReport
         Narrow(record.commandLine),
         Narrow(L"\"" + reporter + L"\" |*|1|*|\\.dmp|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
     EXPECT_EQ(folder.Log(), "");
+}
+
+// No dump is looked at here, which takes seconds: these are asked of a server that is a part of
+// what has crashed.
+TEST_F(CrashTest, ReporterThatIsMissingIsLogged) {
+    RunningService service(RunMode::kServiceManager, folder.PutCrashingService(L"Other.exe"),
+                           folder.Arguments(L"fault"));
+    const RawClient client;
+    EXPECT_EQ(service.WaitForEnd(kCrashDeadline), DWORD{EXCEPTION_ACCESS_VIOLATION});
+    EXPECT_EQ(folder.Log(), "[ERROR][crash]:\tCreateProcess failed\n");
+}
+
+TEST_F(CrashTest, ReporterWhosePathIsTooLongIsLogged) {
+    folder.GoDeep();
+    RunningService service(RunMode::kServiceManager, folder.PutCrashingService(L"Other.exe"),
+                           folder.Arguments(L"fault"));
+    EXPECT_EQ(folder.Log(), "");
+    const RawClient client;
+    EXPECT_EQ(service.WaitForEnd(kCrashDeadline), DWORD{EXCEPTION_ACCESS_VIOLATION});
+    EXPECT_EQ(folder.Log(), "[ERROR][crash]:\tNo path to crashreporter\n");
+}
+
+/// The crash server's pipe, so that it is another's, who answers nobody.
+class DeafCrashServer {
+public:
+    DeafCrashServer() {
+        constexpr wchar_t kPipe[] = LR"(\\.\pipe\orvikcrashserver)";
+        pipe = OwnFile(::CreateNamedPipeW(kPipe, PIPE_ACCESS_DUPLEX,
+                                          PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, 1,
+                                          0, 0, 0, nullptr));
+        client = OwnFile(::CreateFileW(kPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                       OPEN_EXISTING, 0, nullptr));
+        if (!pipe || !client)
+            throw std::runtime_error("the crash server's pipe cannot be taken");
+    }
+
+private:
+    UniqueHandle pipe;    // its only instance
+    UniqueHandle client;  // which is busy
+};
+
+TEST_F(CrashTest, ExecutableNamedOtherwiseWritesItsDumpItselfIfNoCrashServerAnswers) {
+    const std::wstring reporter = folder.PutReporter();
+    const DeafCrashServer deaf;
+    RunningService service(RunMode::kServiceManager, folder.PutCrashingService(L"Other.exe"),
+                           folder.Arguments(L"fault"));
+    const RawClient client;
+    const CrashRecord record = reporters.Receive();
+    EXPECT_EQ(service.WaitForEnd(kCrashDeadline), DWORD{EXCEPTION_ACCESS_VIOLATION});
+    const fs::path file = DumpOf(record);
+    EXPECT_EQ(file.parent_path(), fs::path(record.localFolder) / L"Orvik" / L"Crash Reports");
+    EXPECT_EQ(Narrow(record.commandLine), Narrow(L"\"" + reporter + L"\" |*|1|*|" + file.wstring() +
+                                                 L"|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
+    EXPECT_EQ(folder.Log(), "");
+    const Dump dump = KeepDump({file}, L"no-server");
+    ExpectFault(dump, L"Other.exe");
+    EXPECT_EQ(dump.flags, kLargerDump);
 }
 
 TEST_F(CrashTest, ForegroundHandlesNoCrashOfItsOwn) {

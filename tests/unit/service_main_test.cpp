@@ -33,6 +33,8 @@ extern decltype(&::SetServiceStatus) __imp_SetServiceStatus;
 extern decltype(&::RegisterServiceCtrlHandlerW) __imp_RegisterServiceCtrlHandlerW;
 extern decltype(&::CreateIoCompletionPort) __imp_CreateIoCompletionPort;
 extern decltype(&::CreateThread) __imp_CreateThread;
+extern decltype(&::CreateNamedPipeW) __imp_CreateNamedPipeW;
+extern decltype(&::SetUnhandledExceptionFilter) __imp_SetUnhandledExceptionFilter;
 }
 
 namespace {
@@ -92,6 +94,17 @@ public:
                                 LPTHREAD_START_ROUTINE procedure, void* parameter, DWORD flags,
                                 DWORD* id) {
               return CreateThread(security, stack, procedure, parameter, flags, id);
+          }),
+          pipeCreation([](const wchar_t* name, DWORD open, DWORD mode, DWORD most, DWORD out,
+                          DWORD in, DWORD timeout, SECURITY_ATTRIBUTES* security) {
+              if (std::wcscmp(name, LR"(\\.\pipe\orvikcrashserver)") == 0)
+                  Say("crash server");
+              return decltype(pipeCreation)::Original(name, open, mode, most, out, in, timeout,
+                                                      security);
+          }),
+          crashHandler([](LPTOP_LEVEL_EXCEPTION_FILTER filter) {
+              Say("crash handler");
+              return decltype(crashHandler)::Original(filter);
           }) {
         current = this;
         runningAsService = asService ? 1 : 0;
@@ -224,6 +237,8 @@ private:
     HookedImport<&__imp_SetServiceStatus> status;
     HookedImport<&__imp_CreateIoCompletionPort> portCreation;
     HookedImport<&__imp_CreateThread> threadCreation;
+    HookedImport<&__imp_CreateNamedPipeW> pipeCreation;
+    HookedImport<&__imp_SetUnhandledExceptionFilter> crashHandler;
 };
 
 /// Starts ServiceMain and, once the dispatcher runs, the script on a thread beside it. Ends the
@@ -275,7 +290,9 @@ const ::testing::ExitedWithCode kHasFaulted(kFaulted);
 TEST(ServiceMain, ReportsItsStatesAndBeingStoppedBeforeAnythingIsTakenDown) {
     vcam::Bus().UnplugAll();
     EXPECT_EXIT(Serve(true, Failing::kNothing, BeStoppedTwice), kHasReturned,
-                Is("registers\n"
+                Is("crash server\n"
+                   "registers\n"
+                   "crash handler\n"
                    "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
                    "port\n"
                    "window thread\n"
@@ -293,7 +310,8 @@ TEST(ServiceMain, ReportsItsStatesAndBeingStoppedBeforeAnythingIsTakenDown) {
 TEST(ServiceMain, InTheForegroundReportsNothing) {
     vcam::Bus().UnplugAll();
     EXPECT_EXIT(Serve(false, Failing::kNothing, Quit), kHasReturned,
-                Is("port\n"
+                Is("crash server\n"
+                   "port\n"
                    "window thread\n"
                    "returned; server set, client disconnected, sessions ended: 1\n"
                    "quit packets left: 0\n"));
@@ -301,15 +319,20 @@ TEST(ServiceMain, InTheForegroundReportsNothing) {
 
 TEST(ServiceMain, FailedStartEndsTheServiceWithoutAReportOfStopped) {
     EXPECT_EXIT(Serve(true, Failing::kRegistration, Quit), kHasFaulted,
-                Is("registers\n"
+                Is("crash server\n"
+                   "registers\n"
                    "faults: RegisterServiceCtrlHandler() failed.  GetLastError() = 0x5\n"));
     EXPECT_EXIT(Serve(true, Failing::kPort, Quit), kHasFaulted,
-                Is("registers\n"
+                Is("crash server\n"
+                   "registers\n"
+                   "crash handler\n"
                    "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
                    "port\n"
                    "faults: CreateIoCompletionPort() failed.  GetLastError() = 0x5\n"));
     EXPECT_EXIT(Serve(true, Failing::kThread, Quit), kHasFaulted,
-                Is("registers\n"
+                Is("crash server\n"
+                   "registers\n"
+                   "crash handler\n"
                    "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
                    "port\n"
                    "window thread\n"
@@ -318,10 +341,12 @@ TEST(ServiceMain, FailedStartEndsTheServiceWithoutAReportOfStopped) {
 
 TEST(ServiceMain, FailedStartInTheForegroundIsThrown) {
     EXPECT_EXIT(Serve(false, Failing::kPort, Quit), kHasReturned,
-                Is("port\n"
+                Is("crash server\n"
+                   "port\n"
                    "thrown: CreateIoCompletionPort() failed.  GetLastError() = 0x5\n"));
     EXPECT_EXIT(Serve(false, Failing::kThread, Quit), kHasReturned,
-                Is("port\n"
+                Is("crash server\n"
+                   "port\n"
                    "window thread\n"
                    "thrown: CreateThread() failed.  GetLastError() = 0x5\n"
                    "quit packets left: 0\n"));
@@ -330,7 +355,9 @@ TEST(ServiceMain, FailedStartInTheForegroundIsThrown) {
 TEST(ServiceMain, FailureOfAHandlerEndsTheServiceOnceTheServerIsDestroyed) {
     vcam::Bus().UnplugAll();
     EXPECT_EXIT(Serve(true, Failing::kNothing, FailInAHandler), kHasFaulted,
-                Is("registers\n"
+                Is("crash server\n"
+                   "registers\n"
+                   "crash handler\n"
                    "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
                    "port\n"
                    "window thread\n"
@@ -342,7 +369,8 @@ TEST(ServiceMain, FailureOfAHandlerEndsTheServiceOnceTheServerIsDestroyed) {
 TEST(ServiceMain, FailureOfAHandlerInTheForegroundIsThrownOnceTheServerIsDestroyed) {
     vcam::Bus().UnplugAll();
     EXPECT_EXIT(Serve(false, Failing::kNothing, FailInAHandler), kHasReturned,
-                Is("port\n"
+                Is("crash server\n"
+                   "port\n"
                    "window thread\n"
                    "thrown: from a handler; server set, client disconnected, sessions ended: 1\n"
                    "quit packets left: 0\n"));
