@@ -18,6 +18,7 @@
 
 extern "C" {
 extern decltype(&::_write) __imp_write;
+extern decltype(&::MoveFileExW) __imp_MoveFileExW;
 }
 
 namespace {
@@ -283,6 +284,21 @@ TEST(RotateLogFiles, LogThatIsHeldOpenThrowsWhenTheOldOneIsGone) {
     }
     EXPECT_FALSE(std::filesystem::exists(profile.OldLog()));
     EXPECT_TRUE(std::filesystem::exists(profile.Log()));
+}
+
+TEST(RotateLogFiles, FolderThatMayNotBeChangedThrowsAndTheLogStays) {
+    const TemporaryProfile profile;
+    MakeFile(profile.Log(), kLargestKept + 1);
+    {
+        const ImportHook<decltype(&::MoveFileExW)> denied(
+            &__imp_MoveFileExW, [](const wchar_t*, const wchar_t*, DWORD) -> BOOL {
+                ::SetLastError(ERROR_ACCESS_DENIED);
+                return FALSE;
+            });
+        EXPECT_THROW(Rotate(profile), boost::filesystem::filesystem_error);
+    }
+    EXPECT_EQ(std::filesystem::file_size(profile.Log()), kLargestKept + 1);
+    EXPECT_FALSE(std::filesystem::exists(profile.OldLog()));
 }
 
 TEST(RotateLogFiles, OldLogThatIsAFolderWithFilesThrows) {

@@ -432,6 +432,13 @@ TEST_F(LogSystemTest, FileThatCannotBeOpenedIsALineForEachRecordUntilItCan) {
     EXPECT_EQ(WithoutTimes(FileText(profile.Log())), "[ERROR][m]:\t3\n");
 }
 
+TEST_F(LogSystemTest, DiskThatIsFullIsALineForEachRecord) {
+    Writer writer(OutputFile(), {"full", Error("m", "1"), Error("m", "2")});
+    writer.Finish();
+    ExpectFailure(writer.Output(), "[ERROR][m]:\t1\n[ERROR][m]:\t2\n");
+    EXPECT_EQ(FileText(profile.Log()), "");
+}
+
 TEST_F(LogSystemTest, FolderThatCannotBeMadeIsALineForEachRecordUntilItCan) {
     MakeFile(profile.Folder() / "AppData");
     Writer writer(OutputFile(), {Error("m", "1"), Error("m", "2"), "meet", Error("m", "3")});

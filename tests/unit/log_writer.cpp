@@ -2,6 +2,7 @@
 // The first argument is the name of the meeting, each other one a command and its operands,
 // separated by kSeparator.
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,9 +12,16 @@
 
 #include <windows.h>
 
+#include <io.h>
+
 #include "device/unique_handle.h"
+#include "import_hook.h"
 #include "log/log_system.h"
 #include "log_writer.h"
+
+extern "C" {
+extern decltype(&::_write) __imp_write;
+}
 
 namespace {
 
@@ -58,6 +66,12 @@ void Run(const std::string& meeting, const std::vector<std::string>& command) {
         LogPrintf(kLogError, "m", kFile, kLine, "lost %ls", L"\u65e5");
     } else if (command[0] == "variable") {  // NAME VALUE
         ::SetEnvironmentVariableA(text(1), text(2));
+    } else if (command[0] == "full") {  // from now on, as the C runtime tells of a full disk
+        static const ImportHook<decltype(&::_write)> full(&__imp_write,
+                                                          [](int, const void*, unsigned) noexcept {
+                                                              errno = ENOSPC;
+                                                              return -1;
+                                                          });
     } else if (command[0] == "meet") {
         const UniqueHandle here(
             ::OpenEventA(EVENT_MODIFY_STATE, FALSE, (log_writer::kHereEvent + meeting).c_str()));
