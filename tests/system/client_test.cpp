@@ -364,19 +364,24 @@ TEST_F(ClientTest, CancelRacesWithTheAnswer) {
 
 TEST_F(ClientTest, ManyThreadsShareOneClient) {
     constexpr unsigned kThreads = 8;
-    constexpr unsigned kRounds = 60;
+    constexpr unsigned kRounds = 40;
+    // More than the pipe takes at once, so that writes of several threads wait side by side.
+    constexpr unsigned kBlocks = 200;
+    constexpr unsigned kBlocksRead = 128;
     Client client;
     std::atomic<unsigned> right{0};
     std::vector<std::thread> threads;
     for (unsigned number = 0; number < kThreads; ++number) {
         threads.emplace_back([&, number] {
             for (unsigned round = 0; round < kRounds; ++round) {
-                const Bytes block = Pattern(vcam::kBlockSize, number * kRounds + round);
-                client.TransferOut(1, orvik::Write6Cdb(number, 1), block);
+                const unsigned first = number * kBlocks;
+                const Bytes data = Pattern(kBlocks * vcam::kBlockSize, number * kRounds + round);
+                client.TransferOut(1, orvik::Write6Cdb(first, kBlocks), data);
                 Answer answer;
-                client.StartTransferIn(1, orvik::Read6Cdb(number, 1), answer.Completion());
-                if (client.TransferIn(1, orvik::Read6Cdb(number, 1)) == block &&
-                    answer.Data() == block)
+                client.StartTransferIn(1, orvik::Read6Cdb(first, kBlocksRead), answer.Completion());
+                const Bytes expected(data.begin(), data.begin() + kBlocksRead * vcam::kBlockSize);
+                if (client.TransferIn(1, orvik::Read6Cdb(first, kBlocksRead)) == expected &&
+                    answer.Data() == expected)
                     ++right;
             }
         });

@@ -30,6 +30,7 @@ extern "C" {
 extern decltype(&::CreateFileW) __imp_CreateFileW;
 extern decltype(&::OpenServiceW) __imp_OpenServiceW;
 extern decltype(&::WaitNamedPipeW) __imp_WaitNamedPipeW;
+extern decltype(&::WriteFile) __imp_WriteFile;
 }
 
 namespace {
@@ -390,6 +391,36 @@ TEST(ClientServiceGone, EndsEveryRequestButThoseAnswered) {
     EXPECT_EQ(KindOf([&] { answers[0].Data(); }), ErrorKind::kServiceGone);
     EXPECT_EQ(answers[1].Data(), MakeBytes({2}));
     EXPECT_EQ(KindOf([&] { answers[2].Data(); }), ErrorKind::kServiceGone);
+}
+
+TEST(ClientServiceGone, UnderSeveralWritesThatAreUnderWay) {
+    constexpr int kWrites = 3;
+    constexpr std::size_t kLength = 1 << 20;
+    std::atomic<int> started{0};
+    Happening allStarted;
+    FakeService service([&](Peer& peer) {
+        peer.Welcome({7});
+        EXPECT_TRUE(allStarted.Wait());  // and none can end, as nobody reads
+    });
+    Client client(kGenerous, service.Name());
+    using Write = HookedImport<&__imp_WriteFile>;
+    const Write write(
+        [&](HANDLE file, const void* bytes, DWORD size, DWORD* count, OVERLAPPED* overlapped) {
+            const BOOL done = Write::Original(file, bytes, size, count, overlapped);
+            const DWORD code = ::GetLastError();
+            if (size > kLength && ++started == kWrites)
+                allStarted.Set();
+            ::SetLastError(code);
+            return done;
+        });
+    std::vector<std::future<ErrorKind>> kinds;
+    for (int number = 0; number < kWrites; ++number)
+        kinds.push_back(std::async(std::launch::async, [&] {
+            return KindOf(
+                [&] { client.TransferOut(7, orvik::Write6Cdb(0, 1), Bytes(kLength), kGenerous); });
+        }));
+    for (auto& kind : kinds)
+        EXPECT_EQ(kind.get(), ErrorKind::kServiceGone);
 }
 
 TEST(ClientServiceGone, InTheMiddleOfAMessage) {
