@@ -20,6 +20,17 @@ std::uint32_t BlocksPerCommand(const orvik::Capacity& capacity) {
     return std::min(fitting, orvik::kRead6CountLimit);
 }
 
+/// The camera was there when its capacity was asked.
+void Start(const std::function<void(const Extent& piece)>& start, const Extent& piece) {
+    try {
+        start(piece);
+    } catch (const orvik::Error& error) {
+        if (error.Kind() != orvik::ErrorKind::kNoSuchCamera)
+            throw;
+        throw Failure(ExitCode::kRefused, "the camera was unplugged before " + Words(piece));
+    }
+}
+
 std::vector<std::byte> Finish(Transfers& transfers, const Extent& piece) {
     try {
         return transfers.Finish();
@@ -95,7 +106,7 @@ void Carry(Transfers& transfers, const orvik::Capacity& capacity, const Extent& 
     while (rest.count != 0 || !pieces.empty()) {
         while (rest.count != 0 && pieces.size() < outstanding) {
             const Extent piece{rest.first, std::min(rest.count, blocksPerCommand)};
-            start(piece);
+            Start(start, piece);
             pieces.push_back(piece);
             rest = {rest.first + piece.count, rest.count - piece.count};
         }
