@@ -6,6 +6,24 @@
 #include "cancellation.h"
 #include "exit_code.h"
 
+namespace {
+
+/// Ctrl-C does not end a call of the client library that waits for the service. It counts when the
+/// call has ended, however it did.
+template <class Call>
+auto ThenThrowIfCancelled(const Call& call) {
+    try {
+        auto result = call();
+        ThrowIfCancelled();
+        return result;
+    } catch (const orvik::Error&) {
+        ThrowIfCancelled();
+        throw;
+    }
+}
+
+}  // namespace
+
 CLI::Option* AddCamera(CLI::App& command, std::optional<orvik::CameraId>& camera) {
     return command
         .add_option_function<std::string>(
@@ -39,14 +57,17 @@ orvik::Client Connect(const Settings& settings) {
     ThrowIfCancelled();
     orvik::ConnectOptions options;
     options.checkServer = settings.checkServer;
-    return orvik::Client(options);
+    return ThenThrowIfCancelled([&options] { return orvik::Client(options); });
 }
 
 double MillisecondsOfRoundTrip(orvik::Client& client) {
-    const auto start = std::chrono::steady_clock::now();
-    client.RoundTrip();
-    const std::chrono::duration<double, std::micro> time = std::chrono::steady_clock::now() - start;
-    return std::round(time.count()) / 1000;
+    return ThenThrowIfCancelled([&client] {
+        using Clock = std::chrono::steady_clock;
+        const auto start = Clock::now();
+        client.RoundTrip(orvik::kConnectTimeout);
+        const std::chrono::duration<double, std::micro> time = Clock::now() - start;
+        return std::round(time.count()) / 1000;
+    });
 }
 
 orvik::CameraId ChooseCamera(const orvik::Client& client,

@@ -52,6 +52,7 @@ std::filesystem::path PathOf(const std::string& utf8);
 orvik::Client Connect(const Settings& settings);
 
 /// What a request takes that asks no camera, to a thousandth.
+/// Throws orvik::Error, and Failure with ExitCode::kCancelled on Ctrl-C.
 double MillisecondsOfRoundTrip(orvik::Client& client);
 
 /// The camera asked for, or the only one. Throws Failure if there is none or several.
