@@ -71,6 +71,18 @@ private:
     bool made = false;
 };
 
+/// Installs the service with a command line as it is. The service is not started.
+void InstallCommandLine(const std::wstring& commandLine) {
+    InstallService(L"replaced");
+    const SC_HANDLE manager = ::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+    const SC_HANDLE service = ::OpenServiceW(manager, kServiceName, SERVICE_CHANGE_CONFIG);
+    EXPECT_TRUE(::ChangeServiceConfigW(service, SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
+                                       SERVICE_NO_CHANGE, commandLine.c_str(), nullptr, nullptr,
+                                       nullptr, nullptr, nullptr, nullptr));
+    ::CloseServiceHandle(service);
+    ::CloseServiceHandle(manager);
+}
+
 using OrvikctlStatus = OrvikctlTest;
 
 TEST_F(OrvikctlStatus, ServiceThatRuns) {
@@ -131,6 +143,29 @@ TEST_F(OrvikctlStatus, ServiceThatWasNeverStarted) {
     EXPECT_EQ(facts["version"], "4.0.4");
     EXPECT_TRUE(facts["pipe"].starts_with("not reachable, the service is not running")) << result;
     EXPECT_TRUE(IsUnknown(facts["cameras"])) << result;
+    EndLeftovers();
+}
+
+TEST_F(OrvikctlStatus, CommandLineWithoutQuotes) {
+    const std::filesystem::path inside = folder / L"a b" / L"c d";
+    std::filesystem::create_directories(inside);
+    std::filesystem::create_directory(folder / L"a");  // no file
+    const std::filesystem::path program = inside / L"Orvik Service.exe";
+    std::filesystem::copy_file(ProgramPath(L"OrvikService.exe"), program);
+    for (const std::wstring& commandLine :
+         {program.wstring(), program.wstring() + L" -x y z",
+          (inside / L"Orvik Service").wstring() + L"\t-x", L'"' + program.wstring() + L"\" -x"}) {
+        InstallCommandLine(commandLine);
+        Facts facts = FactsOf(Orvikctl(L"status"));
+        EXPECT_EQ(facts["program"], Narrow(program.wstring())) << Narrow(commandLine);
+        EXPECT_EQ(facts["version"], "4.0.4") << Narrow(commandLine);
+        EndLeftovers();
+    }
+    InstallCommandLine((inside / L"another one.exe").wstring() + L" -x");
+    Facts facts = FactsOf(Orvikctl(L"status"));
+    EXPECT_TRUE(facts["program"].starts_with("unknown, because no program is found in "))
+        << facts["program"];
+    EXPECT_TRUE(IsUnknown(facts["version"])) << facts["version"];
     EndLeftovers();
 }
 

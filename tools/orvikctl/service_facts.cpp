@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
+#include <system_error>
 #include <type_traits>
 
 #include <windows.h>
@@ -167,6 +168,26 @@ std::string Words(SC_ACTION_TYPE action) {
     }
 }
 
+bool IsFile(const std::filesystem::path& path) {
+    std::error_code error;
+    return path.is_absolute() && std::filesystem::is_regular_file(path, error);
+}
+
+/// The program of a command line without quotes, in which a path may have spaces: as Windows finds
+/// it, the first words that are the name of a file.
+std::filesystem::path UnquotedProgram(const std::wstring& commandLine) {
+    std::size_t end = 0;
+    do {
+        end = commandLine.find_first_of(L" \t", end + 1);
+        std::filesystem::path words = commandLine.substr(0, end);
+        if (IsFile(words))
+            return words;
+        if (!words.has_extension() && IsFile(words += L".exe"))
+            return words;
+    } while (end != std::wstring::npos);
+    FailLast("no program is found in " + Utf8(commandLine), ERROR_FILE_NOT_FOUND);
+}
+
 /// The service names its dumps with identifiers: 36 characters, and ".dmp".
 bool IsDumpName(const std::wstring& name) {
     return name.size() == 40 && name[8] == L'-' && name[13] == L'-' && name[18] == L'-' &&
@@ -214,6 +235,8 @@ std::string ServiceStartType() {
 
 std::filesystem::path ServiceProgram() {
     const std::wstring commandLine = Expanded(Config()->lpBinaryPathName);
+    if (!commandLine.starts_with(L'"'))
+        return UnquotedProgram(commandLine);
     int count = 0;
     const std::unique_ptr<LPWSTR, LocalFreer> words(
         ::CommandLineToArgvW(commandLine.c_str(), &count));
