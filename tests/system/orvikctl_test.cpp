@@ -1,27 +1,35 @@
 // orvikctl as it ships: arguments, exit codes without a service, and the commands that ask little.
 
+#include <stdexcept>
+
 #include "orvikctl_fixture.h"
 
 namespace system_test {
 namespace {
 
-const wchar_t* const kCommands[] = {L"list",
-                                    L"watch",
-                                    L"ping",
-                                    L"inquiry",
-                                    L"inquiry 1",
-                                    L"read -o x",
-                                    L"raw -n 00 00 00 00 00 00"};
+class OrvikctlWithoutService : public OrvikctlTest {
+protected:
+    OrvikctlWithoutService() { MakeFile(L"x", Bytes(512)); }
 
-TEST_F(OrvikctlTest, ServiceThatIsNotInstalled) {
-    for (const wchar_t* const command : kCommands)
+    const std::wstring commands[8] = {L"list",
+                                      L"watch",
+                                      L"ping",
+                                      L"inquiry",
+                                      L"inquiry 1",
+                                      L"read -o " + Quoted(L"y"),
+                                      L"write -i " + Quoted(L"x"),
+                                      L"raw -n 00 00 00 00 00 00"};
+};
+
+TEST_F(OrvikctlWithoutService, ThatIsNotInstalled) {
+    for (const std::wstring& command : commands)
         EXPECT_TRUE(Failed(Orvikctl(command), 5, "the service OrvikService is not installed"));
 }
 
-TEST_F(OrvikctlTest, ServiceThatIsStopped) {
+TEST_F(OrvikctlWithoutService, ThatIsStopped) {
     RunningService service(RunMode::kServiceManager);
     service.Stop();
-    for (const wchar_t* const command : kCommands)
+    for (const std::wstring& command : commands)
         EXPECT_TRUE(Failed(Orvikctl(command), 5, "the service is not running"));
 }
 
@@ -109,6 +117,62 @@ TEST_F(OrvikctlTest, Version) {
     EXPECT_EQ(JsonOf(Orvikctl(L"version --json")).at("version"), "4.0.4");
 }
 
+/// Runs it with a pipe for its standard output that nobody reads any more; what it says of that.
+class OrvikctlWithoutReader : public OrvikctlTest {
+protected:
+    std::string ErrorOf(const std::wstring& arguments) const {
+        SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
+        HANDLE readEnd = nullptr;
+        HANDLE writeEnd = nullptr;
+        if (!::CreatePipe(&readEnd, &writeEnd, &inheritable, 0))
+            throw std::runtime_error("CreatePipe failed");
+        const UniqueHandle output(writeEnd);
+        ::CloseHandle(readEnd);
+        const UniqueHandle errors = OwnFile(::CreateFileW(
+            (folder / L"errors").c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+            &inheritable, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        STARTUPINFOW startup{};
+        startup.cb = sizeof(startup);
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdOutput = output.get();
+        startup.hStdError = errors.get();
+        std::wstring commandLine = L"orvikctl " + arguments;
+        PROCESS_INFORMATION information{};
+        if (!::CreateProcessW(ProgramPath(L"orvikctl.exe").c_str(), commandLine.data(), nullptr,
+                              nullptr, TRUE, DETACHED_PROCESS, nullptr, nullptr, &startup,
+                              &information))
+            throw std::runtime_error("CreateProcessW failed");
+        const UniqueHandle thread(information.hThread);
+        const UniqueHandle process(information.hProcess);
+        const Deadline deadline;
+        DWORD exitCode = STILL_ACTIVE;
+        ::WaitForSingleObject(process.get(), deadline.MillisecondsLeft());
+        ::GetExitCodeProcess(process.get(), &exitCode);
+        EXPECT_EQ(exitCode, 1u);
+        std::ifstream stream(folder / L"errors");
+        std::string last;
+        for (std::string line; std::getline(stream, line);)
+            last = line;
+        return last;
+    }
+};
+
+TEST_F(OrvikctlWithoutReader, SaysWhatTheSystemSays) {
+    const PluggedCamera camera(bus);
+    const RunningService service;
+    for (const wchar_t* const arguments :
+         {L"version", L"--help", L"--no-server-check list", L"--no-server-check list --json",
+          L"--no-server-check raw -r 36 12 00 00 00 24 00"}) {
+        const std::string error = ErrorOf(arguments);
+        const std::string start = "orvikctl: error: the output could not be written: ";
+        EXPECT_TRUE(error.starts_with(start)) << error;
+        const std::size_t code = error.find(" (error 232)");  // the pipe is being closed
+        EXPECT_NE(code, std::string::npos) << error;
+        EXPECT_GT(code, start.size()) << error;
+    }
+    EXPECT_TRUE(service.IsRunning());
+}
+
 TEST_F(OrvikctlTest, NoCamera) {
     const RunningService service;
     const Result list = OrvikctlInForeground(L"list");
@@ -187,6 +251,23 @@ TEST_F(OrvikctlWithCamera, InquiryOfACameraThatReturnsTooLittle) {
     few.maximumDataBytes = 10;
     camera.Set(few);
     EXPECT_TRUE(Failed(OrvikctlInForeground(L"inquiry"), 9));
+}
+
+TEST_F(OrvikctlWithCamera, InquiryOfACameraThatIsUnpluggedMeanwhile) {
+    camera.Set(Holds());
+    OrvikctlProgram inquiry(kNoServerCheck + L"inquiry");
+    bus.WaitForPending(camera.Id(), 1, kDeadline);
+    camera.Unplug();
+    EXPECT_TRUE(Failed(inquiry.Finish(), 8, "the command failed on camera 1"));
+    EXPECT_TRUE(service.IsRunning());
+}
+
+TEST_F(OrvikctlWithCamera, InquiryOfAServiceThatIsKilledMeanwhile) {
+    camera.Set(Holds());
+    OrvikctlProgram inquiry(kNoServerCheck + L"inquiry");
+    bus.WaitForPending(camera.Id(), 1, kDeadline);
+    service.Stop();
+    EXPECT_TRUE(Failed(inquiry.Finish(), 9, "the service has closed the connection"));
 }
 
 TEST_F(OrvikctlWithCamera, InquiryOfACameraThatNeverAnswers) {

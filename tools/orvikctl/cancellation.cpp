@@ -23,7 +23,7 @@ BOOL WINAPI OnConsoleEvent(DWORD kind) {
 void CatchCancellation() {
     event.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!event || !::SetConsoleCtrlHandler(OnConsoleEvent, TRUE))
-        throw Failure(ExitCode::kFailure, "cannot wait for Ctrl-C");
+        throw SystemFailure("cannot wait for Ctrl-C");
 }
 
 HANDLE CancellationEvent() noexcept {

@@ -3,6 +3,10 @@
 #include <stdexcept>
 #include <string>
 
+#include <windows.h>
+
+#include "orvik/client.h"
+
 /// What orvikctl returns to the shell. Scripts rely on the numbers.
 enum class ExitCode {
     kSuccess = 0,
@@ -28,4 +32,13 @@ public:
 
 private:
     ExitCode code;
+};
+
+/// A call of the system failed: ExitCode::kFailure, and what `systemCode` means in words.
+class SystemFailure : public Failure {
+public:
+    /// `systemCode` is that of the call that failed.
+    explicit SystemFailure(const std::string& text, DWORD systemCode = ::GetLastError())
+        : Failure(ExitCode::kFailure,
+                  orvik::Error(orvik::ErrorKind::kSystem, text, systemCode).what()) {}
 };

@@ -20,7 +20,7 @@ public:
 
     Mailbox() : filled(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
         if (!filled)
-            throw Failure(ExitCode::kFailure, "cannot create an event");
+            throw SystemFailure("cannot create an event");
     }
 
     /// Thread: any.

@@ -10,7 +10,6 @@
 #include "commands.h"
 #include "exit_code.h"
 #include "orvik/client.h"
-#include "partial_file.h"
 #include "streams.h"
 
 namespace {
@@ -94,8 +93,6 @@ ExitCode RunAndReport(int argc, char** argv) {
         return ExitCode::kSuccess;
     } catch (const Failure& error) {
         return Fail(error, error.Code());
-    } catch (const FileError& error) {
-        return Fail(error, ExitCode::kFailure);
     } catch (const orvik::Error& error) {
         return Fail(error, ExitCodeOf(error.Kind()));
     } catch (const std::exception& error) {

@@ -12,7 +12,7 @@ std::string Utf8(const std::filesystem::path& path) {
 }  // namespace
 
 FileError::FileError(const char* text, const std::filesystem::path& file, DWORD systemCode)
-    : orvik::Error(orvik::ErrorKind::kSystem, std::string(text) + " " + Utf8(file), systemCode) {}
+    : SystemFailure(std::string(text) + " " + Utf8(file), systemCode) {}
 
 PartialFile::PartialFile(const std::filesystem::path& targetFile)
     : target(targetFile),

@@ -7,10 +7,10 @@
 #include <windows.h>
 
 #include "device/unique_handle.h"
-#include "orvik/client.h"
+#include "exit_code.h"
 
 /// A file could not be made or written.
-class FileError : public orvik::Error {
+class FileError : public SystemFailure {
 public:
     /// `systemCode` is that of the call that failed.
     FileError(const char* text, const std::filesystem::path& file,

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include <fcntl.h>
 #include <io.h>
@@ -37,9 +38,15 @@ std::span<const std::byte> BytesOf(std::string_view text) noexcept {
     return std::as_bytes(std::span(text.data(), text.size()));
 }
 
-void Check(bool written) {
-    if (!written)
-        throw Failure(ExitCode::kFailure, "the output could not be written");
+constexpr char kNotWritten[] = "the output could not be written";
+
+void WriteToOutput(std::span<const std::byte> bytes) {
+    if (WriteToFile(stdout, bytes))
+        return;
+    // Not every run-time library keeps the code.
+    const DWORD last = ::GetLastError();
+    const DWORD kept = _doserrno;
+    throw SystemFailure(kNotWritten, kept != 0 ? kept : last);
 }
 
 bool IsControl(std::byte byte) noexcept {
@@ -64,13 +71,15 @@ void Say(const std::string& text) noexcept {
 }
 
 void Print(const std::string& text) {
-    Check(StandardOutputIsTerminal() ? WriteToConsole(STD_OUTPUT_HANDLE, text)
-                                     : WriteToFile(stdout, BytesOf(text)));
+    if (!StandardOutputIsTerminal())
+        WriteToOutput(BytesOf(text));
+    else if (!WriteToConsole(STD_OUTPUT_HANDLE, text))
+        throw SystemFailure(kNotWritten);
 }
 
 void PrintBytes(std::span<const std::byte> bytes) {
     ::_setmode(::_fileno(stdout), _O_BINARY);
-    Check(WriteToFile(stdout, bytes));
+    WriteToOutput(bytes);
 }
 
 void PrintJson(const nlohmann::ordered_json& object) {
