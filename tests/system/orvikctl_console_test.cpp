@@ -1,7 +1,10 @@
 // orvikctl on a console: what it shows there, and Ctrl-C.
 
 #include <algorithm>
+#include <chrono>
 #include <optional>
+#include <regex>
+#include <string>
 
 #include "orvikctl_fixture.h"
 #include "test_console.h"
@@ -11,6 +14,8 @@ namespace {
 
 class OrvikctlOnConsole : public OrvikctlWithCamera {
 protected:
+    using OrvikctlWithCamera::OrvikctlWithCamera;
+
     void Start(const std::wstring& arguments) {
         console.Start(ProgramPath(L"orvikctl.exe"), kNoServerCheck + arguments);
     }
@@ -21,11 +26,12 @@ protected:
         Start(arguments);
         bus.WaitForPending(camera.Id(), pending, kDeadline);
     }
-    /// For read and write: READ CAPACITY comes first, then 3 commands for the whole camera.
-    void StartHeldInBlocks(const std::wstring& arguments) {
+    /// For read and write: READ CAPACITY comes first, then `pending` commands, 3 for the whole
+    /// camera.
+    void StartHeldInBlocks(const std::wstring& arguments, std::uint32_t pending = 3) {
         StartHeld(arguments, 1);
         bus.ReleaseAll(camera.Id());
-        bus.WaitForPending(camera.Id(), 3, kDeadline);
+        bus.WaitForPending(camera.Id(), pending, kDeadline);
     }
 
     /// That the service goes on and the camera answers.
@@ -79,6 +85,40 @@ TEST_F(OrvikctlOnConsole, ReadShowsItsProgress) {
     EXPECT_EQ(screen[1], "read 300 blocks from 0 on, 153600 bytes");
 }
 
+/// With so many blocks that one command carries a small part of them.
+class OrvikctlOnConsoleForLong : public OrvikctlOnConsole {
+protected:
+    static constexpr std::uint32_t kManyBlocks = 65'536;
+    OrvikctlOnConsoleForLong() : OrvikctlOnConsole(kManyBlocks) {}
+};
+
+TEST_F(OrvikctlOnConsoleForLong, ReadShowsWhenItWillBeDone) {
+    const auto start = std::chrono::steady_clock::now();
+    StartHeldInBlocks(L"read -o " + Quoted(L"x"), 4);
+    const std::uint64_t first = camera.Counters().requests - 3;
+    bus.Release(camera.Id(), first);
+    // It shows how far it is before it starts the next one.
+    bus.WaitFor(camera.Id(), vcam::Counter::kRequests, first + 4, kDeadline);
+    const std::string line = console.Screen().at(0);
+    const std::chrono::duration<double> longest = std::chrono::steady_clock::now() - start;
+
+    static const std::regex kLine(
+        R"(\[\.{40}\]   0 % +([0-9]+\.[0-9]) MB/s +([0-9]+):([0-9]{2}) left)");
+    std::smatch numbers;
+    ASSERT_TRUE(std::regex_match(line, numbers, kLine)) << line;
+    const double rate = std::stod(numbers[1]);                               // to 0.05
+    const double left = std::stod(numbers[2]) * 60 + std::stod(numbers[3]);  // rounded up
+    EXPECT_LT(std::stoi(numbers[3]), 60) << line;
+    constexpr double kDone = 128 * 512 / 1e6;
+    constexpr double kRest = kManyBlocks * 512 / 1e6 - kDone;
+    EXPECT_GE(left * (rate + 0.05), kRest) << line;
+    EXPECT_LE((left - 1) * (rate - 0.05), kRest) << line;
+    EXPECT_LE((left - 1) / kRest, longest.count() / kDone) << line;
+
+    ExpectCancelled();
+    ExpectNoFiles();
+}
+
 TEST_F(OrvikctlOnConsole, CtrlCEndsAReadAndLeavesNoFile) {
     StartHeldInBlocks(L"read -o " + Quoted(L"x"));
     ExpectCancelled();
@@ -88,6 +128,11 @@ TEST_F(OrvikctlOnConsole, CtrlCEndsAReadAndLeavesNoFile) {
 TEST_F(OrvikctlOnConsole, CtrlCEndsAWrite) {
     MakeFile(L"x", Bytes(kBlocks * vcam::kBlockSize));
     StartHeldInBlocks(L"write -i " + Quoted(L"x"));
+    ExpectCancelled();
+}
+
+TEST_F(OrvikctlOnConsole, CtrlCEndsAnInquiry) {
+    StartHeld(L"inquiry", 1);
     ExpectCancelled();
 }
 

@@ -58,9 +58,9 @@ class OrvikctlWithCamera : public OrvikctlTest {
 protected:
     static constexpr std::uint32_t kBlocks = 300;
 
-    static vcam::PlugOptions Options() {
+    static vcam::PlugOptions Options(std::uint32_t blocks) {
         vcam::PlugOptions options;
-        options.blockCount = kBlocks;
+        options.blockCount = blocks;
         return options;
     }
 
@@ -71,7 +71,10 @@ protected:
         return bytes;
     }
 
-    OrvikctlWithCamera() { bus.WriteMemory(camera.Id(), 0, content); }
+    /// What is beyond 300 blocks is zero.
+    explicit OrvikctlWithCamera(std::uint32_t blocks = kBlocks) : camera(bus, Options(blocks)) {
+        bus.WriteMemory(camera.Id(), 0, content);
+    }
 
     Bytes Blocks(std::size_t first, std::size_t count) const {
         const auto start = content.begin() + static_cast<std::ptrdiff_t>(first * vcam::kBlockSize);
@@ -81,7 +84,7 @@ protected:
     Bytes Memory() { return bus.ReadMemory(camera.Id(), 0, kBlocks * vcam::kBlockSize); }
 
     const Bytes content = Pattern(kBlocks * vcam::kBlockSize, 7);
-    PluggedCamera camera{bus, Options()};
+    PluggedCamera camera;
     RunningService service;
 };
 

@@ -1,0 +1,234 @@
+// orvikctl against a service that is silent, leaves, or sends what makes no sense.
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "fake_service.h"
+#include "orvikctl_fixture.h"
+#include "test_console.h"
+
+namespace system_test {
+namespace {
+
+using client_test::FakeService;
+using client_test::Peer;
+using client_test::Request;
+
+const std::string kNonsense = "the service sent a message that makes no sense, type 77";
+
+/// In place of an answer.
+void SendNonsense(Peer& peer) {
+    peer.Send({77, 1, 1, 5});
+}
+
+/// What READ CAPACITY returns.
+Bytes CapacityOf(std::uint32_t blocks, std::uint32_t blockLength) {
+    Bytes bytes;
+    for (const std::uint32_t number : {blocks - 1, blockLength}) {
+        for (int shift = 24; shift >= 0; shift -= 8)
+            bytes.push_back(static_cast<std::byte>(number >> shift));
+    }
+    return bytes;
+}
+
+/// What a command makes of a service that lies to it.
+struct Command {
+    std::string name;
+    const wchar_t* arguments;  // with the name of a file behind them if they end in a blank
+    bool asks;                 // for more than a connection
+};
+
+std::ostream& operator<<(std::ostream& stream, const Command& command) {
+    return stream << command.name;
+}
+
+std::string NameOfCommand(const testing::TestParamInfo<Command>& info) {
+    return info.param.name;
+}
+
+class OrvikctlLyingService : public OrvikctlTest {
+protected:
+    OrvikctlLyingService() { MakeFile(L"given", Bytes(1024)); }
+    ~OrvikctlLyingService() override {
+        EXPECT_EQ(Files(), std::vector<std::filesystem::path>{L"given"});
+    }
+
+    std::wstring Arguments(std::wstring arguments) const {
+        if (arguments.ends_with(L' '))
+            arguments += Quoted(arguments.ends_with(L"-i ") ? L"given" : L"made");
+        return kNoServerCheck + arguments;
+    }
+
+    Result Run(const std::wstring& arguments) const { return Orvikctl(Arguments(arguments)); }
+
+    static std::unique_ptr<FakeService> Play(std::function<void(Peer&)> script) {
+        return std::make_unique<FakeService>(std::move(script), std::function<void(int)>(),
+                                             kPipeName);
+    }
+};
+
+/// `status` reports before it fails, and `watch` may have shown a camera.
+testing::AssertionResult FailedOrReported(Result result, DWORD exitCode, const std::string& why) {
+    const std::string pipe = "pipe          not reachable, " + why;
+    const auto says = [&pipe](const std::string& line) { return line.starts_with(pipe); };
+    if (result.output == Lines{"attached 1"})
+        result.output.clear();
+    if (!result.output.empty()) {
+        if (std::none_of(result.output.begin(), result.output.end(), says))
+            return testing::AssertionFailure() << result;
+        result.output.clear();
+    }
+    return Failed(result, exitCode, why);
+}
+
+TEST_F(OrvikctlLyingService, ThatIsSilent) {
+    const auto service = Play([](Peer& peer) { peer.ReadToTheEnd(); });
+    OrvikctlProgram list(Arguments(L"list"));
+    OrvikctlProgram status(Arguments(L"status"));
+    EXPECT_TRUE(Failed(list.Finish(), 7, "no answer came in time"));
+    const Result result = status.Finish();
+    EXPECT_FALSE(result.output.empty());
+    EXPECT_TRUE(FailedOrReported(result, 7, "no answer came in time"));
+}
+
+class OrvikctlCommand : public OrvikctlLyingService, public testing::WithParamInterface<Command> {
+protected:
+    Result Run() const { return OrvikctlLyingService::Run(GetParam().arguments); }
+
+    /// Up to where the command under test waits for what it asks for.
+    static void Begin(Peer& peer) {
+        peer.Welcome({1});
+        if (GetParam().asks)
+            peer.ReadRequest();
+    }
+};
+INSTANTIATE_TEST_SUITE_P(
+    Each, OrvikctlCommand,
+    testing::Values(Command{"list", L"list", false}, Command{"ping", L"ping", true},
+                    Command{"status", L"status", true}, Command{"inquiry", L"inquiry", true},
+                    Command{"read", L"read -o ", true}, Command{"write", L"write -i ", true},
+                    Command{"raw", L"raw -r 36 12 00 00 00 24 00 -o ", true},
+                    Command{"watch", L"watch", false}),
+    NameOfCommand);
+
+TEST_P(OrvikctlCommand, ServiceThatLeavesInsteadOfAWelcome) {
+    const auto service = Play([](Peer& peer) { peer.ReadRequest(); });
+    EXPECT_TRUE(FailedOrReported(Run(), 9, "the service has closed the connection"));
+}
+
+TEST_P(OrvikctlCommand, NonsenseInsteadOfAWelcome) {
+    const auto service = Play([](Peer& peer) {
+        peer.ReadRequest();
+        SendNonsense(peer);
+        peer.ReadToTheEnd();
+    });
+    EXPECT_TRUE(FailedOrReported(Run(), 9, kNonsense));
+}
+
+TEST_P(OrvikctlCommand, ServiceThatLeavesInsteadOfAnAnswer) {
+    if (GetParam().name == "list")
+        GTEST_SKIP() << "is done before";
+    const auto service = Play(Begin);
+    EXPECT_TRUE(FailedOrReported(Run(), 9, "the service has closed the connection"));
+}
+
+TEST_P(OrvikctlCommand, NonsenseInsteadOfAnAnswer) {
+    if (GetParam().name == "list")
+        GTEST_SKIP() << "is done before";
+    const auto service = Play([](Peer& peer) {
+        Begin(peer);
+        SendNonsense(peer);
+        peer.ReadToTheEnd();
+    });
+    // The event that ends a watch has no words.
+    const bool events = GetParam().name == "watch";
+    EXPECT_TRUE(
+        FailedOrReported(Run(), 9, events ? "the service has closed the connection" : kNonsense));
+}
+
+/// Blocks of which only one fits into a command.
+constexpr std::uint32_t kLongBlock = 40'000;
+
+TEST_F(OrvikctlLyingService, ThatLeavesInTheMiddleOfARead) {
+    const auto service = Play([](Peer& peer) {
+        peer.Welcome({1});
+        peer.Succeed(peer.ReadRequest(), CapacityOf(2, kLongBlock));
+        peer.Succeed(peer.ReadRequest(), Bytes(kLongBlock));
+        peer.ReadRequest();
+    });
+    EXPECT_TRUE(
+        Failed(Run(L"read --outstanding 1 -o "), 9, "the service has closed the connection"));
+}
+
+TEST_F(OrvikctlLyingService, ThatLeavesInTheMiddleOfAWrite) {
+    const auto service = Play([](Peer& peer) {
+        peer.Welcome({1});
+        peer.Succeed(peer.ReadRequest(), CapacityOf(2, 512));
+        peer.ReadRequest();
+    });
+    const Result result = Run(L"write -i ");
+    EXPECT_TRUE(Failed(result, 9, "the service has closed the connection"));
+    EXPECT_EQ(result.errors.at(0), "surely written: 0 blocks from 0 on");
+}
+
+TEST_F(OrvikctlLyingService, CameraThatGoesBetweenTwoCommandsOfARead) {
+    const auto service = Play([](Peer& peer) {
+        peer.Welcome({1});
+        peer.Succeed(peer.ReadRequest(), CapacityOf(2, kLongBlock));
+        const Request read = peer.ReadRequest();
+        Bytes answer =
+            client_test::BytesOf({kTransferSucceeded, read.header.requestId, 1, kLongBlock});
+        answer.resize(answer.size() + kLongBlock);
+        const Bytes detached = client_test::BytesOf({kCameraDetached, kNotificationId, 1, 0});
+        answer.insert(answer.end(), detached.begin(), detached.end());
+        peer.Send(answer);
+        peer.ReadToTheEnd();
+    });
+    EXPECT_TRUE(Failed(Run(L"read --outstanding 1 -t 5 -o "), 8,
+                       "the camera was unplugged before 1 blocks from 1 on"));
+}
+
+/// Ctrl-C while the command waits for a service that is silent.
+class OrvikctlSilentService : public OrvikctlLyingService {
+protected:
+    /// Returns when the service has begun to be silent.
+    void Start(const std::wstring& arguments, std::function<void(Peer&)> untilThen) {
+        const UniqueHandle silent(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        service = Play([script = std::move(untilThen), event = silent.get()](Peer& peer) {
+            script(peer);
+            ::SetEvent(event);
+            peer.ReadToTheEnd();
+        });
+        console.Start(ProgramPath(L"orvikctl.exe"), kNoServerCheck + arguments);
+        const Deadline deadline;
+        ASSERT_EQ(::WaitForSingleObject(silent.get(), deadline.MillisecondsLeft()), WAIT_OBJECT_0);
+    }
+
+    void ExpectCancelled() {
+        console.PressCtrlC();
+        EXPECT_EQ(console.WaitForEnd(), 4u);
+        EXPECT_EQ(console.Screen(), Lines{"orvikctl: error: cancelled"});
+    }
+
+    std::unique_ptr<FakeService> service;
+    TestConsole console;
+};
+
+TEST_F(OrvikctlSilentService, CtrlCWhileItConnects) {
+    Start(L"status", [](Peer& peer) { peer.ReadRequest(); });
+    ExpectCancelled();
+}
+
+TEST_F(OrvikctlSilentService, CtrlCDuringARoundTrip) {
+    Start(L"ping", [](Peer& peer) {
+        peer.Welcome({1});
+        peer.ReadRequest();
+    });
+    ExpectCancelled();
+}
+
+}  // namespace
+}  // namespace system_test
