@@ -125,6 +125,18 @@ TEST_F(OrvikctlBlocks, WriteOfWhatDoesNotFit) {
     EXPECT_EQ(Memory(), content);
 }
 
+TEST_F(OrvikctlBlocks, WriteOfAFileThatIsBeingWritten) {
+    MakeFile(L"x", Bytes(vcam::kBlockSize));
+    const UniqueHandle writer = OwnFile(
+        ::CreateFileW((folder / L"x").c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                      nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(writer);
+    const Result result = Write(L"", L"x");
+    EXPECT_TRUE(Failed(result, 1, "cannot open "));
+    EXPECT_TRUE(result.errors.at(0).ends_with("(error 32)")) << result;
+    EXPECT_EQ(Memory(), content);
+}
+
 TEST_F(OrvikctlBlocks, CameraThatRefuses) {
     MakeFile(L"x", Bytes(vcam::kBlockSize));
     camera.Set(AnswersScsiStatus(2));

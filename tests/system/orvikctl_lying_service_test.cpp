@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "fake_service.h"
@@ -191,6 +192,20 @@ TEST_F(OrvikctlLyingService, CameraThatGoesBetweenTwoCommandsOfARead) {
                        "the camera was unplugged before 1 blocks from 1 on"));
 }
 
+/// READ(6) and WRITE(6) reach the first 2^21 blocks.
+TEST_F(OrvikctlLyingService, CameraWithMoreBlocksThanCanBeReached) {
+    for (const wchar_t* const arguments :
+         {L"read -o ", L"read --first 2097151 --blocks 2 -o ", L"write --first 2097151 -i "}) {
+        const auto service = Play([](Peer& peer) {
+            peer.Welcome({1});
+            peer.Succeed(peer.ReadRequest(), CapacityOf((1U << 21) + 1, 512));
+            peer.ReadToTheEnd();
+        });
+        EXPECT_TRUE(Failed(Run(arguments), 1,
+                           "the camera has 2097153 blocks, only the first 2097152 can be reached"));
+    }
+}
+
 /// Ctrl-C while the command waits for a service that is silent.
 class OrvikctlSilentService : public OrvikctlLyingService {
 protected:
@@ -205,6 +220,13 @@ protected:
         console.Start(ProgramPath(L"orvikctl.exe"), kNoServerCheck + arguments);
         const Deadline deadline;
         ASSERT_EQ(::WaitForSingleObject(silent.get(), deadline.MillisecondsLeft()), WAIT_OBJECT_0);
+    }
+
+    void StartPing() {
+        Start(L"ping", [](Peer& peer) {
+            peer.Welcome({1});
+            peer.ReadRequest();
+        });
     }
 
     void ExpectCancelled() {
@@ -223,11 +245,23 @@ TEST_F(OrvikctlSilentService, CtrlCWhileItConnects) {
 }
 
 TEST_F(OrvikctlSilentService, CtrlCDuringARoundTrip) {
-    Start(L"ping", [](Peer& peer) {
-        peer.Welcome({1});
-        peer.ReadRequest();
-    });
+    StartPing();
     ExpectCancelled();
+}
+
+TEST_F(OrvikctlSilentService, AnotherCtrlCEndsItAtOnce) {
+    StartPing();
+    // Two that come close together may be told as one.
+    const UniqueHandle ended(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    std::thread finger([this, event = ended.get()] {
+        do
+            console.PressCtrlC();
+        while (::WaitForSingleObject(event, 50) == WAIT_TIMEOUT);
+    });
+    EXPECT_NE(console.WaitForEnd(), 4u);
+    ::SetEvent(ended.get());
+    finger.join();
+    EXPECT_EQ(console.Screen(), Lines{});
 }
 
 }  // namespace

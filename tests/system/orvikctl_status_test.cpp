@@ -147,7 +147,7 @@ TEST_F(OrvikctlStatus, ServiceThatWasNeverStarted) {
 }
 
 TEST_F(OrvikctlStatus, CommandLineWithoutQuotes) {
-    const std::filesystem::path inside = folder / L"a b" / L"c d";
+    const std::filesystem::path inside = folder / L"a b" / L"c \u00E4";
     std::filesystem::create_directories(inside);
     std::filesystem::create_directory(folder / L"a");  // no file
     const std::filesystem::path program = inside / L"Orvik Service.exe";
@@ -159,6 +159,10 @@ TEST_F(OrvikctlStatus, CommandLineWithoutQuotes) {
         Facts facts = FactsOf(Orvikctl(L"status"));
         EXPECT_EQ(facts["program"], Narrow(program.wstring())) << Narrow(commandLine);
         EXPECT_EQ(facts["version"], "4.0.4") << Narrow(commandLine);
+        const Result result = Orvikctl(L"status --json");
+        const std::string& json = result.output.at(0);
+        EXPECT_NE(json.find("c \\u00e4"), std::string::npos) << json;
+        EXPECT_EQ(Json::parse(json).at("program"), Narrow(program.wstring()));
         EndLeftovers();
     }
     InstallCommandLine((inside / L"another one.exe").wstring() + L" -x");
