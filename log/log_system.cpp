@@ -142,7 +142,7 @@ void LogSystem::EnsureOpen() {
     logFile = std::make_unique<LogFile>(LogPath(logFolder, logName), kMaximumRecordLength);
     RotateLogFiles(logFolder, logName);
 
-    std::string names(3 * 32'767, '\0');  // no variable is longer, as UTF-8
+    std::string names(std::size_t{3} * 32'767, '\0');  // no variable is longer, as UTF-8
     names.resize(
         ::GetEnvironmentVariableA("LOG_MODULES", names.data(), static_cast<DWORD>(names.size())));
     if (!names.empty())
