@@ -6,6 +6,8 @@
 
 #include <shlobj.h>
 
+#include "telling.h"
+
 int main() {
     system_test::CrashRecord record{};
     record.processId = ::GetCurrentProcessId();
@@ -21,18 +23,6 @@ int main() {
     if (SUCCEEDED(::SHGetKnownFolderPath(FOLDERID_LocalAppData, 0, nullptr, &local)))
         ::lstrcpynW(record.localFolder, local, static_cast<int>(std::size(record.localFolder)));
     ::CoTaskMemFree(local);
-    const HANDLE console = ::CreateFileW(L"CONOUT$", GENERIC_WRITE, FILE_SHARE_WRITE, nullptr,
-                                         OPEN_EXISTING, 0, nullptr);
-    record.hasConsole = console != INVALID_HANDLE_VALUE;
-
-    // Another one may be telling of its start at this moment: they share the writing.
-    const HANDLE mailslot =
-        ::CreateFileW(system_test::kCrashMailslot, GENERIC_WRITE,
-                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (mailslot == INVALID_HANDLE_VALUE)
-        return 1;
-    DWORD written = 0;
-    const BOOL told = ::WriteFile(mailslot, &record, sizeof(record), &written, nullptr);
-    ::CloseHandle(mailslot);
-    return told ? 0 : 1;
+    record.hasConsole = system_test::HasConsole();
+    return system_test::Tell(system_test::kCrashMailslot, record) ? 0 : 1;
 }

@@ -145,7 +145,7 @@ class CrashTest : public SystemTest {
 protected:
     /// Says that a service has been crashed which writes its dumps itself: its dump.
     static fs::path ExpectServicesReport(const CrashRecord& record, const std::wstring& reporter) {
-        const fs::path file = DumpOf(record);
+        fs::path file = DumpOf(record);
         EXPECT_EQ(
             Narrow(record.commandLine),
             Narrow(L"\"" + reporter + L"\" |*|0|*|" + record.temporaryFolder + L"\\" +

@@ -4,6 +4,8 @@
 
 #include <iterator>
 
+#include "telling.h"
+
 namespace {
 
 void GetUserSid(std::byte* sid, DWORD size) {
@@ -34,18 +36,6 @@ int main(int argc, char* /*argv*/[]) {
     record.showWindow = startup.wShowWindow;
     record.argumentCount = static_cast<WORD>(argc);
     ::ProcessIdToSessionId(::GetCurrentProcessId(), &record.sessionId);
-    const HANDLE console = ::CreateFileW(L"CONOUT$", GENERIC_WRITE, FILE_SHARE_WRITE, nullptr,
-                                         OPEN_EXISTING, 0, nullptr);
-    record.hasConsole = console != INVALID_HANDLE_VALUE;
-
-    // Another one may be telling of its start at this moment: they share the writing.
-    const HANDLE mailslot =
-        ::CreateFileW(system_test::kLaunchMailslot, GENERIC_WRITE,
-                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (mailslot == INVALID_HANDLE_VALUE)
-        return 1;
-    DWORD written = 0;
-    const BOOL told = ::WriteFile(mailslot, &record, sizeof(record), &written, nullptr);
-    ::CloseHandle(mailslot);
-    return told ? 0 : 1;
+    record.hasConsole = system_test::HasConsole();
+    return system_test::Tell(system_test::kLaunchMailslot, record) ? 0 : 1;
 }

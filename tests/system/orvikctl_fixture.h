@@ -6,9 +6,11 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "device/unique_handle.h"
 #include "orvikctl_program.h"
 #include "plugged_camera.h"
 
@@ -48,6 +50,39 @@ protected:
         std::ofstream(folder / file, std::ios::binary)
             .write(reinterpret_cast<const char*>(content.data()),
                    static_cast<std::streamsize>(content.size()));
+    }
+
+    /// A file that a program which is started can use.
+    UniqueHandle OpenForChild(const std::filesystem::path& file, DWORD access,
+                              DWORD disposition) const {
+        SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
+        return OwnFile(::CreateFileW((folder / file).c_str(), access,
+                                     FILE_SHARE_READ | FILE_SHARE_WRITE, &inheritable, disposition,
+                                     FILE_ATTRIBUTE_NORMAL, nullptr));
+    }
+
+    /// Runs it with standard streams of the test's, as the shell does for < and >; its exit code.
+    static DWORD RunWith(const std::wstring& arguments, HANDLE input, HANDLE output,
+                         HANDLE errors) {
+        STARTUPINFOW startup{};
+        startup.cb = sizeof(startup);
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdInput = input;
+        startup.hStdOutput = output;
+        startup.hStdError = errors;
+        std::wstring commandLine = L"orvikctl " + arguments;
+        PROCESS_INFORMATION information{};
+        if (!::CreateProcessW(ProgramPath(L"orvikctl.exe").c_str(), commandLine.data(), nullptr,
+                              nullptr, TRUE, DETACHED_PROCESS, nullptr, nullptr, &startup,
+                              &information))
+            throw std::runtime_error("CreateProcessW failed");
+        const UniqueHandle thread(information.hThread);
+        const UniqueHandle process(information.hProcess);
+        const Deadline deadline;
+        DWORD exitCode = STILL_ACTIVE;
+        ::WaitForSingleObject(process.get(), deadline.MillisecondsLeft());
+        ::GetExitCodeProcess(process.get(), &exitCode);
+        return exitCode;
     }
 
     const std::filesystem::path folder;

@@ -1,7 +1,5 @@
 // orvikctl raw.
 
-#include <stdexcept>
-
 #include "orvikctl_fixture.h"
 
 namespace system_test {
@@ -12,26 +10,9 @@ protected:
     /// Runs it with files for its standard input and output, as the shell does for < and >.
     DWORD Redirected(const std::wstring& arguments, const std::filesystem::path& input,
                      const std::filesystem::path& output) const {
-        const UniqueHandle in = OpenInheritable(folder / input, GENERIC_READ, OPEN_ALWAYS);
-        const UniqueHandle out = OpenInheritable(folder / output, GENERIC_WRITE, CREATE_ALWAYS);
-        STARTUPINFOW startup{};
-        startup.cb = sizeof(startup);
-        startup.dwFlags = STARTF_USESTDHANDLES;
-        startup.hStdInput = in.get();
-        startup.hStdOutput = out.get();
-        std::wstring commandLine = L"orvikctl " + kNoServerCheck + arguments;
-        PROCESS_INFORMATION information{};
-        if (!::CreateProcessW(ProgramPath(L"orvikctl.exe").c_str(), commandLine.data(), nullptr,
-                              nullptr, TRUE, DETACHED_PROCESS, nullptr, nullptr, &startup,
-                              &information))
-            throw std::runtime_error("CreateProcessW failed");
-        const UniqueHandle thread(information.hThread);
-        const UniqueHandle process(information.hProcess);
-        const Deadline deadline;
-        DWORD exitCode = STILL_ACTIVE;
-        ::WaitForSingleObject(process.get(), deadline.MillisecondsLeft());
-        ::GetExitCodeProcess(process.get(), &exitCode);
-        return exitCode;
+        const UniqueHandle in = OpenForChild(input, GENERIC_READ, OPEN_ALWAYS);
+        const UniqueHandle out = OpenForChild(output, GENERIC_WRITE, CREATE_ALWAYS);
+        return RunWith(kNoServerCheck + arguments, in.get(), out.get(), nullptr);
     }
 
     /// The first `size` bytes of the command that reached the camera last.
@@ -40,14 +21,6 @@ protected:
         const Bytes block = camera.LastRequest().block;
         const auto start = block.begin() + kCdbOffset;
         return {start, start + static_cast<std::ptrdiff_t>(size)};
-    }
-
-private:
-    static UniqueHandle OpenInheritable(const std::filesystem::path& file, DWORD access,
-                                        DWORD disposition) {
-        SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
-        return OwnFile(::CreateFileW(file.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                     &inheritable, disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
     }
 };
 

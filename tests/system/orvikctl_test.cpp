@@ -128,27 +128,8 @@ protected:
             throw std::runtime_error("CreatePipe failed");
         const UniqueHandle output(writeEnd);
         ::CloseHandle(readEnd);
-        const UniqueHandle errors = OwnFile(::CreateFileW(
-            (folder / L"errors").c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-            &inheritable, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-        STARTUPINFOW startup{};
-        startup.cb = sizeof(startup);
-        startup.dwFlags = STARTF_USESTDHANDLES;
-        startup.hStdOutput = output.get();
-        startup.hStdError = errors.get();
-        std::wstring commandLine = L"orvikctl " + arguments;
-        PROCESS_INFORMATION information{};
-        if (!::CreateProcessW(ProgramPath(L"orvikctl.exe").c_str(), commandLine.data(), nullptr,
-                              nullptr, TRUE, DETACHED_PROCESS, nullptr, nullptr, &startup,
-                              &information))
-            throw std::runtime_error("CreateProcessW failed");
-        const UniqueHandle thread(information.hThread);
-        const UniqueHandle process(information.hProcess);
-        const Deadline deadline;
-        DWORD exitCode = STILL_ACTIVE;
-        ::WaitForSingleObject(process.get(), deadline.MillisecondsLeft());
-        ::GetExitCodeProcess(process.get(), &exitCode);
-        EXPECT_EQ(exitCode, 1u);
+        const UniqueHandle errors = OpenForChild(L"errors", GENERIC_WRITE, CREATE_ALWAYS);
+        EXPECT_EQ(RunWith(arguments, nullptr, output.get(), errors.get()), 1u);
         std::ifstream stream(folder / L"errors");
         std::string last;
         for (std::string line; std::getline(stream, line);)
