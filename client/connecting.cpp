@@ -16,9 +16,6 @@ constexpr wchar_t kServiceName[] = L"OrvikService";
 /// Where nothing can be waited for.
 constexpr DWORD kMillisecondsBetweenLooks = 10;
 
-/// How long a server that is not the service is waited for before its connection is closed.
-constexpr std::chrono::milliseconds kLeaveTimeout{2'000};
-
 struct ServiceHandleCloser {
     using pointer = SC_HANDLE;
     void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <optional>
+#include <chrono>
 #include <string>
 
 #include "client/deadline.h"
@@ -8,6 +8,9 @@
 #include "orvik/client.h"
 
 namespace orvik {
+
+/// How long a server is waited for that is to be left politely.
+inline constexpr std::chrono::milliseconds kLeaveTimeout{2'000};
 
 /// Opens an instance of the service's pipe, and makes sure that it is the service's.
 /// Throws Error as Client's constructor does; nothing has been sent then.

@@ -17,8 +17,6 @@ namespace orvik {
 
 namespace {
 
-constexpr std::chrono::milliseconds kLeaveTimeout{2'000};
-
 /// Messages without a body that the pipe's buffer holds.
 constexpr std::size_t kMostReads = 65'536 / sizeof(MessageHeader);
 

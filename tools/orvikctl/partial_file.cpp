@@ -2,17 +2,10 @@
 
 #include <string>
 
-namespace {
-
-std::string Utf8(const std::filesystem::path& path) {
-    const std::u8string text = path.u8string();
-    return {text.begin(), text.end()};
-}
-
-}  // namespace
+#include "streams.h"
 
 FileError::FileError(const char* text, const std::filesystem::path& file, DWORD systemCode)
-    : SystemFailure(std::string(text) + " " + Utf8(file), systemCode) {}
+    : SystemFailure(std::string(text) + " " + Utf8(file.native()), systemCode) {}
 
 PartialFile::PartialFile(const std::filesystem::path& targetFile)
     : target(targetFile),
