@@ -9,8 +9,8 @@
 
 namespace orvik {
 
-/// How long a server is waited for that is to be left politely.
-inline constexpr std::chrono::milliseconds kLeaveTimeout{2'000};
+/// Time limit for a clean disconnect: two seconds, less what the rest of a destructor takes.
+inline constexpr std::chrono::milliseconds kLeaveTimeout{1'900};
 
 /// Opens an instance of the service's pipe, and makes sure that it is the service's.
 /// Throws Error as Client's constructor does; nothing has been sent then.

@@ -18,7 +18,10 @@ namespace orvik {
 namespace {
 
 /// Messages without a body that the pipe's buffer holds.
-constexpr std::size_t kMostReads = 65'536 / sizeof(MessageHeader);
+constexpr int kMostReads = 65'536 / sizeof(MessageHeader);
+
+/// So few that the deadlines of the threads that wait for the lock meanwhile are kept.
+constexpr int kReadsAtOnce = 32;
 
 /// How long after a synchronous call the next one is expected.
 constexpr DWORD kMillisecondsBetweenCalls = 10;
@@ -84,6 +87,7 @@ void Client::Connection::StartThread() {
 }
 
 void Client::Connection::Leave() noexcept {
+    const Deadline deadline(kLeaveTimeout);
     bool inHandler = false;
     {
         Lock lock(mutex);
@@ -95,7 +99,7 @@ void Client::Connection::Leave() noexcept {
         WakeThread();
         try {
             if (stream && !serviceReads)
-                WaitUntilServiceReads(lock, Deadline(kLeaveTimeout));
+                WaitUntilServiceReads(lock, deadline);
         } catch (const std::exception&) {
             // The service has gone, or hangs and had its time.
         }
@@ -112,8 +116,8 @@ void Client::Connection::Leave() noexcept {
 }
 
 std::vector<CameraId> Client::Connection::Cameras() {
-    const Lock lock(mutex);
-    TakeInWhatHasCome();
+    Lock lock(mutex);
+    ReadAllSent(lock, Deadline(kTransferTimeout));
     RequireOpen();
     return cameras;
 }
@@ -141,7 +145,7 @@ std::vector<std::byte> Client::Connection::Transfer(TransferType type, CameraId 
                                                     const Deadline& deadline) {
     std::vector<std::byte> message = MakeRequest(type, camera, cdb, data);
     Lock lock(mutex);
-    RequireCamera(camera);
+    RequireCamera(lock, camera, deadline);
     TransferResult result = Ask(lock, {.type = type, .camera = camera}, message, deadline);
     if (result.error)
         throw Error(*result.error);
@@ -155,12 +159,13 @@ RequestId Client::Connection::StartTransfer(TransferType type, CameraId camera,
     if (!completion)
         throw Error(ErrorKind::kBadArgument, "there is nobody to tell of the answer");
     std::vector<std::byte> message = MakeRequest(type, camera, cdb, data);
+    const Deadline deadline(kTransferTimeout);
     Lock lock(mutex);
-    RequireCamera(camera);
+    RequireCamera(lock, camera, deadline);
     CallEvents events = TakeEvents();
     const RequestId id =
         Send(lock, {.type = type, .camera = camera, .completion = std::move(completion)}, message,
-             events.written.get(), Deadline(kTransferTimeout));
+             events.written.get(), deadline);
     if (threadWaits == ThreadWaits::kForALittle || threadWaits == ThreadWaits::kUntilWoken)
         WakeThread();
     spareEvents.push_back(std::move(events));
@@ -235,9 +240,13 @@ void Client::Connection::RequireOpen() const {
 
 /// What has come is taken in first, so that a camera is refused that has been reported gone: the
 /// service ends its run when it is asked for one that it does not know.
-void Client::Connection::RequireCamera(CameraId camera) {
-    TakeInWhatHasCome();
+void Client::Connection::RequireCamera(Lock& lock, CameraId camera, const Deadline& deadline) {
+    const bool all = ReadAllSent(lock, deadline);
     RequireOpen();
+    if (!all)
+        throw Error(ErrorKind::kTimedOut,
+                    "the service sent messages for so long that the request "
+                    "was not sent in time");
     if (std::find(cameras.begin(), cameras.end(), camera) == cameras.end())
         throw Error(ErrorKind::kNoSuchCamera, "there is no camera " + std::to_string(camera));
 }
@@ -339,12 +348,24 @@ void Client::Connection::WaitUntilServiceReads(Lock& lock, const Deadline& deadl
     second.Finish(deadline);
 }
 
-/// Takes in what has come from the service, at least as much as the pipe can hold, but not for ever
-/// from one that never ceases. Never waits. False if nothing has come.
+/// Reads what the service sent before this call, and gives up the lock now and then. False if the
+/// deadline passed first.
+bool Client::Connection::ReadAllSent(Lock& lock, const Deadline& deadline) {
+    for (int reads = 0; TakeInWhatHasCome() && reads < kMostReads; reads += kReadsAtOnce) {
+        if (deadline.Passed())
+            return false;
+        lock.unlock();
+        std::this_thread::yield();  // to those that wait for the lock
+        lock.lock();
+    }
+    return true;
+}
+
+/// Takes in some of what has come from the service. Never waits. False if nothing has come.
 bool Client::Connection::TakeInWhatHasCome() {
     bool any = false;
     try {
-        for (std::size_t reads = 0; stream && reads < kMostReads; ++reads) {
+        for (int reads = 0; stream && reads < kReadsAtOnce; ++reads) {
             const std::optional<std::size_t> count = stream->Read(reader.Target());
             if (!count)
                 break;

@@ -122,7 +122,7 @@ private:
     void WakeThread();
 
     void RequireOpen() const;
-    void RequireCamera(CameraId camera);
+    void RequireCamera(Lock& lock, CameraId camera, const Deadline& deadline);
     RequestId Send(Lock& lock, Request request, std::span<std::byte> message, HANDLE written,
                    const Deadline& deadline);
     TransferResult Ask(Lock& lock, Request request, std::span<std::byte> message,
@@ -132,6 +132,7 @@ private:
     void WaitUntilServiceReads(Lock& lock, const Deadline& deadline);
 
     bool TakeInWhatHasCome();
+    bool ReadAllSent(Lock& lock, const Deadline& deadline);
     void TakeIn(Message message);
     void TakeInAnswer(Message message);
     void End(Request& request, TransferResult result);
