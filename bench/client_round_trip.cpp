@@ -15,9 +15,9 @@
 
 #include "device/unique_handle.h"
 #include "orvik/client.h"
-#include "plugged_camera.h"
-#include "service_fixture.h"
 #include "session/message.h"
+#include "support/plugged_camera.h"
+#include "system_test.h"
 
 namespace {
 
@@ -106,7 +106,7 @@ void Compare(const char* name, int calls, Bare bare, Library library) {
 void Run() {
     vcam::Bus bus;
     bus.UnplugAll();
-    const system_test::PluggedCamera camera(bus);
+    const PluggedCamera camera(bus);
     const system_test::RunningService service(system_test::RunMode::kServiceManager);
 
     BareClient bare;

@@ -10,9 +10,9 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include "plugged_camera.h"
 #include "raw_client.h"
-#include "service_fixture.h"
+#include "support/plugged_camera.h"
+#include "system_test.h"
 #include "watching_test.h"
 
 namespace system_test {

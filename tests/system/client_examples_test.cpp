@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
-#include "plugged_camera.h"
-#include "service_fixture.h"
+#include "support/plugged_camera.h"
+#include "system_test.h"
 #include "watching_test.h"
 
 namespace system_test {

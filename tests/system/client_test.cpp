@@ -19,9 +19,10 @@
 #include <windows.h>
 
 #include "client_answers.h"
+#include "installed_service.h"
 #include "orvik/client.h"
-#include "plugged_camera.h"
-#include "service_fixture.h"
+#include "support/plugged_camera.h"
+#include "system_test.h"
 #include "watching_test.h"
 
 namespace system_test {

@@ -12,7 +12,7 @@
 
 #include <dbghelp.h>
 
-#include "service_fixture.h"
+#include "system_test.h"
 
 namespace system_test {
 

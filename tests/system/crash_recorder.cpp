@@ -6,7 +6,7 @@
 
 #include <shlobj.h>
 
-#include "telling.h"
+#include "mailslot_message.h"
 
 int main() {
     system_test::CrashRecord record{};

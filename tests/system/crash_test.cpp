@@ -20,7 +20,7 @@
 #include "crash_dumps.h"
 #include "crash_record.h"
 #include "raw_client.h"
-#include "service_fixture.h"
+#include "system_test.h"
 
 namespace system_test {
 namespace {

@@ -3,7 +3,10 @@
 #include <chrono>
 #include <stdexcept>
 
-#include "service_fixture.h"
+#include <wtsapi32.h>
+
+#include "program.h"
+#include "support/deadline.h"
 
 namespace system_test {
 
@@ -26,6 +29,14 @@ UniqueHandle MakeMailslot() {
 }
 
 }  // namespace
+
+bool MayStartApplication() {
+    HANDLE token = nullptr;
+    if (!::WTSQueryUserToken(::WTSGetActiveConsoleSessionId(), &token))
+        return false;
+    ::CloseHandle(token);
+    return true;
+}
 
 std::wstring RecorderPath() {
     return TestFolder() + L"\\launch_recorder.exe";

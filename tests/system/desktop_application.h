@@ -11,6 +11,10 @@
 
 namespace system_test {
 
+/// True where the service in the foreground may start programs for the user at the console. It runs
+/// as the user who runs the tests, and Windows lets only LocalSystem do that.
+bool MayStartApplication();
+
 /// The program that stands in for the desktop application.
 std::wstring RecorderPath();
 

@@ -15,9 +15,9 @@
 // After <windows.h>, whose types it uses.
 #include <winioctl.h>
 
-#include "plugged_camera.h"
 #include "raw_client.h"
-#include "service_fixture.h"
+#include "support/plugged_camera.h"
+#include "system_test.h"
 
 namespace system_test {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <iterator>
 
-#include "telling.h"
+#include "mailslot_message.h"
 
 namespace {
 

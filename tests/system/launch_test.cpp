@@ -15,10 +15,10 @@
 #include <wtsapi32.h>
 
 #include "desktop_application.h"
-#include "plugged_camera.h"
 #include "raw_client.h"
-#include "removable_drive.h"
-#include "service_fixture.h"
+#include "support/plugged_camera.h"
+#include "support/removable_drive.h"
+#include "system_test.h"
 #include "watching_test.h"
 
 namespace system_test {

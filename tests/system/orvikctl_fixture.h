@@ -12,7 +12,7 @@
 
 #include "device/unique_handle.h"
 #include "orvikctl_program.h"
-#include "plugged_camera.h"
+#include "support/plugged_camera.h"
 
 namespace system_test {
 

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "service_fixture.h"
+#include "system_test.h"
 
 namespace system_test {
 

@@ -4,6 +4,7 @@
 #include <map>
 #include <system_error>
 
+#include "installed_service.h"
 #include "orvikctl_fixture.h"
 
 namespace system_test {

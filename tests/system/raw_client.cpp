@@ -1,11 +1,14 @@
 #include "raw_client.h"
 
-#include <algorithm>
+#include <cstring>
 #include <mutex>
-#include <ostream>
 #include <string>
 #include <system_error>
 #include <utility>
+
+#include <gtest/gtest.h>
+
+#include "running_service.h"
 
 namespace system_test {
 
@@ -34,89 +37,7 @@ UniqueHandle Connect(DWORD accessRights) {
     }
 }
 
-Cdb MakeCdb(std::uint8_t code, std::uint8_t b1, std::uint8_t b2, std::uint8_t b3, std::uint8_t b4) {
-    return {std::byte{code}, std::byte{b1}, std::byte{b2}, std::byte{b3}, std::byte{b4}};
-}
-
-Cdb BlockCommand(std::uint8_t code, std::uint32_t block, std::uint8_t blocks) {
-    return MakeCdb(code, static_cast<std::uint8_t>(block >> 16 & 0x1F),
-                   static_cast<std::uint8_t>(block >> 8 & 0xFF),
-                   static_cast<std::uint8_t>(block & 0xFF), blocks);
-}
-
 }  // namespace
-
-std::ostream& operator<<(std::ostream& stream, const Message& message) {
-    const MessageHeader& header = message.header;
-    stream << "{type " << header.messageType << ", request " << header.requestId << ", camera "
-           << header.cameraId << ", length " << header.bodyLength << "}";
-    if (!message.body.empty())
-        stream << " and " << message.body.size() << " bytes";
-    return stream;
-}
-
-Message Succeeded(std::uint32_t requestId, std::uint32_t cameraId, Bytes body) {
-    const auto length = static_cast<std::uint32_t>(body.size());
-    return {{kTransferSucceeded, requestId, cameraId, length}, std::move(body)};
-}
-
-Message Failed(std::uint32_t requestId, std::uint32_t cameraId) {
-    return {{kTransferFailed, requestId, cameraId, 0}, {}};
-}
-
-Message Attached(std::uint32_t cameraId) {
-    return {{kCameraAttached, kNotificationId, cameraId, 0}, {}};
-}
-
-Message Detached(std::uint32_t cameraId) {
-    return {{kCameraDetached, kNotificationId, cameraId, 0}, {}};
-}
-
-Cdb TestUnitReady() {
-    return MakeCdb(0x00, 0, 0, 0, 0);
-}
-
-Cdb Inquiry(std::uint8_t allocationLength) {
-    return MakeCdb(0x12, 0, 0, 0, allocationLength);
-}
-
-Cdb Read6(std::uint32_t block, std::uint8_t blocks) {
-    return BlockCommand(0x08, block, blocks);
-}
-
-Cdb Write6(std::uint32_t block, std::uint8_t blocks) {
-    return BlockCommand(0x0A, block, blocks);
-}
-
-Bytes Pattern(std::size_t size, std::uint32_t seed) {
-    Bytes bytes(size);
-    std::uint32_t state = seed * 2654435761u + 1;
-    for (std::byte& byte : bytes) {
-        state = state * 1664525u + 1013904223u;
-        byte = static_cast<std::byte>(state >> 24);
-    }
-    return bytes;
-}
-
-Bytes HeaderBytes(const MessageHeader& header) {
-    const auto bytes = std::as_bytes(std::span(&header, 1));
-    return {bytes.begin(), bytes.end()};
-}
-
-Bytes MessageBytes(std::uint32_t messageType, std::uint32_t requestId, std::uint32_t cameraId,
-                   std::span<const std::byte> body) {
-    Bytes bytes =
-        HeaderBytes({messageType, requestId, cameraId, static_cast<std::uint32_t>(body.size())});
-    bytes.insert(bytes.end(), body.begin(), body.end());
-    return bytes;
-}
-
-Bytes RequestBytes(std::uint32_t messageType, std::uint32_t requestId, std::uint32_t cameraId,
-                   const Cdb& cdb, std::span<const std::byte> data) {
-    Bytes body(cdb.begin(), cdb.end());
-    body.insert(body.end(), data.begin(), data.end());
-    return MessageBytes(messageType, requestId, cameraId, body);
-}
 
 RawClient::RawClient(DWORD accessRights)
     : pipe(Connect(accessRights)),

@@ -2,12 +2,9 @@
 // as they like.
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
-#include <iosfwd>
 #include <optional>
 #include <span>
 #include <vector>
@@ -15,49 +12,10 @@
 #include <windows.h>
 
 #include "device/unique_handle.h"
-#include "service_fixture.h"
-#include "session/message.h"
+#include "support/deadline.h"
+#include "support/messages.h"
 
 namespace system_test {
-
-using Bytes = std::vector<std::byte>;
-
-/// One message in either direction.
-struct Message {
-    MessageHeader header;
-    Bytes body;
-
-    friend bool operator==(const Message& a, const Message& b) noexcept {
-        return std::memcmp(&a.header, &b.header, sizeof(a.header)) == 0 && a.body == b.body;
-    }
-};
-std::ostream& operator<<(std::ostream& stream, const Message& message);
-
-// What the service sends.
-Message Succeeded(std::uint32_t requestId, std::uint32_t cameraId, Bytes body = {});
-Message Failed(std::uint32_t requestId, std::uint32_t cameraId);
-Message Attached(std::uint32_t cameraId);
-Message Detached(std::uint32_t cameraId);
-
-using Cdb = std::array<std::byte, kCdbFieldSize>;
-
-// Commands that the virtual camera knows, padded with zeros.
-Cdb TestUnitReady();
-Cdb Inquiry(std::uint8_t allocationLength = 36);
-Cdb Read6(std::uint32_t block, std::uint8_t blocks);  // 0 blocks are 256
-Cdb Write6(std::uint32_t block, std::uint8_t blocks);
-
-/// `size` bytes that differ from their neighbours, and from those of another seed.
-Bytes Pattern(std::size_t size, std::uint32_t seed = 0);
-
-/// The bytes of a header, or of a whole message with its body.
-Bytes HeaderBytes(const MessageHeader& header);
-Bytes MessageBytes(std::uint32_t messageType, std::uint32_t requestId, std::uint32_t cameraId,
-                   std::span<const std::byte> body);
-
-/// The bytes of a request of type 2, 3 or 4: the command, and what follows it in the body.
-Bytes RequestBytes(std::uint32_t messageType, std::uint32_t requestId, std::uint32_t cameraId,
-                   const Cdb& cdb, std::span<const std::byte> data = {});
 
 /// One connection to the camera pipe. One thread at a time. Calls that fail or pass the deadline
 /// throw std::system_error.

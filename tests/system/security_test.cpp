@@ -13,7 +13,7 @@
 #include <sddl.h>
 
 #include "raw_client.h"
-#include "service_fixture.h"
+#include "system_test.h"
 
 namespace system_test {
 namespace {

@@ -8,9 +8,10 @@
 
 #include <gtest/gtest.h>
 
-#include "plugged_camera.h"
+#include "installed_service.h"
 #include "raw_client.h"
-#include "service_fixture.h"
+#include "support/plugged_camera.h"
+#include "system_test.h"
 
 namespace system_test {
 namespace {

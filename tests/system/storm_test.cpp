@@ -18,10 +18,10 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include "plugged_camera.h"
 #include "process_size.h"
 #include "raw_client.h"
-#include "service_fixture.h"
+#include "support/plugged_camera.h"
+#include "system_test.h"
 
 namespace system_test {
 namespace {

@@ -6,7 +6,7 @@
 
 #include <windows.h>
 
-#include "service_fixture.h"
+#include "system_test.h"
 
 namespace system_test {
 

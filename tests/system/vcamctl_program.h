@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "service_fixture.h"
+#include "system_test.h"
 
 namespace system_test {
 

@@ -2,9 +2,9 @@
 
 #include <cstdint>
 
-#include "plugged_camera.h"
 #include "raw_client.h"
-#include "service_fixture.h"
+#include "support/plugged_camera.h"
+#include "system_test.h"
 
 namespace system_test {
 

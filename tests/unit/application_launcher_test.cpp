@@ -18,8 +18,8 @@
 #include <wtsapi32.h>
 
 #include "import_hook.h"
+#include "in_process_service.h"
 #include "recording_application.h"
-#include "service_fixture.h"
 
 extern "C" {
 extern decltype(&::CloseHandle) __imp_CloseHandle;
@@ -164,12 +164,12 @@ std::size_t Running(const std::wstring& name) {
     return count;
 }
 
-class LauncherTest : public ServiceFixture {
+class LauncherTest : public InProcessService {
 protected:
     void SetUp() override {
         if (!HasUserAtTheConsole())
             GTEST_SKIP() << "no user's token: only a service at a machine with a user has it";
-        ServiceFixture::SetUp();
+        InProcessService::SetUp();
         StartServer();
         // Under names of their own, so that they can be told apart while they run.
         Copy(Named());
@@ -183,7 +183,7 @@ protected:
             ::DeleteFileW(file.c_str());
         copies = std::vector<std::wstring>();
         if (server)
-            ServiceFixture::TearDown();
+            InProcessService::TearDown();
     }
 
     /// Makes a copy of the stand-in, which is deleted after the test.
@@ -376,10 +376,10 @@ TEST_F(LauncherTest, HandlesOfWhatWasStartedAreClosed) {
 
 // ---- The calls themselves, with what they would return in hand. Nothing is started.
 
-class LaunchCallsTest : public ServiceFixture {
+class LaunchCallsTest : public InProcessService {
 protected:
     void SetUp() override {
-        ServiceFixture::SetUp();
+        InProcessService::SetUp();
         StartServer();
         output.Clear();
     }
@@ -387,7 +387,7 @@ protected:
     void TearDown() override {
         calls = std::string();
         calls.shrink_to_fit();
-        ServiceFixture::TearDown();
+        InProcessService::TearDown();
     }
 
     /// A camera arrives while nobody is connected; `calls` is then what the launch called.

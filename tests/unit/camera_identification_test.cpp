@@ -14,7 +14,7 @@
 #include <winioctl.h>
 
 #include "import_hook.h"
-#include "service_fixture.h"
+#include "in_process_service.h"
 
 extern "C" {
 extern decltype(&::CloseHandle) __imp_CloseHandle;
@@ -24,7 +24,7 @@ extern decltype(&::DeviceIoControl) __imp_DeviceIoControl;
 
 namespace {
 
-class IdentificationTest : public ServiceFixture {
+class IdentificationTest : public InProcessService {
 protected:
     /// What is said of a camera with these strings.
     bool Identify(std::optional<std::string> vendor, std::optional<std::string> product,

@@ -16,7 +16,7 @@
 #include "device/windows_exception.h"
 #include "guarded_heap.h"
 #include "import_hook.h"
-#include "service_fixture.h"
+#include "in_process_service.h"
 #include "session/server_client.h"
 
 extern "C" {
@@ -29,7 +29,7 @@ namespace {
 constexpr char kLaunched[] = "Launching application...\n";
 constexpr char kNobodyToTell[] = "No main communicator found on device detach.\n";
 
-class DeviceEventsTest : public ServiceFixture {
+class DeviceEventsTest : public InProcessService {
 protected:
     vcam::CameraId PlugAs(const GUID& interfaceClass) {
         vcam::PlugOptions options;
@@ -117,7 +117,7 @@ TEST_F(DeviceEventsTest, ArrivalIsToldToTheMainCommunicatorAndToNoCameraPipe) {
     const auto main = Connect();
     const auto pipe = Connect();
     Arrive(Plug());
-    const ReceivedMessage message = WaitForMessage(*main, 1);
+    const Message message = WaitForMessage(*main, 1);
     EXPECT_EQ(message.header.messageType, 4u);
     EXPECT_EQ(message.header.requestId, 0xFFFFFFFFu);
     EXPECT_EQ(message.header.cameraId, 1u);
@@ -184,7 +184,7 @@ TEST_F(DeviceEventsTest, RemovalIsToldToTheMainCommunicatorAlone) {
     const auto pipe = Connect();
     const auto device = server->FindDevice(1);
     GoAway(camera);
-    const ReceivedMessage message = WaitForMessage(*main, 2);
+    const Message message = WaitForMessage(*main, 2);
     EXPECT_EQ(message.header.messageType, 5u);
     EXPECT_EQ(message.header.requestId, 0xFFFFFFFFu);
     EXPECT_EQ(message.header.cameraId, 1u);
@@ -200,14 +200,14 @@ TEST_F(DeviceEventsTest, RemovalOfTheCameraThatTheMainCommunicatorHasOpenMarksIt
     const vcam::CameraId camera = Plug();
     StartServer();
     const auto main = Connect();
-    main->Write(Message(3, 1, 1, ReadCommand(0, 1)));
+    main->Write(MessageBytes(3, 1, 1, Read6(0, 1)));
     WaitForMessage(*main, 2);
     const auto device = server->FindDevice(1);
     GoAway(camera);
     EXPECT_EQ(WaitForMessage(*main, 3).header.messageType, 5u);
     EXPECT_TRUE(device->Removed());
     const std::uint64_t seen = bus.Counters(camera).requests;
-    main->Write(Message(3, 2, 1, ReadCommand(0, 1)));
+    main->Write(MessageBytes(3, 2, 1, Read6(0, 1)));
     EXPECT_EQ(WaitForMessage(*main, 4).header.messageType, 3u);
     EXPECT_EQ(bus.Counters(camera).requests, seen);
 }
@@ -217,12 +217,12 @@ TEST_F(DeviceEventsTest, RemovalOfAnotherCameraLeavesTheOpenOneAlone) {
     const vcam::CameraId second = Plug();
     StartServer();
     const auto main = Connect();
-    main->Write(Message(3, 1, 1, ReadCommand(0, 1)));
+    main->Write(MessageBytes(3, 1, 1, Read6(0, 1)));
     WaitForMessage(*main, 3);
     GoAway(second);
     WaitForMessage(*main, 4);
     EXPECT_FALSE(server->FindDevice(1)->Removed());
-    main->Write(Message(3, 2, 1, ReadCommand(0, 1)));
+    main->Write(MessageBytes(3, 2, 1, Read6(0, 1)));
     EXPECT_EQ(WaitForMessage(*main, 5).header.messageType, 2u);
 }
 
@@ -277,7 +277,7 @@ TEST_F(DeviceEventsTest, GivenUpCameraIsMarkedErasedAndTold) {
     server->RemoveDevice(device);
     EXPECT_TRUE(device->Removed());
     EXPECT_EQ(Cameras(), Ids{1});
-    const ReceivedMessage message = WaitForMessage(*main, 3);
+    const Message message = WaitForMessage(*main, 3);
     EXPECT_EQ(message.header.messageType, 5u);
     EXPECT_EQ(message.header.cameraId, 2u);
 }

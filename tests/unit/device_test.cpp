@@ -17,7 +17,7 @@
 #include "device/windows_exception.h"
 #include "guarded_heap.h"
 #include "import_hook.h"
-#include "service_fixture.h"
+#include "in_process_service.h"
 
 extern "C" {
 extern decltype(&::CreateFileW) __imp_CreateFileW;
@@ -67,10 +67,10 @@ private:
     ImportHook<decltype(&::CreateIoCompletionPort)> bind;
 };
 
-class DeviceTest : public ServiceFixture {
+class DeviceTest : public InProcessService {
 protected:
     void SetUp() override {
-        ServiceFixture::SetUp();
+        InProcessService::SetUp();
         camera = Plug();
         opensBefore = bus.Counters(camera).opens;
         closesBefore = bus.Counters(camera).closes;
@@ -90,8 +90,8 @@ protected:
     }
 
     /// Starts a transfer and dispatches its packet; returns the block as the driver got it.
-    ByteVector Send(Device& device, const TransferRequest& request, const ByteVector& data,
-                    std::int32_t length) {
+    Bytes Send(Device& device, const TransferRequest& request, const Bytes& data,
+               std::int32_t length) {
         bool done = false;
         auto* const operation = new IoOperation([&done](IoOperation* finished) {
             done = true;
@@ -112,8 +112,8 @@ protected:
 };
 
 /// The block up to the data, byte by byte.
-ByteVector ExpectedHead(std::uint8_t direction, std::uint32_t length, bool dataIn) {
-    ByteVector head(65);
+Bytes ExpectedHead(std::uint8_t direction, std::uint32_t length, bool dataIn) {
+    Bytes head(65);
     const auto put = [&head](std::size_t offset, std::uint64_t value, std::size_t size) {
         std::memcpy(head.data() + offset, &value, size);
     };
@@ -123,7 +123,7 @@ ByteVector ExpectedHead(std::uint8_t direction, std::uint32_t length, bool dataI
     put(12, length, 4);  // DataTransferLength
     put(16, 100, 4);     // TimeOutValue, seconds
     put(24, 65, 8);      // DataBufferOffset
-    const ByteVector cdb = Pattern(16, 9);
+    const Bytes cdb = Pattern(16, 9);
     std::copy(cdb.begin(), cdb.end(), head.begin() + 36);
     put(56, 0x11223344, 4);
     put(60, 0x55667788, 4);
@@ -151,16 +151,16 @@ TEST_F(DeviceTest, BlockReachesTheDriverByteByByte) {
             SCOPED_TRACE("type " + std::to_string(each.type) + ", length " +
                          std::to_string(length));
             const auto size = static_cast<std::uint32_t>(length);
-            const ByteVector data = Pattern(size, 4);
-            const ByteVector block = Send(device, Request(each.type, size), data, length);
+            const Bytes data = Pattern(size, 4);
+            const Bytes block = Send(device, Request(each.type, size), data, length);
             ASSERT_EQ(block.size(), 65 + data.size());
-            EXPECT_EQ(ByteVector(block.begin(), block.begin() + 65),
+            EXPECT_EQ(Bytes(block.begin(), block.begin() + 65),
                       ExpectedHead(each.direction, size, each.dataIn));
-            const ByteVector area(block.begin() + 65, block.end());
+            const Bytes area(block.begin() + 65, block.end());
             if (each.type == 2 || each.type == 7) {
                 EXPECT_EQ(area, data);
             } else if (each.type == 4) {
-                EXPECT_EQ(area, ByteVector(size));
+                EXPECT_EQ(area, Bytes(size));
             } else if (length != 0) {
                 EXPECT_NE(area, data) << "data of a read was copied";
             }
@@ -359,7 +359,7 @@ TEST_F(DeviceTest, CallThatFailsAtOnceFreesTheBlockAndKeepsItsAddress) {
         bus.SetBehaviour(camera, FailsAtOnce(status));
         IoOperation operation{IoCallback()};
         const TransferRequest request = Request(2, 512);
-        const ByteVector data = Pattern(512);
+        const Bytes data = Pattern(512);
         try {
             device.Transfer(&operation, &request, data.data(), 512);
             FAIL() << "no exception";

@@ -16,8 +16,8 @@
 
 #include "device/windows_exception.h"
 #include "import_hook.h"
-#include "removable_drive.h"
-#include "service_fixture.h"
+#include "in_process_service.h"
+#include "support/removable_drive.h"
 
 extern "C" {
 extern decltype(&::CreateFileW) __imp_CreateFileW;
@@ -292,19 +292,19 @@ TEST_F(DriveWatchTest, ForgettingReleasesASlotWhoseDriveHasComeBack) {
 }
 
 /// With a server behind it.
-class LibraryTest : public ServiceFixture {
+class LibraryTest : public InProcessService {
 protected:
     void SetUp() override {
         if (!RemovableDrive::IsSupported())
             GTEST_SKIP() << "no removable drives can be made here";
-        ServiceFixture::SetUp();
+        InProcessService::SetUp();
         StartServer();
         theServer = server.get();
     }
     void TearDown() override {
         theServer = nullptr;
         if (server)
-            ServiceFixture::TearDown();
+            InProcessService::TearDown();
     }
 
     /// How often the application was started, or would have been with a user there.

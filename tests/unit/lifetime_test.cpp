@@ -27,7 +27,7 @@
 #include "device/windows_exception.h"
 #include "guarded_heap.h"
 #include "import_hook.h"
-#include "service_fixture.h"
+#include "in_process_service.h"
 #include "session/server_client.h"
 
 extern "C" decltype(&::WTSQueryUserToken) __imp_WTSQueryUserToken;
@@ -40,10 +40,10 @@ constexpr char kProblem[] =
     "PROBLEM!!! ServerClient destructor with active overlapped structure.\n";
 
 /// A camera, the server, and two clients: the main communicator and a camera pipe.
-class LifetimeTest : public ServiceFixture {
+class LifetimeTest : public InProcessService {
 protected:
     void SetUp() override {
-        ServiceFixture::SetUp();
+        InProcessService::SetUp();
         camera = Plug();
         StartServer();
     }
@@ -51,7 +51,7 @@ protected:
     void TearDown() override {
         main.reset();
         pipe.reset();
-        ServiceFixture::TearDown();
+        InProcessService::TearDown();
     }
 
     /// Connects a client that knows of the camera; nothing is under way for it but its read.
@@ -75,7 +75,7 @@ protected:
         const std::uint32_t pending = bus.Counters(camera).pending;
         bus.SetBehaviour(camera, how);
         for (std::uint32_t index = 0; index < count; ++index)
-            client.Write(Message(3, 300 + index, kFirstCamera, ReadCommand(index, 1)));
+            client.Write(MessageBytes(3, 300 + index, kFirstCamera, Read6(index, 1)));
         port.DispatchUntil("requests in the driver", [&] {
             return bus.Counters(camera).pending == pending + count && client.PendingWrites() == 0;
         });
@@ -87,7 +87,7 @@ protected:
         constexpr std::uint32_t kCount = 64;  // of 64 KiB each
         const std::uint64_t seen = bus.Counters(camera).requests;
         for (std::uint32_t index = 0; index < kCount; ++index)
-            client.Write(Message(3, index, kFirstCamera, ReadCommand(0, 128)));
+            client.Write(MessageBytes(3, index, kFirstCamera, Read6(0, 128)));
         port.DispatchUntil("the requests", [&] {
             return bus.Counters(camera).requests == seen + kCount && client.PendingWrites() == 0;
         });
@@ -205,7 +205,7 @@ TEST_P(SessionEndTest, WithAHeaderReadPending) {
 
 TEST_P(SessionEndTest, WithABodyReadPending) {
     ConnectSubject();
-    const ByteVector message = Message(3, 1, kFirstCamera, Pattern(1000));
+    const Bytes message = MessageBytes(3, 1, kFirstCamera, Pattern(1000));
     Subject().Write(std::span(message).first(500));
     port.DispatchUntil("half a body", [&] { return Subject().PendingWrites() == 0; });
     port.DispatchQueued();
@@ -217,7 +217,7 @@ TEST_P(SessionEndTest, WithABodyReadPending) {
 
 TEST_P(SessionEndedByTheServiceTest, WithAReadPacketQueuedButNotTaken) {
     ConnectSubject();
-    WriteAndQueue(Subject(), Message(3, 1, kFirstCamera, ReadCommand(0, 1)));
+    WriteAndQueue(Subject(), MessageBytes(3, 1, kFirstCamera, Read6(0, 1)));
     output.Clear();
     if (std::get<Role>(GetParam()) == Role::kMainCommunicator) {
         EndSession();
@@ -232,7 +232,7 @@ TEST_P(SessionEndedByTheServiceTest, WithAReadPacketQueuedButNotTaken) {
 
 TEST_P(SessionEndedByTheServiceTest, WithABodyReadPacketQueuedButNotTaken) {
     ConnectSubject();
-    const ByteVector message = Message(3, 1, kFirstCamera, ReadCommand(0, 1));
+    const Bytes message = MessageBytes(3, 1, kFirstCamera, Read6(0, 1));
     Subject().Write(std::span(message).first(16));
     port.DispatchUntil("the header", [&] { return Subject().PendingWrites() == 0; });
     port.DispatchQueued();
@@ -247,14 +247,14 @@ TEST_P(SessionEndedByTheServiceTest, WithABodyReadPacketQueuedButNotTaken) {
 
 TEST_P(SessionEndedByTheServiceTest, WithAHeaderReadThatItsDataHasJustReached) {
     ConnectSubject();
-    Subject().Write(Message(3, 1, kFirstCamera, ReadCommand(0, 1)));
+    Subject().Write(MessageBytes(3, 1, kFirstCamera, Read6(0, 1)));
     EndSession();
     ExpectServingOthers();
 }
 
 TEST_P(SessionEndedByTheServiceTest, WithABodyReadThatItsDataHasJustReached) {
     ConnectSubject();
-    const ByteVector message = Message(3, 1, kFirstCamera, ReadCommand(0, 1));
+    const Bytes message = MessageBytes(3, 1, kFirstCamera, Read6(0, 1));
     Subject().Write(std::span(message).first(16));
     port.DispatchUntil("the header", [&] { return Subject().PendingWrites() == 0; });
     port.DispatchQueued();
@@ -286,7 +286,7 @@ TEST_P(SessionEndedByTheServiceTest, WithAWritePacketQueuedButNotTaken) {
     ConnectSubject();
     // The first packets are that of the read, and that of the client's write. Handling the request
     // starts the answer's write; it fits into the pipe's buffer, so its packet is queued at once.
-    WriteAndQueue(Subject(), Message(3, 1, 0, {}));
+    WriteAndQueue(Subject(), MessageBytes(3, 1, 0, {}));
     port.DispatchUntil("the request", [&] { return Subject().PendingWrites() == 0; });
     port.WaitForPackets(1);
     EndSession();
@@ -295,7 +295,7 @@ TEST_P(SessionEndedByTheServiceTest, WithAWritePacketQueuedButNotTaken) {
 
 TEST_P(SessionEndedByTheServiceTest, StalledByASplitHeaderWithItsSecondReadPending) {
     ConnectSubject();
-    const ByteVector message = Message(3, 1, 0, {});
+    const Bytes message = MessageBytes(3, 1, 0, {});
     Subject().Write(std::span(message).first(5));
     port.DispatchUntil("the first piece", [&] { return Subject().PendingWrites() == 0; });
     port.DispatchQueued();
@@ -305,7 +305,7 @@ TEST_P(SessionEndedByTheServiceTest, StalledByASplitHeaderWithItsSecondReadPendi
 
 TEST_P(SessionEndedByTheServiceTest, StalledByASplitHeaderWithItsSecondReadQueued) {
     ConnectSubject();
-    const ByteVector message = Message(3, 1, 0, {});
+    const Bytes message = MessageBytes(3, 1, 0, {});
     Subject().Write(std::span(message).first(5));
     port.DispatchUntil("the first piece", [&] { return Subject().PendingWrites() == 0; });
     port.DispatchQueued();
@@ -316,7 +316,7 @@ TEST_P(SessionEndedByTheServiceTest, StalledByASplitHeaderWithItsSecondReadQueue
 
 TEST_P(SessionEndedByTheServiceTest, StalledByASplitHeaderWithItsSecondReadRefused) {
     ConnectSubject();
-    const ByteVector message = Message(3, 1, 0, {});
+    const Bytes message = MessageBytes(3, 1, 0, {});
     Subject().Write(std::span(message).first(5));
     port.DispatchUntil("the first piece", [&] { return Subject().PendingWrites() == 0; });
     port.DispatchQueued();
@@ -464,7 +464,7 @@ TEST_F(LifetimeTest, ClientGoneWithAHeaderReadPendingEndsTheSessionOnce) {
 
 TEST_F(LifetimeTest, ClientGoneInTheMiddleOfABodyEndsTheSessionOnce) {
     main = ConnectQuietly();
-    const ByteVector message = Message(2, 1, kFirstCamera, WriteCommand(0, Pattern(512)));
+    const Bytes message = MessageBytes(2, 1, kFirstCamera, Write6(0, Pattern(512)));
     main->Write(std::span(message).first(200));
     port.DispatchUntil("a part", [&] { return main->PendingWrites() == 0; });
     port.DispatchQueued();
@@ -489,7 +489,7 @@ TEST_F(LifetimeTest, ClientGoneWithReadAndWritePendingEndsTheSessionOnce) {
 TEST_F(LifetimeTest, FailedWriteEndsASessionThatIsStalled) {
     main = ConnectQuietly();
     FillWriteQueue(*main);
-    const ByteVector message = Message(3, 1, 0, {});
+    const Bytes message = MessageBytes(3, 1, 0, {});
     for (const auto piece : {std::span(message).first(5), std::span(message).subspan(5)}) {
         main->Write(piece);
         port.DispatchUntil("a piece", [&] { return main->PendingWrites() == 0; });
@@ -503,7 +503,7 @@ TEST_F(LifetimeTest, FailedWriteEndsASessionThatIsStalled) {
 
 TEST_F(LifetimeTest, StalledSessionIsNotRemovedByItsClientsEnd) {
     main = ConnectQuietly();
-    const ByteVector message = Message(3, 1, 0, {});
+    const Bytes message = MessageBytes(3, 1, 0, {});
     main->Write(std::span(message).first(5));
     port.DispatchUntil("a piece", [&] { return main->PendingWrites() == 0; });
     port.DispatchQueued();
@@ -522,7 +522,7 @@ TEST_F(LifetimeTest, NextWriteOfAQueueFindsTheClientGone) {
     main = ConnectQuietly();
     // An answer whose header fits into the pipe; its data is queued behind it.
     bus.SetBehaviour(camera, Holds());
-    main->Write(Message(3, 1, kFirstCamera, ReadCommand(0, 1)));
+    main->Write(MessageBytes(3, 1, kFirstCamera, Read6(0, 1)));
     port.DispatchUntil("the transfer", [&] { return Pending() == 1; });
     port.DispatchQueued();
     bus.ReleaseAll(camera);
@@ -570,7 +570,7 @@ TEST_F(LifetimeTest, ClientGoneBeforeItsRequestIsRefusedIsNotReadAgain) {
             main = ConnectQuietly(Reading::kAtOnce);
         auto client = ConnectQuietly();
         const std::size_t before = Shutdowns();
-        WriteAndQueue(*client, Message(4, 1, 0, {}));
+        WriteAndQueue(*client, MessageBytes(4, 1, 0, {}));
         client->Close();
         CallLog log;
         port.DispatchQueued();
@@ -590,7 +590,7 @@ TEST_F(LifetimeTest, ClientGoneBeforeItsTransferFailsToStart) {
         auto client = ConnectQuietly();
         const std::uint32_t id = main->Messages().at(0).header.cameraId;
         // The body is still to be read when the client leaves, so that its packet is the next.
-        const ByteVector message = Message(3, 1, id, ReadCommand(0, 1));
+        const Bytes message = MessageBytes(3, 1, id, Read6(0, 1));
         client->Write(std::span(message).first(16));
         port.DispatchUntil("the header", [&] { return client->PendingWrites() == 0; });
         port.DispatchQueued();
@@ -611,7 +611,7 @@ TEST_F(LifetimeTest, ClientGoneBeforeItsTransferFailsToStart) {
 
 TEST_F(LifetimeTest, MainCommunicatorGoneBeforeItsTransferFailsToStart) {
     main = ConnectQuietly();
-    const ByteVector message = Message(3, 1, kFirstCamera, ReadCommand(0, 1));
+    const Bytes message = MessageBytes(3, 1, kFirstCamera, Read6(0, 1));
     main->Write(std::span(message).first(16));
     port.DispatchUntil("the header", [&] { return main->PendingWrites() == 0; });
     port.DispatchQueued();
@@ -629,7 +629,7 @@ TEST_F(LifetimeTest, MainCommunicatorGoneWhenATransferOfAnotherFailsToStart) {
     pipe = ConnectQuietly(Reading::kAtOnce);
     bus.SetBehaviour(camera, FailsAtOnce(kStatusIoDeviceError));
     // In this order: the request, then the end of the main communicator.
-    WriteAndQueue(*pipe, Message(3, 9, kFirstCamera, ReadCommand(0, 1)));
+    WriteAndQueue(*pipe, MessageBytes(3, 9, kFirstCamera, Read6(0, 1)));
     main->Close();
     port.WaitForPackets(3);
     EXPECT_EQ(WaitForMessage(*pipe, 2).header.requestId, 9u);
@@ -730,13 +730,13 @@ TEST_F(LifetimeTest, CameraThatLeavesWithTransfersPendingAndNoSession) {
 TEST_F(LifetimeTest, CameraThatLeavesStaysOpenForTheSessionThatHasIt) {
     main = ConnectQuietly(Reading::kAtOnce);
     pipe = ConnectQuietly(Reading::kAtOnce);
-    pipe->Write(Message(3, 1, kFirstCamera, ReadCommand(0, 1)));
+    pipe->Write(MessageBytes(3, 1, kFirstCamera, Read6(0, 1)));
     WaitForMessage(*pipe, 2);
     InterfaceEvent(DBT_DEVICEREMOVECOMPLETE, bus.InterfacePath(camera));
     EXPECT_EQ(WaitForMessage(*main, 2).header.messageType, 5u);
-    pipe->Write(Message(3, 2, kFirstCamera, ReadCommand(0, 1)));
+    pipe->Write(MessageBytes(3, 2, kFirstCamera, Read6(0, 1)));
     EXPECT_EQ(WaitForMessage(*pipe, 3).header.messageType, 2u) << "it is still there";
-    pipe->Write(Message(3, 3, kFirstCamera + 1, ReadCommand(0, 1)));
+    pipe->Write(MessageBytes(3, 3, kFirstCamera + 1, Read6(0, 1)));
     EXPECT_THROW(port.DispatchUntil("the error", [] { return false; }), std::runtime_error);
 }
 
@@ -746,7 +746,7 @@ TEST_F(LifetimeTest, CameraSwitchedWithTransfersPendingOnTheFirst) {
     main = Connect(Reading::kAtOnce);
     WaitForMessage(*main, 2);
     LeavePending(*main, 3, HeldUntil(TransferEnd::kSuccess));
-    main->Write(Message(3, 400, 2, ReadCommand(0, 1)));
+    main->Write(MessageBytes(3, 400, 2, Read6(0, 1)));
     EXPECT_EQ(WaitForMessage(*main, 3).header.requestId, 400u);
     EXPECT_EQ(Pending(), 3u);
     bus.ReleaseAll(camera);
@@ -761,14 +761,14 @@ TEST_F(LifetimeTest, ServerDestroyedWithEverythingPending) {
     main = ConnectQuietly();
     pipe = ConnectQuietly();
     auto stalled = ConnectQuietly();
-    const ByteVector message = Message(3, 1, 0, {});
+    const Bytes message = MessageBytes(3, 1, 0, {});
     stalled->Write(std::span(message).first(3));
     port.DispatchUntil("the piece", [&] { return stalled->PendingWrites() == 0; });
     port.DispatchQueued();
     FillWriteQueue(*pipe);
     LeavePending(*main, 6, HeldUntil(TransferEnd::kSuccess));
     auto half = ConnectQuietly();
-    half->Write(Message(2, 1, kFirstCamera, Pattern(100)));
+    half->Write(MessageBytes(2, 1, kFirstCamera, Pattern(100)));
     // Queued and not taken: device events, half a request, and one client in the queue.
     PostInterfaceEvent(DBT_DEVICEARRIVAL, bus.InterfacePath(Plug()));
     PostInterfaceEvent(DBT_DEVICEREMOVECOMPLETE, bus.InterfacePath(camera));
@@ -807,15 +807,16 @@ TEST_F(LifetimeTest, ManySessionsEndInEveryStateAtOnce) {
         PipeClient& client = *clients.back();
         switch (index % 4) {
             case 1:
-                client.Write(std::span<const std::byte>(Message(3, 1, kFirstCamera, Pattern(1000)))
-                                 .first(600));
+                client.Write(
+                    std::span<const std::byte>(MessageBytes(3, 1, kFirstCamera, Pattern(1000)))
+                        .first(600));
                 break;
             case 2:
                 LeavePending(client, 2, HeldUntil(TransferEnd::kSuccess));
                 break;
             case 3:
-                client.Write(Message(3, 1, kFirstCamera, ReadCommand(0, 128)));
-                client.Write(Message(3, 2, kFirstCamera, ReadCommand(0, 128)));
+                client.Write(MessageBytes(3, 1, kFirstCamera, Read6(0, 128)));
+                client.Write(MessageBytes(3, 2, kFirstCamera, Read6(0, 128)));
                 break;
             default:
                 break;
@@ -836,7 +837,7 @@ TEST_F(LifetimeTest, WarningFromTheDriverLeavesNoOperationBehind) {
     main = ConnectQuietly(Reading::kAtOnce);
     for (std::uint32_t id = 1; id <= 3; ++id) {
         bus.SetBehaviour(camera, FailsAtOnce(kStatusBufferOverflow));
-        main->Write(Message(3, id, id, ReadCommand(0, 1)));
+        main->Write(MessageBytes(3, id, id, Read6(0, 1)));
         port.DispatchUntil("the detach", [&] { return !server->FindDevice(id); });
         bus.SetBehaviour(camera, {});
         InterfaceEvent(DBT_DEVICEARRIVAL, bus.InterfacePath(camera));

@@ -22,8 +22,8 @@
 #include "device/drive_watch.h"
 #include "device/unique_handle.h"
 #include "import_hook.h"
-#include "removable_drive.h"
-#include "service_fixture.h"
+#include "in_process_service.h"
+#include "support/removable_drive.h"
 
 extern "C" {
 extern decltype(&::CreateWindowExW) __imp_CreateWindowExW;
@@ -287,16 +287,16 @@ TEST_F(WindowProcedureTest, ArrivalScansNewDrivesForTheLibraryAndRemovalForgetsT
 
 // --- with a server ---
 
-class ServerWindowTest : public ServiceFixture {
+class ServerWindowTest : public InProcessService {
 protected:
     void SetUp() override {
-        ServiceFixture::SetUp();
+        InProcessService::SetUp();
         StartServer();
         knownDrives = ::GetLogicalDrives();
     }
     void TearDown() override {
         theServer = nullptr;
-        ServiceFixture::TearDown();
+        InProcessService::TearDown();
         knownDrives = 0;
     }
 };

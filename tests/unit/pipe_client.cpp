@@ -23,34 +23,12 @@ std::system_error Error(DWORD code, const char* what) {
 
 }  // namespace
 
-ByteVector Pattern(std::size_t count, unsigned seed) {
-    ByteVector bytes(count);
-    for (std::size_t index = 0; index < count; ++index)
-        bytes[index] = static_cast<std::byte>(index * 7 + (index >> 8) * 13 + seed * 31 + 1);
-    return bytes;
-}
-
-ByteVector Message(std::uint32_t type, std::uint32_t requestId, std::uint32_t cameraId,
-                   std::span<const std::byte> body) {
-    const MessageHeader header{type, requestId, cameraId, static_cast<std::uint32_t>(body.size())};
-    ByteVector bytes(sizeof(header) + body.size());
-    std::memcpy(bytes.data(), &header, sizeof(header));
-    if (!body.empty())
-        std::memcpy(bytes.data() + sizeof(header), body.data(), body.size());
-    return bytes;
-}
-
-ByteVector operator+(ByteVector first, std::span<const std::byte> second) {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
-
 struct PipeClient::State : boost::enable_shared_from_this<State> {
     UniqueHandle pipe;
     std::size_t pendingWrites = 0;
     bool ended = false;
-    ByteVector buffer;  // of the read that is under way
-    ByteVector received;
+    Bytes buffer;  // of the read that is under way
+    Bytes received;
 
     void Read() {
         buffer.resize(kReadSize);
@@ -96,7 +74,7 @@ PipeClient::~PipeClient() {
 }
 
 void PipeClient::Write(std::span<const std::byte> bytes) {
-    const auto copy = boost::make_shared<ByteVector>(bytes.begin(), bytes.end());
+    const auto copy = boost::make_shared<Bytes>(bytes.begin(), bytes.end());
     auto operation = std::make_unique<IoOperation>([state = state, copy](IoOperation* done) {
         const std::unique_ptr<IoOperation> owner(done);
         --state->pendingWrites;
@@ -131,11 +109,11 @@ std::size_t PipeClient::BytesReceived() const noexcept {
     return state->received.size();
 }
 
-std::vector<ReceivedMessage> PipeClient::Messages() const {
-    std::vector<ReceivedMessage> messages;
+std::vector<Message> PipeClient::Messages() const {
+    std::vector<Message> messages;
     std::size_t at = 0;
     while (state->received.size() - at >= sizeof(MessageHeader)) {
-        ReceivedMessage message;
+        Message message;
         std::memcpy(&message.header, state->received.data() + at, sizeof(MessageHeader));
         const std::size_t bodyAt = at + sizeof(MessageHeader);
         if (state->received.size() - bodyAt < message.header.bodyLength)

@@ -1,32 +1,13 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <span>
 #include <vector>
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 
-#include "session/message.h"
+#include "support/messages.h"
 #include "test_port.h"
-
-using ByteVector = std::vector<std::byte>;
-
-/// `count` bytes that differ from each other's neighbours and, by `seed`, from other patterns.
-ByteVector Pattern(std::size_t count, unsigned seed = 0);
-
-/// The bytes of one message; `bodyLength` is that of `body`.
-ByteVector Message(std::uint32_t type, std::uint32_t requestId, std::uint32_t cameraId,
-                   std::span<const std::byte> body = {});
-
-/// One after the other.
-ByteVector operator+(ByteVector first, std::span<const std::byte> second);
-
-/// A message that has come from the service.
-struct ReceivedMessage {
-    MessageHeader header;
-    ByteVector body;
-};
 
 /// The other end of the camera pipe, as raw as possible: it writes what it is told and collects
 /// what comes. Its own packets come through the port of the test, so that one thread plays both
@@ -62,7 +43,7 @@ public:
     std::size_t BytesReceived() const noexcept;
 
     /// The complete messages received so far.
-    std::vector<ReceivedMessage> Messages() const;
+    std::vector<Message> Messages() const;
 
 private:
     struct State;

@@ -20,9 +20,9 @@
 #include "device/io_operation.h"
 #include "device/windows_exception.h"
 #include "import_hook.h"
+#include "in_process_service.h"
 #include "server/server.h"
 #include "service/dispatcher.h"
-#include "service_fixture.h"
 #include "session/server_client.h"
 
 extern "C" {
@@ -72,7 +72,7 @@ private:
     ImportHook<decltype(&::CreateNamedPipeW)> hook;
 };
 
-class ServerTest : public ServiceFixture {};
+class ServerTest : public InProcessService {};
 
 TEST_F(ServerTest, FirstClientIsMainCommunicatorAndTheSecondACameraPipe) {
     StartServer();
@@ -172,9 +172,9 @@ TEST_F(ServerTest, NewClientsOfBothKindsLearnOfAllCamerasInAscendingOrderBeforeA
     PipeClient second(port);
     for (PipeClient* const client : {&first, &second}) {
         SCOPED_TRACE(client == &first ? "main communicator" : "camera pipe");
-        client->Write(Message(kTransferIn, 99, 0));
+        client->Write(MessageBytes(kTransferIn, 99, 0));
         WaitForMessage(*client, 3);
-        const std::vector<ReceivedMessage> messages = client->Messages();
+        const std::vector<Message> messages = client->Messages();
         for (std::uint32_t index = 0; index < 2; ++index) {
             EXPECT_EQ(messages[index].header.messageType, 4u);
             EXPECT_EQ(messages[index].header.requestId, 0xFFFFFFFFu);
@@ -437,7 +437,7 @@ TEST_F(ServerTest, HundredsOfClientsThatComeAndGoInParallelAreAllServed) {
         port.DispatchUntil("the end of the storm", [&] {
             // Meanwhile another client transfers all the time.
             if (steady->Messages().size() == sent + 1)
-                steady->Write(Message(kTransferIn, ++sent, kFirstCamera, ReadCommand(0, 1)));
+                steady->Write(MessageBytes(kTransferIn, ++sent, kFirstCamera, Read6(0, 1)));
             return Shutdowns() == kThreads * kClients;
         });
         for (const ClientThread& thread : threads) {

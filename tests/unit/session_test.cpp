@@ -19,19 +19,19 @@
 #include "device/windows_exception.h"
 #include "guarded_heap.h"
 #include "import_hook.h"
-#include "service_fixture.h"
+#include "in_process_service.h"
 #include "session/server_client.h"
 
 namespace {
 
 constexpr std::size_t kBlock = vcam::kBlockSize;
 
-class SessionTest : public ServiceFixture {
+class SessionTest : public InProcessService {
 protected:
     void TearDown() override {
         client.reset();
-        memory = ByteVector();
-        ServiceFixture::TearDown();
+        memory = Bytes();
+        InProcessService::TearDown();
     }
 
     /// A camera with a known memory, the server, and a client that knows of the camera.
@@ -47,17 +47,17 @@ protected:
     }
 
     /// Sends a request and dispatches until it is answered.
-    ReceivedMessage Ask(std::uint32_t type, std::span<const std::byte> body,
-                        std::uint32_t cameraId = kFirstCamera) {
-        client->Write(Message(type, ++requests, cameraId, body));
-        ReceivedMessage answer = WaitForMessage(*client, ++answers);
+    Message Ask(std::uint32_t type, std::span<const std::byte> body,
+                std::uint32_t cameraId = kFirstCamera) {
+        client->Write(MessageBytes(type, ++requests, cameraId, body));
+        Message answer = WaitForMessage(*client, ++answers);
         EXPECT_EQ(answer.header.requestId, requests);
         EXPECT_EQ(answer.header.cameraId, cameraId);
         EXPECT_EQ(answer.header.bodyLength, answer.body.size());
         return answer;
     }
 
-    ByteVector MemoryAt(std::size_t block, std::size_t count) const {
+    Bytes MemoryAt(std::size_t block, std::size_t count) const {
         const auto start = memory.begin() + static_cast<std::ptrdiff_t>(block * kBlock);
         return {start, start + static_cast<std::ptrdiff_t>(count * kBlock)};
     }
@@ -65,7 +65,7 @@ protected:
     std::uint64_t RequestsSeen() { return bus.Counters(camera).requests; }
 
     vcam::CameraId camera = 0;
-    ByteVector memory;
+    Bytes memory;
     std::unique_ptr<PipeClient> client;
     std::size_t answers = 0;
     std::uint32_t requests = 0;
@@ -75,7 +75,7 @@ TEST_F(SessionTest, TransferInAnswersWithExactlyWhatTheCameraReturned) {
     Start();
     for (const int blocks : {1, 2, 127, 128}) {
         SCOPED_TRACE(blocks);
-        const ReceivedMessage answer = Ask(3, ReadCommand(5, static_cast<std::uint8_t>(blocks)));
+        const Message answer = Ask(3, Read6(5, static_cast<std::uint8_t>(blocks)));
         EXPECT_EQ(answer.header.messageType, 2u);
         EXPECT_EQ(answer.body, MemoryAt(5, static_cast<std::size_t>(blocks)));
     }
@@ -84,7 +84,7 @@ TEST_F(SessionTest, TransferInAnswersWithExactlyWhatTheCameraReturned) {
 
 TEST_F(SessionTest, TransferInAsksFor65536BytesWhateverItsBodyLength) {
     Start();
-    const ReceivedMessage answer = Ask(3, ReadCommand(0, 1) + Pattern(84));
+    const Message answer = Ask(3, Read6(0, 1) + Pattern(84));
     EXPECT_EQ(answer.header.messageType, 2u);
     EXPECT_EQ(answer.body, MemoryAt(0, 1));
     const vcam::Request request = bus.LastRequests(camera, 1).at(0);
@@ -97,19 +97,19 @@ TEST_F(SessionTest, TransferInAsksFor65536BytesWhateverItsBodyLength) {
 
 TEST_F(SessionTest, TransferOutOf528BytesSends512AndABlockOf577) {
     Start();
-    const ByteVector data = Pattern(512, 3);
-    const ReceivedMessage answer = Ask(2, WriteCommand(7, data));
+    const Bytes data = Pattern(512, 3);
+    const Message answer = Ask(2, Write6(7, data));
     EXPECT_EQ(answer.header.messageType, 2u);
     EXPECT_EQ(answer.header.bodyLength, 0u);
     EXPECT_EQ(bus.ReadMemory(camera, 7 * kBlock, 512), data);
     const vcam::Request request = bus.LastRequests(camera, 1).at(0);
     EXPECT_EQ(request.inputLength, 577u);
-    EXPECT_EQ(ByteVector(request.block.begin() + 65, request.block.end()), data);
+    EXPECT_EQ(Bytes(request.block.begin() + 65, request.block.end()), data);
 }
 
 TEST_F(SessionTest, TransferOutOfTheCommandAloneSucceedsWithoutABody) {
     Start();
-    const ReceivedMessage answer = Ask(2, TestUnitReadyCommand());
+    const Message answer = Ask(2, TestUnitReady());
     EXPECT_EQ(answer.header.messageType, 2u);
     EXPECT_EQ(answer.header.bodyLength, 0u);
     EXPECT_EQ(bus.LastRequests(camera, 1).at(0).inputLength, 65u);
@@ -117,12 +117,12 @@ TEST_F(SessionTest, TransferOutOfTheCommandAloneSucceedsWithoutABody) {
 
 TEST_F(SessionTest, TransferWithoutDataSendsZerosInPlaceOfItsFurtherBytes) {
     Start();
-    const ReceivedMessage answer = Ask(4, TestUnitReadyCommand() + Pattern(100));
+    const Message answer = Ask(4, TestUnitReady() + Pattern(100));
     EXPECT_EQ(answer.header.messageType, 2u);
     EXPECT_EQ(answer.header.bodyLength, 0u);
     const vcam::Request request = bus.LastRequests(camera, 1).at(0);
     EXPECT_EQ(request.inputLength, 165u);
-    EXPECT_EQ(ByteVector(request.block.begin() + 65, request.block.end()), ByteVector(100));
+    EXPECT_EQ(Bytes(request.block.begin() + 65, request.block.end()), Bytes(100));
 }
 
 TEST_F(SessionTest, RequestWithoutAWholeCommandFailsBeforeAnyCameraIsLookedUp) {
@@ -132,7 +132,7 @@ TEST_F(SessionTest, RequestWithoutAWholeCommandFailsBeforeAnyCameraIsLookedUp) {
             for (const std::uint32_t id : {0u, kFirstCamera, 12345u, 0xFFFFFFFFu}) {
                 SCOPED_TRACE("type " + std::to_string(type) + ", length " + std::to_string(length) +
                              ", camera " + std::to_string(id));
-                const ReceivedMessage answer = Ask(type, Pattern(length), id);
+                const Message answer = Ask(type, Pattern(length), id);
                 ASSERT_EQ(answer.header.messageType, 3u);
                 ASSERT_EQ(answer.header.bodyLength, 0u);
             }
@@ -144,14 +144,14 @@ TEST_F(SessionTest, RequestWithoutAWholeCommandFailsBeforeAnyCameraIsLookedUp) {
 
 TEST_F(SessionTest, MessagesOfUnknownTypesAreSwallowedWhole) {
     Start();
-    ByteVector all;
+    Bytes all;
     for (const std::uint32_t type : {0u, 1u, 5u, 7u, 0x80000002u, 0xFFFFFFFFu}) {
-        all = std::move(all) + Message(type, 1, kFirstCamera, Pattern(3));
-        all = std::move(all) + Message(type, 2, 99, {});
-        all = std::move(all) + Message(type, 3, 99, Pattern(1000));
+        all = std::move(all) + MessageBytes(type, 1, kFirstCamera, Pattern(3));
+        all = std::move(all) + MessageBytes(type, 2, 99, {});
+        all = std::move(all) + MessageBytes(type, 3, 99, Pattern(1000));
     }
     client->Write(all);
-    const ReceivedMessage answer = Ask(3, ReadCommand(1, 1));
+    const Message answer = Ask(3, Read6(1, 1));
     EXPECT_EQ(answer.body, MemoryAt(1, 1));
     EXPECT_EQ(client->Messages().size(), answers);
     EXPECT_EQ(output.Out() + output.Error(), "");
@@ -159,12 +159,12 @@ TEST_F(SessionTest, MessagesOfUnknownTypesAreSwallowedWhole) {
 
 TEST_F(SessionTest, MessagesInOneWriteAreHandledInOrder) {
     Start();
-    client->Write(Message(3, 100, kFirstCamera, ReadCommand(1, 1)) + Message(3, 101, 0, {}) +
-                  Message(2, 102, kFirstCamera, WriteCommand(9, Pattern(512, 8))) +
-                  Message(3, 103, kFirstCamera, ReadCommand(9, 1)));
+    client->Write(MessageBytes(3, 100, kFirstCamera, Read6(1, 1)) + MessageBytes(3, 101, 0, {}) +
+                  MessageBytes(2, 102, kFirstCamera, Write6(9, Pattern(512, 8))) +
+                  MessageBytes(3, 103, kFirstCamera, Read6(9, 1)));
     WaitForMessage(*client, 5);
-    std::map<std::uint32_t, ReceivedMessage> byId;
-    for (const ReceivedMessage& message : client->Messages())
+    std::map<std::uint32_t, Message> byId;
+    for (const Message& message : client->Messages())
         byId[message.header.requestId] = message;
     EXPECT_EQ(byId[100].body, MemoryAt(1, 1));
     EXPECT_EQ(byId[101].header.messageType, 3u);
@@ -175,7 +175,7 @@ TEST_F(SessionTest, MessagesInOneWriteAreHandledInOrder) {
 TEST_F(SessionTest, SplitHeaderStallsOnlyItsOwnSession) {
     Start();
     const auto other = ConnectAndAsk();
-    const ByteVector message = Message(3, 7, kFirstCamera, ReadCommand(0, 1));
+    const Bytes message = MessageBytes(3, 7, kFirstCamera, Read6(0, 1));
     const std::span<const std::byte> bytes(message);
     client->Write(bytes.first(5));
     port.DispatchUntil("the first piece", [&] { return client->PendingWrites() == 0; });
@@ -189,7 +189,7 @@ TEST_F(SessionTest, SplitHeaderStallsOnlyItsOwnSession) {
     {
         const CallLog log;
         client->Write(bytes.subspan(16));
-        client->Write(Message(3, 8, 0, {}));
+        client->Write(MessageBytes(3, 8, 0, {}));
         RoundTrip(*other);
         RoundTrip(*other);
         EXPECT_EQ(log.text.find("R16 Q R16"), std::string::npos);
@@ -218,7 +218,7 @@ TEST_F(SessionTest, UnknownCameraEndsTheRunWithAPlainRuntimeErrorAndNoAnswer) {
         auto asking = ConnectAndAsk();
         const std::size_t before = asking->Messages().size();
         CallLog log;
-        asking->Write(Message(3, 5, id, ReadCommand(0, 1)));
+        asking->Write(MessageBytes(3, 5, id, Read6(0, 1)));
         try {
             port.DispatchUntil("the error", [] { return false; });
             FAIL() << "no exception";
@@ -237,7 +237,7 @@ TEST_F(SessionTest, UnknownCameraEndsTheRunWithAPlainRuntimeErrorAndNoAnswer) {
 TEST_F(SessionTest, CameraThatCannotBeOpenedEndsTheRun) {
     Start();
     bus.Unplug(camera);
-    client->Write(Message(3, 1, kFirstCamera, ReadCommand(0, 1)));
+    client->Write(MessageBytes(3, 1, kFirstCamera, Read6(0, 1)));
     try {
         port.DispatchUntil("the error", [] { return false; });
         FAIL() << "no exception";
@@ -266,12 +266,12 @@ TEST_F(SessionTest, SessionKeepsOneCameraOpenAndClosesItForTheNext) {
     };
     EXPECT_EQ(open(first), 0u);
     const std::uint64_t opensBefore = bus.Counters(first).opens;
-    Ask(3, ReadCommand(0, 1), 1);
-    Ask(3, ReadCommand(0, 1), 1);
+    Ask(3, Read6(0, 1), 1);
+    Ask(3, Read6(0, 1), 1);
     EXPECT_EQ(bus.Counters(first).opens, opensBefore + 1) << "opened once for two requests";
     EXPECT_EQ(open(first), 1u);
     EXPECT_EQ(open(second), 0u);
-    Ask(3, ReadCommand(0, 1), 2);
+    Ask(3, Read6(0, 1), 2);
     EXPECT_EQ(open(first), 0u);
     EXPECT_EQ(open(second), 1u);
     // Messages without a transfer leave it open.
@@ -284,13 +284,13 @@ TEST_F(SessionTest, SessionKeepsOneCameraOpenAndClosesItForTheNext) {
 TEST_F(SessionTest, CameraStaysOpenUntilTheLastOfItsSessionsEnds) {
     Start();
     auto other = ConnectAndAsk();
-    Ask(3, ReadCommand(0, 1));
-    other->Write(Message(3, 50, kFirstCamera, ReadCommand(0, 1)));
+    Ask(3, Read6(0, 1));
+    other->Write(MessageBytes(3, 50, kFirstCamera, Read6(0, 1)));
     WaitForMessage(*other, 3);
     const vcam::CameraCounters counters = bus.Counters(camera);
     Leave(other);
     EXPECT_EQ(bus.Counters(camera).closes, counters.closes);
-    Ask(3, ReadCommand(0, 1));
+    Ask(3, Read6(0, 1));
     Leave(client);
     EXPECT_EQ(bus.Counters(camera).closes, counters.closes + 1);
 }
@@ -301,38 +301,38 @@ TEST_F(SessionTest, ScsiStatusOtherThanZeroIsAFailedTransfer) {
         vcam::Behaviour behaviour;
         behaviour.scsiStatus = 0x08;
         bus.SetBehaviour(camera, behaviour);
-        EXPECT_EQ(Ask(type, TestUnitReadyCommand()).header.messageType, 3u);
+        EXPECT_EQ(Ask(type, TestUnitReady()).header.messageType, 3u);
         bus.SetBehaviour(camera, {});
-        EXPECT_EQ(Ask(type, TestUnitReadyCommand()).header.messageType, 2u);
+        EXPECT_EQ(Ask(type, TestUnitReady()).header.messageType, 2u);
     }
     // What the camera itself says to a command that it does not know.
-    ByteVector unknown(16, std::byte{0xEE});
+    Bytes unknown(16, std::byte{0xEE});
     EXPECT_EQ(Ask(3, unknown).header.messageType, 3u);
 }
 
 TEST_F(SessionTest, TransferThatEndsWithAnErrorFailsAndTheCameraStays) {
     Start();
     const auto other = ConnectAndAsk();
-    bus.SetBehaviour(camera, EndsWith(kStatusIoDeviceError));
-    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 3u);
-    EXPECT_EQ(Ask(2, TestUnitReadyCommand()).header.messageType, 3u);
-    bus.SetBehaviour(camera, EndsWith(kStatusBufferOverflow));  // a warning is a failure too
-    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 3u);
+    bus.SetBehaviour(camera, CompletesWith(kStatusIoDeviceError));
+    EXPECT_EQ(Ask(3, Read6(0, 1)).header.messageType, 3u);
+    EXPECT_EQ(Ask(2, TestUnitReady()).header.messageType, 3u);
+    bus.SetBehaviour(camera, CompletesWith(kStatusBufferOverflow));  // a warning is a failure too
+    EXPECT_EQ(Ask(3, Read6(0, 1)).header.messageType, 3u);
     bus.SetBehaviour(camera, {});
-    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 2u);
+    EXPECT_EQ(Ask(3, Read6(0, 1)).header.messageType, 2u);
     EXPECT_TRUE(server->FindDevice(kFirstCamera));
     EXPECT_EQ(output.CountError("No main communicator"), 0u);
 }
 
 TEST_F(SessionTest, AbortedTransferIsNotAnswered) {
     Start();
-    bus.SetBehaviour(camera, EndsWith(kStatusCancelled));
-    client->Write(Message(3, 70, kFirstCamera, ReadCommand(0, 1)));
+    bus.SetBehaviour(camera, CompletesWith(kStatusCancelled));
+    client->Write(MessageBytes(3, 70, kFirstCamera, Read6(0, 1)));
     port.DispatchUntil("the abort", [&] {
         return output.CountOut("GetQueuedCompletionStatus returned FALSE: 995\n") == 1;
     });
     bus.SetBehaviour(camera, {});
-    const ReceivedMessage answer = Ask(3, ReadCommand(0, 1));
+    const Message answer = Ask(3, Read6(0, 1));
     EXPECT_EQ(answer.header.messageType, 2u);
     EXPECT_EQ(client->Messages().size(), answers);
 }
@@ -343,9 +343,9 @@ TEST_F(SessionTest, TransferThatCannotStartFailsFirstAndThenTheCameraIsGone) {
     const std::size_t before = asking->Messages().size();
     bus.SetBehaviour(camera, FailsAtOnce(kStatusIoDeviceError));
     const auto device = server->FindDevice(kFirstCamera);
-    client->Write(Message(3, 81, kFirstCamera, ReadCommand(0, 1)));
+    client->Write(MessageBytes(3, 81, kFirstCamera, Read6(0, 1)));
     WaitForMessage(*client, 3);
-    const std::vector<ReceivedMessage> messages = client->Messages();
+    const std::vector<Message> messages = client->Messages();
     EXPECT_EQ(messages[1].header.messageType, 3u);
     EXPECT_EQ(messages[1].header.requestId, 81u);
     EXPECT_EQ(messages[2].header.messageType, 5u);
@@ -359,7 +359,7 @@ TEST_F(SessionTest, TransferThatCannotStartFailsFirstAndThenTheCameraIsGone) {
     // Whoever still has it attached gets a failure without any device call.
     bus.SetBehaviour(camera, {});
     const std::uint64_t seen = RequestsSeen();
-    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 3u);
+    EXPECT_EQ(Ask(3, Read6(0, 1)).header.messageType, 3u);
     EXPECT_EQ(RequestsSeen(), seen);
     RoundTrip(*asking);
     EXPECT_EQ(asking->Messages().size(), before + 1) << "a camera pipe was told";
@@ -372,7 +372,7 @@ TEST_F(SessionTest, TransferThatCannotStartWithoutAMainCommunicatorIsOneLine) {
     output.Clear();
     bus.SetBehaviour(camera, FailsAtOnce(kStatusIoDeviceError));
     const std::size_t before = asking->Messages().size();
-    asking->Write(Message(4, 82, kFirstCamera, TestUnitReadyCommand()));
+    asking->Write(MessageBytes(4, 82, kFirstCamera, TestUnitReady()));
     WaitForMessage(*asking, before + 1);
     EXPECT_EQ(asking->Messages().back().header.messageType, 3u);
     EXPECT_EQ(output.Error(), "No main communicator found on device detach.\n");
@@ -382,17 +382,17 @@ TEST_F(SessionTest, TransferThatCannotStartWithoutAMainCommunicatorIsOneLine) {
 TEST_F(SessionTest, TransferThatFailsAtOnceWithAbortedIsAnsweredLikeAnyOther) {
     Start();
     bus.SetBehaviour(camera, FailsAtOnce(kStatusCancelled));
-    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 3u);
+    EXPECT_EQ(Ask(3, Read6(0, 1)).header.messageType, 3u);
 }
 
 TEST_F(SessionTest, TransferThatFailsAtOnceWithAWarningIsAnsweredOnce) {
     Start();
     bus.SetBehaviour(camera, FailsAtOnce(kStatusBufferOverflow));
-    client->Write(Message(3, 90, kFirstCamera, ReadCommand(0, 1)));
+    client->Write(MessageBytes(3, 90, kFirstCamera, Read6(0, 1)));
     WaitForMessage(*client, 2);
     RoundTrip(*client);
     std::size_t count = 0;
-    for (const ReceivedMessage& message : client->Messages())
+    for (const Message& message : client->Messages())
         count += message.header.requestId == 90 ? 1u : 0u;
     EXPECT_EQ(count, 1u);
     EXPECT_EQ(client->Messages()[1].header.messageType, 3u);
@@ -405,30 +405,30 @@ TEST_F(SessionTest, ShortAnswersOfTheDriverNeverMakeALengthBelowZero) {
         vcam::Behaviour behaviour;
         behaviour.returnedBytes = returned;
         bus.SetBehaviour(camera, behaviour);
-        const ReceivedMessage answer = Ask(3, ReadCommand(0, 128));
+        const Message answer = Ask(3, Read6(0, 128));
         EXPECT_EQ(answer.header.messageType, 2u);
         EXPECT_EQ(answer.header.bodyLength, returned > 65 ? returned - 65 : 0);
         // The block's head only comes back as far as was returned, so the ids did not change.
-        const ReceivedMessage other = Ask(4, TestUnitReadyCommand());
+        const Message other = Ask(4, TestUnitReady());
         EXPECT_EQ(other.header.messageType, 2u);
         EXPECT_EQ(other.header.bodyLength, 0u);
     }
     vcam::Behaviour behaviour;
     behaviour.maximumDataBytes = 0;
     bus.SetBehaviour(camera, behaviour);
-    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.bodyLength, 0u);
+    EXPECT_EQ(Ask(3, Read6(0, 1)).header.bodyLength, 0u);
     behaviour.maximumDataBytes = 100;
     bus.SetBehaviour(camera, behaviour);
-    const ReceivedMessage answer = Ask(3, ReadCommand(0, 1));
-    EXPECT_EQ(answer.body, ByteVector(memory.begin(), memory.begin() + 100));
+    const Message answer = Ask(3, Read6(0, 1));
+    EXPECT_EQ(answer.body, Bytes(memory.begin(), memory.begin() + 100));
 }
 
 TEST_F(SessionTest, RemovedCameraFailsThroughTheSessionThatHasItWithoutADeviceCall) {
     Start();
-    Ask(3, ReadCommand(0, 1));
+    Ask(3, Read6(0, 1));
     const std::uint64_t seen = RequestsSeen();
     server->FindDevice(kFirstCamera)->SetRemoved();
-    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 3u);
+    EXPECT_EQ(Ask(3, Read6(0, 1)).header.messageType, 3u);
     EXPECT_EQ(RequestsSeen(), seen);
     EXPECT_TRUE(server->FindDevice(kFirstCamera)) << "only a flag: the camera stays in the table";
 }
@@ -437,11 +437,10 @@ TEST_F(SessionTest, TransfersOutstandingOnOneCameraAreAnsweredAsTheyEnd) {
     Start();
     constexpr std::uint32_t kCount = 40;
     bus.SetBehaviour(camera, Holds());
-    ByteVector all;
+    Bytes all;
     for (std::uint32_t index = 0; index < kCount; ++index)
-        all =
-            std::move(all) + Message(3, 1000 + index, kFirstCamera,
-                                     ReadCommand(index, static_cast<std::uint8_t>(index % 3 + 1)));
+        all = std::move(all) + MessageBytes(3, 1000 + index, kFirstCamera,
+                                            Read6(index, static_cast<std::uint8_t>(index % 3 + 1)));
     client->Write(all);
     // A client whose camera is busy is served all the same.
     port.DispatchUntil("the requests to be sent", [&] { return client->PendingWrites() == 0; });
@@ -456,10 +455,10 @@ TEST_F(SessionTest, TransfersOutstandingOnOneCameraAreAnsweredAsTheyEnd) {
     for (const std::uint32_t index : order)
         bus.Release(camera, held[index].sequenceNumber);
     WaitForMessage(*client, answers + kCount);
-    const std::vector<ReceivedMessage> messages = client->Messages();
+    const std::vector<Message> messages = client->Messages();
     for (std::uint32_t at = 0; at < kCount; ++at) {
         const std::uint32_t index = order[at];
-        const ReceivedMessage& message = messages[answers + at];
+        const Message& message = messages[answers + at];
         ASSERT_EQ(message.header.requestId, 1000 + index) << "answer " << at;
         EXPECT_EQ(message.header.messageType, 2u);
         EXPECT_EQ(message.header.cameraId, kFirstCamera);
@@ -470,8 +469,8 @@ TEST_F(SessionTest, TransfersOutstandingOnOneCameraAreAnsweredAsTheyEnd) {
 
 TEST_F(SessionTest, BodyInPiecesArrivesWhole) {
     Start();
-    const ByteVector data = Pattern(40 * kBlock, 5);
-    const ByteVector message = Message(2, 60, kFirstCamera, WriteCommand(20, data));
+    const Bytes data = Pattern(40 * kBlock, 5);
+    const Bytes message = MessageBytes(2, 60, kFirstCamera, Write6(20, data));
     const std::span<const std::byte> bytes(message);
     client->Write(bytes.first(16));
     for (std::size_t at = 16; at < bytes.size();) {
@@ -481,7 +480,7 @@ TEST_F(SessionTest, BodyInPiecesArrivesWhole) {
         client->Write(bytes.subspan(at, size));
         at += size;
     }
-    const ReceivedMessage answer = WaitForMessage(*client, 2);
+    const Message answer = WaitForMessage(*client, 2);
     EXPECT_EQ(answer.header.requestId, 60u);
     EXPECT_EQ(answer.header.messageType, 2u);
     EXPECT_EQ(bus.ReadMemory(camera, 20 * kBlock, data.size()), data);
@@ -489,7 +488,7 @@ TEST_F(SessionTest, BodyInPiecesArrivesWhole) {
 
 TEST_F(SessionTest, ContinuationReadAsksForTheWholeLengthAndWhatHasCome) {
     Start();
-    const ByteVector message = Message(7, 60, 0, Pattern(1000));
+    const Bytes message = MessageBytes(7, 60, 0, Pattern(1000));
     const std::span<const std::byte> bytes(message);
     port.DispatchQueued();
     CallLog log;
@@ -517,17 +516,17 @@ TEST_F(SessionTest, ContinuationReadAsksForTheWholeLengthAndWhatHasCome) {
 
 TEST_F(SessionTest, WhatFollowsABodyInPiecesIsSwallowedWithItsLastPiece) {
     Start();
-    const ByteVector body = Pattern(100);
-    const ByteVector message = Message(7, 60, 0, body);
+    const Bytes body = Pattern(100);
+    const Bytes message = MessageBytes(7, 60, 0, body);
     const std::span<const std::byte> bytes(message);
     client->Write(bytes.first(16 + 99));
     port.DispatchUntil("the first piece", [&] { return client->PendingWrites() == 0; });
     port.DispatchQueued();
     // More than fits behind the body, in one piece: 199 bytes are taken, the rest is a message.
-    const ByteVector glued =
-        ByteVector(bytes.begin() + 16 + 99, bytes.end()) + Pattern(198) + Message(3, 61, 0, {});
+    const Bytes glued =
+        Bytes(bytes.begin() + 16 + 99, bytes.end()) + Pattern(198) + MessageBytes(3, 61, 0, {});
     client->Write(glued);
-    const ReceivedMessage answer = WaitForMessage(*client, 2);
+    const Message answer = WaitForMessage(*client, 2);
     EXPECT_EQ(answer.header.requestId, 61u);
     EXPECT_EQ(answer.header.messageType, 3u);
 }
@@ -537,11 +536,11 @@ TEST_F(SessionTest, BodyOf64MebibytesInOneMessageAndInPieces) {
     options.blockCount = 16;
     Start(options);
     constexpr std::size_t kSize = 64 * 1024 * 1024;
-    const ByteVector body(kSize, std::byte{0x3C});
-    client->Write(Message(7, 1, 0, body));
-    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 2u);
+    const Bytes body(kSize, std::byte{0x3C});
+    client->Write(MessageBytes(7, 1, 0, body));
+    EXPECT_EQ(Ask(3, Read6(0, 1)).header.messageType, 2u);
 
-    const ByteVector header = Message(7, 1, 0, body);
+    const Bytes header = MessageBytes(7, 1, 0, body);
     client->Write(std::span(header).first(16));
     constexpr std::size_t kPiece = 5000000;
     for (std::size_t at = 0; at < kSize; at += kPiece) {
@@ -549,7 +548,7 @@ TEST_F(SessionTest, BodyOf64MebibytesInOneMessageAndInPieces) {
         port.DispatchUntil("a piece", [&] { return client->PendingWrites() == 0; });
     }
     port.DispatchQueued();
-    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 2u);
+    EXPECT_EQ(Ask(3, Read6(0, 1)).header.messageType, 2u);
 }
 
 TEST_F(SessionTest, TransferLengthAboveTheLargestSignedNumberFailsBeforeAnyCameraIsLookedUp) {
@@ -568,14 +567,14 @@ TEST_F(SessionTest, TransferLengthAboveTheLargestSignedNumberFailsBeforeAnyCamer
                 });
             const MessageHeader header{type, ++requests, 12345, bodyLength};
             client->Write(std::as_bytes(std::span(&header, 1)));
-            const ReceivedMessage answer = WaitForMessage(*client, ++answers);
+            const Message answer = WaitForMessage(*client, ++answers);
             EXPECT_EQ(answer.header.messageType, 3u);
             EXPECT_EQ(answer.header.requestId, requests);
             EXPECT_EQ(answer.header.cameraId, 12345u);
             EXPECT_EQ(answer.header.bodyLength, 0u);
         }
     }
-    EXPECT_EQ(Ask(3, ReadCommand(0, 1)).header.messageType, 2u);
+    EXPECT_EQ(Ask(3, Read6(0, 1)).header.messageType, 2u);
 }
 
 TEST_F(SessionTest, ClientThatNeverReadsFillsOnlyItsOwnQueue) {
@@ -583,16 +582,16 @@ TEST_F(SessionTest, ClientThatNeverReadsFillsOnlyItsOwnQueue) {
     auto silent = Connect(PipeClient::Reading::kNever);
     constexpr std::uint32_t kCount = 100;
     for (std::uint32_t index = 0; index < kCount; ++index)
-        silent->Write(Message(3, 500 + index, kFirstCamera, ReadCommand(0, 128)));
+        silent->Write(MessageBytes(3, 500 + index, kFirstCamera, Read6(0, 128)));
     port.DispatchUntil("its requests",
                        [&] { return RequestsSeen() == kCount && silent->PendingWrites() == 0; });
     RoundTrip(*client);
     ++answers;
-    EXPECT_EQ(Ask(3, ReadCommand(3, 1)).body, MemoryAt(3, 1));
+    EXPECT_EQ(Ask(3, Read6(3, 1)).body, MemoryAt(3, 1));
     // All of it is there once it reads, in order.
     silent->StartReading();
     WaitForMessage(*silent, 1 + kCount);
-    const std::vector<ReceivedMessage> messages = silent->Messages();
+    const std::vector<Message> messages = silent->Messages();
     for (std::uint32_t index = 0; index < kCount; ++index) {
         ASSERT_EQ(messages[1 + index].header.requestId, 500 + index);
         ASSERT_EQ(messages[1 + index].body, MemoryAt(0, 128));
@@ -658,7 +657,7 @@ protected:
     }
 
     /// The client's header, and what it makes the service do.
-    void SendHeaderOf(const ByteVector& message) {
+    void SendHeaderOf(const Bytes& message) {
         client->Write(std::span(message).first(sizeof(MessageHeader)));
         port.DispatchUntil("the header", [&] { return client->PendingWrites() == 0; });
         port.DispatchQueued();
@@ -667,12 +666,12 @@ protected:
 
 TEST_F(SessionErrorTest, HeaderReadThatEndsWithAnotherErrorIsThrownWithoutAText) {
     const FailingPacket failing(kOtherError);
-    client->Write(Message(7, 1, 0, {}));
+    client->Write(MessageBytes(7, 1, 0, {}));
     ExpectError("GetLastError() = 0x40 (");
 }
 
 TEST_F(SessionErrorTest, BodyReadThatEndsWithAnotherErrorIsThrown) {
-    const ByteVector message = Message(7, 1, 0, Pattern(100));
+    const Bytes message = MessageBytes(7, 1, 0, Pattern(100));
     SendHeaderOf(message);
     const FailingPacket failing(kOtherError);
     client->Write(std::span(message).subspan(sizeof(MessageHeader)));
@@ -680,7 +679,7 @@ TEST_F(SessionErrorTest, BodyReadThatEndsWithAnotherErrorIsThrown) {
 }
 
 TEST_F(SessionErrorTest, WriteThatEndsWithAnotherErrorIsThrown) {
-    const ByteVector message = Message(kTransferIn, 1, kFirstCamera, ReadCommand(0, 1));
+    const Bytes message = MessageBytes(kTransferIn, 1, kFirstCamera, Read6(0, 1));
     bus.SetBehaviour(camera, Holds());
     client->Write(message);
     port.DispatchUntil("the transfer", [&] { return bus.Counters(camera).pending == 1; });
@@ -692,7 +691,7 @@ TEST_F(SessionErrorTest, WriteThatEndsWithAnotherErrorIsThrown) {
 }
 
 TEST_F(SessionErrorTest, BodyReadThatFailsAtOnceIsThrownWithoutATextAlsoForABrokenPipe) {
-    const ByteVector message = Message(7, 1, 0, Pattern(100));
+    const Bytes message = MessageBytes(7, 1, 0, Pattern(100));
     const struct {
         DWORD size;  // of the read that fails: the first, or one that continues
         DWORD error;
@@ -725,7 +724,7 @@ TEST_F(SessionErrorTest, BodyReadThatFailsAtOnceIsThrownWithoutATextAlsoForABrok
 }
 
 TEST_F(SessionErrorTest, WriteThatFailsAtOnceIsThrownWithoutAText) {
-    client->Write(Message(kTransferIn, 1, 0, {}));
+    client->Write(MessageBytes(kTransferIn, 1, 0, {}));
     const HookedImport<&__imp_WriteFile> write([](HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*) {
         ::SetLastError(kOtherError);
         return FALSE;
@@ -734,7 +733,7 @@ TEST_F(SessionErrorTest, WriteThatFailsAtOnceIsThrownWithoutAText) {
 }
 
 TEST_F(SessionErrorTest, WriteThatFindsThePipeBrokenRemovesTheClient) {
-    client->Write(Message(kTransferIn, 1, 0, {}));
+    client->Write(MessageBytes(kTransferIn, 1, 0, {}));
     const HookedImport<&__imp_WriteFile> write([](HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*) {
         ::SetLastError(ERROR_BROKEN_PIPE);
         return FALSE;
@@ -763,7 +762,7 @@ protected:
     }
 
     /// Serves one request of a client that does nothing meanwhile but have written it.
-    void Serve(const ByteVector& message, std::size_t packets) {
+    void Serve(const Bytes& message, std::size_t packets) {
         client->Write(message);
         CallLog log;
         std::size_t taken = 0;
@@ -791,7 +790,7 @@ protected:
 
 TEST_F(RequestRoadTest, TransferInTakesTheAgreedCallsAndAllocations) {
     StartQuiet();
-    const ByteVector message = Message(3, 77, kFirstCamera, ReadCommand(0, 1) + Pattern(5));
+    const Bytes message = MessageBytes(3, 77, kFirstCamera, Read6(0, 1) + Pattern(5));
     Serve(message, 5);  // opens the camera
     for (int round = 0; round < 3; ++round) {
         Serve(message, 5);
@@ -804,7 +803,7 @@ TEST_F(RequestRoadTest, TransferInTakesTheAgreedCallsAndAllocations) {
 
 TEST_F(RequestRoadTest, TransferOutTakesTheAgreedCallsAndAllocations) {
     StartQuiet();
-    const ByteVector message = Message(2, 78, kFirstCamera, WriteCommand(0, Pattern(1024)));
+    const Bytes message = MessageBytes(2, 78, kFirstCamera, Write6(0, Pattern(1024)));
     Serve(message, 4);
     for (int round = 0; round < 3; ++round) {
         Serve(message, 4);
@@ -816,9 +815,9 @@ TEST_F(RequestRoadTest, TransferOutTakesTheAgreedCallsAndAllocations) {
 
 TEST_F(RequestRoadTest, RefusedRequestTakesTheAgreedCallsAndAllocations) {
     StartQuiet();
-    Serve(Message(4, 79, 0, {}), 2);
+    Serve(MessageBytes(4, 79, 0, {}), 2);
     for (int round = 0; round < 3; ++round) {
-        Serve(Message(4, 79, 0, {}), 2);
+        Serve(MessageBytes(4, 79, 0, {}), 2);
         EXPECT_EQ(calls, "Q W16 R16 Q");
         EXPECT_EQ(AllocationsButQueueNodes(), (std::vector<std::size_t>{16}));
     }

@@ -10,6 +10,7 @@
 #include <windows.h>
 
 #include "device/unique_handle.h"
+#include "support/deadline.h"
 
 /// What was waited for did not happen in time.
 class TestTimeout : public std::runtime_error {
@@ -22,7 +23,7 @@ public:
 /// Thread: the test's, which so is the dispatcher thread.
 class TestPort {
 public:
-    explicit TestPort(std::chrono::milliseconds deadline = std::chrono::seconds(20));
+    explicit TestPort(std::chrono::milliseconds deadline = kDeadline);
 
     /// Closes the port. Drain() it before.
     ~TestPort();

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -14,36 +13,19 @@
 #include "output_capture.h"
 #include "pipe_client.h"
 #include "server/server.h"
+#include "support/camera_setup.h"
+#include "support/commands.h"
 #include "test_port.h"
 #include "virtual_camera.h"
-
-// How requests can end, from <ntstatus.h>, which doesn't go with <windows.h>.
-inline constexpr auto kStatusBufferOverflow = static_cast<vcam::NtStatus>(0x80000005);  // 234
-inline constexpr auto kStatusCancelled = static_cast<vcam::NtStatus>(0xC0000120);       // 995
-inline constexpr auto kStatusIoDeviceError = static_cast<vcam::NtStatus>(0xC0000185);   // 1117
-
-// One departure from an ordinary camera each.
-vcam::Behaviour Holds();
-vcam::Behaviour FailsAtOnce(vcam::NtStatus status);
-vcam::Behaviour EndsWith(vcam::NtStatus status);
-
-/// A READ(6) command: `count` blocks from `block` on; 0 means 256.
-ByteVector ReadCommand(std::uint32_t block, std::uint8_t count);
-
-/// A WRITE(6) command, and the data that goes with it.
-ByteVector WriteCommand(std::uint32_t block, std::span<const std::byte> data);
-
-/// A TEST UNIT READY command.
-ByteVector TestUnitReadyCommand();
 
 /// A `Server` on a port that the test serves itself, pipe clients, and virtual cameras.
 ///
 /// Each test ends by destroying the server and dispatching what is still to come; then no operation
 /// and no block of memory may be left, and no camera handle open.
-class ServiceFixture : public ::testing::Test {
+class InProcessService : public ::testing::Test {
 protected:
-    ServiceFixture();
-    ~ServiceFixture() override;
+    InProcessService();
+    ~InProcessService() override;
 
     void SetUp() override;
     void TearDown() override;
@@ -62,7 +44,7 @@ protected:
     void RoundTrip(PipeClient& client);
 
     /// Dispatches until the client has at least so many messages; returns the last of those.
-    ReceivedMessage WaitForMessage(PipeClient& client, std::size_t count);
+    Message WaitForMessage(PipeClient& client, std::size_t count);
 
     /// The client leaves, and the service notices.
     void Leave(std::unique_ptr<PipeClient>& client);
@@ -94,7 +76,6 @@ protected:
     /// Destroys the server and dispatches what is still to come.
     void StopServer();
 
-    static constexpr std::chrono::seconds kDeadline{20};
     static constexpr std::uint32_t kFirstCamera = 1;  // identifiers count from 1
 
     OutputCapture output;

@@ -1,4 +1,4 @@
-#include "service_fixture.h"
+#include "in_process_service.h"
 
 #include <cstring>
 #include <iostream>
@@ -22,53 +22,14 @@ DWORD WINAPI WriteLine(void* /*argument*/) {
 
 }  // namespace
 
-vcam::Behaviour Holds() {
-    vcam::Behaviour behaviour;
-    behaviour.hold = true;
-    return behaviour;
-}
-
-vcam::Behaviour FailsAtOnce(vcam::NtStatus status) {
-    vcam::Behaviour behaviour;
-    behaviour.immediateStatus = status;
-    return behaviour;
-}
-
-vcam::Behaviour EndsWith(vcam::NtStatus status) {
-    vcam::Behaviour behaviour;
-    behaviour.completionStatus = status;
-    return behaviour;
-}
-
-ByteVector ReadCommand(std::uint32_t block, std::uint8_t count) {
-    ByteVector command(kCdbFieldSize);
-    command[0] = std::byte{0x08};
-    command[1] = static_cast<std::byte>(block >> 16 & 0x1F);
-    command[2] = static_cast<std::byte>(block >> 8);
-    command[3] = static_cast<std::byte>(block);
-    command[4] = std::byte{count};
-    return command;
-}
-
-ByteVector WriteCommand(std::uint32_t block, std::span<const std::byte> data) {
-    ByteVector command =
-        ReadCommand(block, static_cast<std::uint8_t>(data.size() / vcam::kBlockSize));
-    command[0] = std::byte{0x0A};
-    return command + data;
-}
-
-ByteVector TestUnitReadyCommand() {
-    return ByteVector(kCdbFieldSize);
-}
-
-ServiceFixture::ServiceFixture() {
+InProcessService::InProcessService() {
     bus.UnplugAll();  // what an earlier program has left behind
 }
 
-ServiceFixture::~ServiceFixture() = default;
+InProcessService::~InProcessService() = default;
 
 /// What the libraries allocate once and keep is there after this.
-void ServiceFixture::WarmUp() {
+void InProcessService::WarmUp() {
     static bool warm = false;
     if (std::exchange(warm, true))
         return;
@@ -76,7 +37,7 @@ void ServiceFixture::WarmUp() {
     const vcam::CameraId camera = Plug();
     StartServer();
     auto client = ConnectAndAsk();
-    client->Write(Message(kTransferIn, 1, kFirstCamera, ReadCommand(0, 1)));
+    client->Write(MessageBytes(kTransferIn, 1, kFirstCamera, Read6(0, 1)));
     WaitForMessage(*client, 3);
     Leave(client);
     StopServer();
@@ -94,14 +55,14 @@ void ServiceFixture::WarmUp() {
     ::WaitForSingleObject(thread.get(), INFINITE);
 }
 
-void ServiceFixture::SetUp() {
+void InProcessService::SetUp() {
     WarmUp();
     output.Clear();
     plugged.reserve(64);
     heapBefore.Take();
 }
 
-void ServiceFixture::TearDown() {
+void InProcessService::TearDown() {
     for (const vcam::CameraId id : plugged)
         bus.ReleaseAll(id);
     StopServer();
@@ -122,16 +83,16 @@ void ServiceFixture::TearDown() {
     EXPECT_EQ(heapBefore.Difference(), "") << "blocks of memory were left behind";
 }
 
-void ServiceFixture::StartServer() {
+void InProcessService::StartServer() {
     server = std::make_unique<Server>(port.Get());
 }
 
-void ServiceFixture::StopServer() {
+void InProcessService::StopServer() {
     server.reset();
     port.Drain();
 }
 
-std::unique_ptr<PipeClient> ServiceFixture::Connect(PipeClient::Reading reading) {
+std::unique_ptr<PipeClient> InProcessService::Connect(PipeClient::Reading reading) {
     const std::size_t before = output.CountOut("ServerClient connected.");
     auto client = std::make_unique<PipeClient>(port, reading);
     port.DispatchUntil("the client's connection",
@@ -139,18 +100,18 @@ std::unique_ptr<PipeClient> ServiceFixture::Connect(PipeClient::Reading reading)
     return client;
 }
 
-std::unique_ptr<PipeClient> ServiceFixture::ConnectAndAsk() {
+std::unique_ptr<PipeClient> InProcessService::ConnectAndAsk() {
     auto client = Connect();
     RoundTrip(*client);
     return client;
 }
 
-void ServiceFixture::RoundTrip(PipeClient& client) {
+void InProcessService::RoundTrip(PipeClient& client) {
     const std::uint32_t id = kRoundTripId + ++roundTrips;
-    client.Write(Message(kTransferIn, id, 0, {}));
-    std::optional<ReceivedMessage> answer;
+    client.Write(MessageBytes(kTransferIn, id, 0, {}));
+    std::optional<Message> answer;
     port.DispatchUntil("the answer to a request without a command", [&] {
-        for (ReceivedMessage& message : client.Messages()) {
+        for (Message& message : client.Messages()) {
             if (message.header.requestId == id)
                 answer = std::move(message);
         }
@@ -160,7 +121,7 @@ void ServiceFixture::RoundTrip(PipeClient& client) {
     EXPECT_EQ(answer->header.messageType, kTransferFailed);
 }
 
-ReceivedMessage ServiceFixture::WaitForMessage(PipeClient& client, std::size_t count) {
+Message InProcessService::WaitForMessage(PipeClient& client, std::size_t count) {
     port.DispatchUntil("message " + std::to_string(count) + " of a client",
                        [&] { return client.Messages().size() >= count || client.HasEnded(); });
     if (client.Messages().size() < count)
@@ -168,17 +129,17 @@ ReceivedMessage ServiceFixture::WaitForMessage(PipeClient& client, std::size_t c
     return client.Messages()[count - 1];
 }
 
-void ServiceFixture::Leave(std::unique_ptr<PipeClient>& client) {
+void InProcessService::Leave(std::unique_ptr<PipeClient>& client) {
     const std::size_t before = Shutdowns();
     client.reset();
     WaitForShutdowns(before + 1);
 }
 
-void ServiceFixture::WaitForShutdowns(std::size_t count) {
+void InProcessService::WaitForShutdowns(std::size_t count) {
     port.DispatchUntil("the end of the session", [&] { return Shutdowns() >= count; });
 }
 
-vcam::CameraId ServiceFixture::Plug(const vcam::PlugOptions& options) {
+vcam::CameraId InProcessService::Plug(const vcam::PlugOptions& options) {
     // The same names in every test: Windows keeps a record of each device that was ever there, and
     // all of them are looked at whenever devices are enumerated.
     vcam::PlugOptions named = options;
@@ -188,8 +149,8 @@ vcam::CameraId ServiceFixture::Plug(const vcam::PlugOptions& options) {
     return plugged.back();
 }
 
-void ServiceFixture::PostInterfaceEvent(WPARAM eventCode, const std::wstring& path,
-                                        const GUID& interfaceClass) {
+void InProcessService::PostInterfaceEvent(WPARAM eventCode, const std::wstring& path,
+                                          const GUID& interfaceClass) {
     const std::size_t size =
         sizeof(DEV_BROADCAST_DEVICEINTERFACE_W) + path.size() * sizeof(wchar_t);
     const auto block = std::make_unique<std::byte[]>(size);
@@ -201,13 +162,13 @@ void ServiceFixture::PostInterfaceEvent(WPARAM eventCode, const std::wstring& pa
     server->PostDeviceEvent(eventCode, reinterpret_cast<const DEV_BROADCAST_HDR*>(record));
 }
 
-void ServiceFixture::InterfaceEvent(WPARAM eventCode, const std::wstring& path,
-                                    const GUID& interfaceClass) {
+void InProcessService::InterfaceEvent(WPARAM eventCode, const std::wstring& path,
+                                      const GUID& interfaceClass) {
     PostInterfaceEvent(eventCode, path, interfaceClass);
     port.DispatchQueued();
 }
 
-void ServiceFixture::ExpectServing() {
+void InProcessService::ExpectServing() {
     auto client = ConnectAndAsk();
     Leave(client);
 }
