@@ -121,6 +121,12 @@ void InProcessService::RoundTrip(PipeClient& client) {
     EXPECT_EQ(answer->header.messageType, kTransferFailed);
 }
 
+void InProcessService::WriteAndDispatch(PipeClient& client, std::span<const std::byte> bytes) {
+    client.Write(bytes);
+    port.DispatchUntil("a client's write", [&] { return client.PendingWrites() == 0; });
+    port.DispatchQueued();
+}
+
 Message InProcessService::WaitForMessage(PipeClient& client, std::size_t count) {
     port.DispatchUntil("message " + std::to_string(count) + " of a client",
                        [&] { return client.Messages().size() >= count || client.HasEnded(); });

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -42,6 +43,9 @@ protected:
     /// Sends a request that touches no camera and dispatches until it is answered with
     /// kTransferFailed: everything that the client sent before has been handled then.
     void RoundTrip(PipeClient& client);
+
+    /// Writes, and dispatches until the service has read it and has done what it makes it do.
+    void WriteAndDispatch(PipeClient& client, std::span<const std::byte> bytes);
 
     /// Dispatches until the client has at least so many messages; returns the last of those.
     Message WaitForMessage(PipeClient& client, std::size_t count);
