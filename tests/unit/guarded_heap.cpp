@@ -49,6 +49,13 @@ std::atomic<DWORD> recordingThread{0};
 std::array<std::size_t, guarded_heap::AllocationRecord::kLongest> recorded{};
 std::size_t recordedCount = 0;
 
+std::atomic<bool> freeChangesError{false};
+
+std::atomic<DWORD> failingThread{0};
+constexpr std::size_t kAnySize = SIZE_MAX;
+std::size_t failingSize = kAnySize;
+std::size_t allocationsUntilFailure = 0;  // 0: it has failed
+
 constexpr std::size_t RoundUp(std::size_t value, std::size_t unit) noexcept {
     return (value + unit - 1) / unit * unit;
 }
@@ -158,8 +165,15 @@ void Record(std::size_t size) noexcept {
         recorded[recordedCount++] = size;
 }
 
+/// Whether this allocation is the one that a FailingAllocation asks for.
+bool HasToFail(std::size_t size) noexcept {
+    return failingThread.load(std::memory_order_relaxed) == ::GetCurrentThreadId() &&
+           (failingSize == kAnySize || failingSize == size) && allocationsUntilFailure != 0 &&
+           --allocationsUntilFailure == 0;
+}
+
 void* Allocate(std::size_t size) noexcept {
-    if (size > kRangeSize / 2)
+    if (size > kRangeSize / 2 || HasToFail(size))
         return nullptr;
     const std::size_t pages = BlockPages(size);
     char* const start = Range() + used.fetch_add(pages + kPageSize);  // and the guard page
@@ -201,6 +215,8 @@ void Free(void* block) noexcept {
     const std::size_t pages = BlockPages(size);
     if (!::VirtualFree(static_cast<char*>(block) + rounded - pages, pages, MEM_DECOMMIT))
         Stop("can't give back", block, nullptr);
+    if (freeChangesError.load(std::memory_order_relaxed))
+        ::SetLastError(guarded_heap::ErrorChangingFree::kLastError);
 }
 
 }  // namespace
@@ -291,6 +307,31 @@ AllocationRecord::~AllocationRecord() {
 std::vector<std::size_t> AllocationRecord::Stop() {
     recordingThread = 0;
     return {recorded.begin(), recorded.begin() + static_cast<std::ptrdiff_t>(recordedCount)};
+}
+
+ErrorChangingFree::ErrorChangingFree() noexcept {
+    freeChangesError = true;
+}
+
+ErrorChangingFree::~ErrorChangingFree() {
+    freeChangesError = false;
+}
+
+FailingAllocation::FailingAllocation(std::size_t number) noexcept
+    : FailingAllocation(number, kAnySize) {}
+
+FailingAllocation::FailingAllocation(std::size_t number, std::size_t size) noexcept {
+    failingSize = size;
+    allocationsUntilFailure = number;
+    failingThread = ::GetCurrentThreadId();
+}
+
+FailingAllocation::~FailingAllocation() {
+    failingThread = 0;
+}
+
+bool FailingAllocation::HasFailed() const noexcept {
+    return allocationsUntilFailure == 0;
 }
 
 }  // namespace guarded_heap

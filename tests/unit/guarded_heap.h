@@ -66,4 +66,40 @@ public:
     static constexpr std::size_t kLongest = 1000;
 };
 
+/// While it lives, each free() leaves kLastError as the thread's last error: code that reads the
+/// error of a failed call only after a free() is found out. Not for all programs, because Boost's
+/// file system library does just that. One at a time in the program; all threads.
+class ErrorChangingFree {
+public:
+    ErrorChangingFree() noexcept;
+    ~ErrorChangingFree();
+
+    ErrorChangingFree(const ErrorChangingFree&) = delete;
+    ErrorChangingFree& operator=(const ErrorChangingFree&) = delete;
+
+    static constexpr std::uint32_t kLastError = 0x2BADF4EE;  // no call of Windows gives it
+};
+
+/// Makes one allocation of the calling thread fail while it lives: malloc returns null, operator
+/// new throws std::bad_alloc. One at a time in the program.
+class FailingAllocation {
+public:
+    /// The allocation that fails is the `number`-th from here on, counted from 1.
+    explicit FailingAllocation(std::size_t number) noexcept;
+
+    /// The next allocation of exactly `size` bytes fails.
+    static FailingAllocation OfSize(std::size_t size) noexcept { return {1, size}; }
+
+    ~FailingAllocation();
+
+    FailingAllocation(const FailingAllocation&) = delete;
+    FailingAllocation& operator=(const FailingAllocation&) = delete;
+
+    /// Whether it has failed by now.
+    bool HasFailed() const noexcept;
+
+private:
+    FailingAllocation(std::size_t number, std::size_t size) noexcept;
+};
+
 }  // namespace guarded_heap

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,7 @@ namespace {
 void* (*volatile Allocate)(std::size_t) = std::malloc;
 void* (*volatile Reallocate)(void*, std::size_t) = std::realloc;
 void (*volatile FreeBlock)(void*) = std::free;
+void* (*volatile New)(std::size_t) = ::operator new;
 
 volatile std::uintptr_t volatileZero = 0;
 
@@ -144,6 +146,68 @@ TEST(GuardedHeap, RecordsTheSizesThatOneThreadAllocates) {
     FreeBlock(second);
     const std::vector<std::size_t> sizes = record.Stop();
     EXPECT_EQ(sizes, (std::vector<std::size_t>{17, 99}));
+}
+
+TEST(GuardedHeap, FailsTheAllocationOfTheGivenNumberAndNoOther) {
+    const guarded_heap::FailingAllocation failing(3);
+    void* const first = Allocate(10);
+    void* const second = Allocate(20);
+    EXPECT_NE(first, nullptr);
+    EXPECT_NE(second, nullptr);
+    EXPECT_FALSE(failing.HasFailed());
+    EXPECT_EQ(Allocate(30), nullptr);
+    EXPECT_TRUE(failing.HasFailed());
+    void* const fourth = Allocate(40);
+    EXPECT_NE(fourth, nullptr);
+    for (void* const block : {first, second, fourth})
+        FreeBlock(block);
+}
+
+TEST(GuardedHeap, FailsTheNextAllocationOfTheGivenSizeAsOperatorNewDoes) {
+    const auto failing = guarded_heap::FailingAllocation::OfSize(54321);
+    FreeBlock(Allocate(54320));
+    EXPECT_FALSE(failing.HasFailed());
+    EXPECT_THROW(New(54321), std::bad_alloc);
+    EXPECT_TRUE(failing.HasFailed());
+    ::operator delete(New(54321));
+}
+
+TEST(GuardedHeap, FailsNoAllocationOfAnotherThreadAndNoneAfterItsEnd) {
+    {
+        const auto failing = guarded_heap::FailingAllocation::OfSize(54321);
+        const HANDLE thread = ::CreateThread(
+            nullptr, 0,
+            [](void*) -> DWORD {
+                void* const block = Allocate(54321);
+                FreeBlock(block);
+                return block != nullptr ? 1 : 0;
+            },
+            nullptr, 0, nullptr);
+        ::WaitForSingleObject(thread, INFINITE);
+        DWORD succeeded = 0;
+        ::GetExitCodeThread(thread, &succeeded);
+        ::CloseHandle(thread);
+        EXPECT_EQ(succeeded, 1u);
+        EXPECT_FALSE(failing.HasFailed());
+    }
+    void* const block = Allocate(54321);
+    EXPECT_NE(block, nullptr);
+    FreeBlock(block);
+}
+
+TEST(GuardedHeap, FreeChangesTheLastErrorIfItIsToldTo) {
+    const auto errorAfterFree = [] {
+        void* const block = Allocate(10);
+        ::SetLastError(5);
+        FreeBlock(block);
+        return ::GetLastError();
+    };
+    EXPECT_EQ(errorAfterFree(), 5u);
+    {
+        const guarded_heap::ErrorChangingFree changing;
+        EXPECT_EQ(errorAfterFree(), guarded_heap::ErrorChangingFree::kLastError);
+    }
+    EXPECT_EQ(errorAfterFree(), 5u);
 }
 
 TEST(GuardedHeap, KeepsContentsAndAlignment) {
