@@ -171,8 +171,10 @@ void ServerClient::WriteComplete(IoOperation* operation) {
     writing = false;
     memory->writeQueue.pop_front();
     if (operation->status == IoOperation::kError) {
-        if (operation->errorCode != ERROR_BROKEN_PIPE)
+        if (operation->errorCode != ERROR_BROKEN_PIPE) {
+            ::SetLastError(operation->errorCode);  // what frees the entry may have changed it
             throw WindowsException("Write failed.");
+        }
         server->RemoveClient(this);  // this session is gone
         return;
     }

@@ -90,6 +90,7 @@ protected:
 private:
     void WarmUp();
 
+    const guarded_heap::ErrorChangingFree changingFree;
     guarded_heap::Snapshot heapBefore;
     std::vector<vcam::CameraId> plugged;
     bool leftOpen = false;
