@@ -13,11 +13,11 @@
 
 #include <windows.h>
 
-#include "device/unique_handle.h"
 #include "orvik/client.h"
-#include "session/message.h"
+#include "protocol/message.h"
 #include "support/plugged_camera.h"
 #include "system_test.h"
+#include "windows/unique_handle.h"
 
 namespace {
 
@@ -32,9 +32,9 @@ class BareClient {
 public:
     BareClient() {
         while (!pipe) {
-            ::WaitNamedPipeW(system_test::kPipeName, NMPWAIT_WAIT_FOREVER);
-            pipe = OwnFile(::CreateFileW(system_test::kPipeName, GENERIC_READ | GENERIC_WRITE, 0,
-                                         nullptr, OPEN_EXISTING,
+            ::WaitNamedPipeW(kCameraPipeName, NMPWAIT_WAIT_FOREVER);
+            pipe = OwnFile(::CreateFileW(kCameraPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                         OPEN_EXISTING,
                                          SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
         }
         Read(sizeof(MessageHeader));  // the camera

@@ -1,26 +1,19 @@
 #include "client/connecting.h"
 
 #include <algorithm>
-#include <memory>
-#include <type_traits>
 #include <utility>
 
 #include <windows.h>
+
+#include "protocol/message.h"
+#include "windows/unique_service_handle.h"
 
 namespace orvik {
 
 namespace {
 
-constexpr wchar_t kServiceName[] = L"OrvikService";
-
 /// Where nothing can be waited for.
 constexpr DWORD kMillisecondsBetweenLooks = 10;
-
-struct ServiceHandleCloser {
-    using pointer = SC_HANDLE;
-    void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }
-};
-using UniqueServiceHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ServiceHandleCloser>;
 
 /// Throws the error of the call that has just failed.
 [[noreturn]] void Fail(const char* text) {

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "client/deadline.h"
-#include "device/unique_handle.h"
 #include "orvik/client.h"
+#include "windows/unique_handle.h"
 
 namespace orvik {
 

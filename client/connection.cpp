@@ -11,7 +11,7 @@
 
 #include "client/connecting.h"
 #include "client/request_id.h"
-#include "session/message.h"
+#include "protocol/message.h"
 
 namespace orvik {
 

@@ -18,8 +18,8 @@
 #include "client/message_reader.h"
 #include "client/pipe_stream.h"
 #include "device/transfer_request.h"
-#include "device/unique_handle.h"
 #include "orvik/client.h"
+#include "windows/unique_handle.h"
 
 namespace orvik {
 

@@ -1,20 +1,14 @@
 #include "orvik/client.h"
 
-#include <cstddef>
 #include <iterator>
 
 #include <windows.h>
 
+#include "windows/utf.h"
+
 namespace orvik {
 
 namespace {
-
-std::string ToUtf8(const wchar_t* text, int length) {
-    const int size = ::WideCharToMultiByte(CP_UTF8, 0, text, length, nullptr, 0, nullptr, nullptr);
-    std::string result(static_cast<std::size_t>(size), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, text, length, result.data(), size, nullptr, nullptr);
-    return result;
-}
 
 /// "text: what the code means (error 5)"
 std::string WithSystemText(std::string text, DWORD code) {
@@ -27,7 +21,7 @@ std::string WithSystemText(std::string text, DWORD code) {
     while (length != 0 && (words[length - 1] == L' ' || words[length - 1] == L'.'))
         --length;
     if (length != 0)
-        text += ": " + ToUtf8(words, static_cast<int>(length));
+        text += ": " + ToUtf8({words, length});
     return text + " (error " + std::to_string(code) + ")";
 }
 

@@ -5,7 +5,7 @@
 #include <span>
 #include <vector>
 
-#include "session/message.h"
+#include "protocol/message.h"
 
 namespace orvik {
 

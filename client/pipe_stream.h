@@ -8,7 +8,7 @@
 #include <windows.h>
 
 #include "client/deadline.h"
-#include "device/unique_handle.h"
+#include "windows/unique_handle.h"
 
 namespace orvik {
 

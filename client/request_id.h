@@ -1,7 +1,7 @@
 #pragma once
 
 #include "orvik/client.h"
-#include "session/message.h"
+#include "protocol/message.h"
 
 namespace orvik {
 

@@ -8,7 +8,8 @@
 #include <windows.h>
 #include <winioctl.h>
 
-#include "device/unique_handle.h"
+#include "windows/unique_handle.h"
+#include "windows/unique_memory.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <winioctl.h>
 
 #include "device/io_operation.h"
-#include "device/unique_handle.h"
 #include "device/windows_exception.h"
+#include "windows/unique_handle.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include <windows.h>
 
-#include "device/unique_handle.h"
+#include "windows/unique_memory.h"
 
 namespace {
 

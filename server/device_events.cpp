@@ -19,15 +19,10 @@
 #include "device/windows_exception.h"
 #include "server/server.h"
 #include "session/server_client.h"
+#include "windows/unique_device_info_list.h"
+#include "windows/unique_memory.h"
 
 namespace {
-
-/// Destroys what SetupDiGetClassDevsW returns.
-struct DeviceInfoListDestroyer {
-    using pointer = HDEVINFO;
-    void operator()(HDEVINFO list) const noexcept { ::SetupDiDestroyDeviceInfoList(list); }
-};
-using UniqueDeviceInfoList = std::unique_ptr<void, DeviceInfoListDestroyer>;
 
 using UniqueInterfaceDetail = std::unique_ptr<SP_DEVICE_INTERFACE_DETAIL_DATA_W, GlobalFreer>;
 

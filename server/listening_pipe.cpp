@@ -14,19 +14,15 @@
 #include "device/device.h"
 #include "device/io_operation.h"
 #include "device/windows_exception.h"
+#include "protocol/message.h"
 #include "server/server.h"
 #include "session/server_client.h"
+#include "windows/unique_memory.h"
+#include "windows/unique_sid.h"
 
 namespace {
 
-constexpr wchar_t kPipeName[] = LR"(\\.\pipe\orvikcamera)";
 constexpr DWORD kPipeBufferSize = 0x10000;
-
-/// Frees what AllocateAndInitializeSid returns.
-struct SidFreer {
-    void operator()(void* sid) const noexcept { ::FreeSid(sid); }
-};
-using UniqueSid = std::unique_ptr<void, SidFreer>;
 
 /// The SID with one sub-authority.
 UniqueSid MakeSid(SID_IDENTIFIER_AUTHORITY authority, DWORD subAuthority) {
@@ -92,7 +88,7 @@ void Server::ListenOnPipe() noexcept {
 void Server::StartListening() {
     PipeSecurity security;
     listeningPipe = OwnFile(::CreateNamedPipeW(
-        kPipeName, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+        kCameraPipeName, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
         PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS,
         PIPE_UNLIMITED_INSTANCES, kPipeBufferSize, kPipeBufferSize, 0, security.Attributes()));
     if (!listeningPipe)

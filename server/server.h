@@ -12,7 +12,7 @@
 #include <dbt.h>
 
 #include "device/io_operation.h"
-#include "device/unique_handle.h"
+#include "windows/unique_handle.h"
 
 class Device;
 class ServerClient;

@@ -1,9 +1,11 @@
 #include <cstring>
 #include <exception>
 #include <iostream>
+#include <string>
 
 #include <windows.h>
 
+#include "protocol/message.h"
 #include "service/service_main.h"
 #include "service/wide_output.h"
 
@@ -16,8 +18,8 @@ int main(int argc, char* argv[]) {
             runningAsService = 0;
             ServiceMain(2, nullptr);
         } else {
-            wchar_t name[] = L"OrvikService";
-            const SERVICE_TABLE_ENTRYW table[] = {{name, ServiceMain}, {nullptr, nullptr}};
+            std::wstring name = kServiceName;
+            const SERVICE_TABLE_ENTRYW table[] = {{name.data(), ServiceMain}, {nullptr, nullptr}};
             ::StartServiceCtrlDispatcherW(table);
         }
     } catch (const std::exception& exception) {

@@ -8,6 +8,7 @@
 
 #include "device/drive_watch.h"
 #include "device/windows_exception.h"
+#include "protocol/message.h"
 #include "server/server.h"
 
 namespace {
@@ -94,7 +95,7 @@ void RunNotificationWindow() {
     if (::RegisterClassExW(&windowClass) == 0)
         throw WindowsException();
 
-    const HWND window = ::CreateWindowExW(0, kClassName, L"OrvikService", 0, 0, 0, CW_USEDEFAULT,
+    const HWND window = ::CreateWindowExW(0, kClassName, kServiceName, 0, 0, 0, CW_USEDEFAULT,
                                           CW_USEDEFAULT, HWND_MESSAGE, nullptr, instance, nullptr);
     if (window == nullptr)
         throw WindowsException();

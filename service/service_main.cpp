@@ -7,6 +7,7 @@
 
 #include "crash/win/crash.h"
 #include "device/windows_exception.h"
+#include "protocol/message.h"
 #include "server/server.h"
 #include "service/dispatcher.h"
 #include "service/notification_window.h"
@@ -65,7 +66,7 @@ constexpr DWORD kEndedByException = 0xE04F5256;
 void RunService() {
     const auto crashServer = StartCrashServer();
     if (runningAsService) {
-        serviceStatusHandle = ::RegisterServiceCtrlHandlerW(L"OrvikService", ServiceCtrlHandler);
+        serviceStatusHandle = ::RegisterServiceCtrlHandlerW(kServiceName, ServiceCtrlHandler);
         if (serviceStatusHandle == nullptr)
             throw WindowsException("RegisterServiceCtrlHandler() failed.");
         SetUpCrashHandler(L"4.0.4 (unknown)", L"Unknown");

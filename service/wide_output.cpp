@@ -1,18 +1,20 @@
 #include "service/wide_output.h"
 
-#include <array>
 #include <iostream>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include <windows.h>
 
+#include "windows/utf.h"
+
 namespace {
 
 /// A lone half of a surrogate pair becomes U+FFFD.
-bool WriteUtf8(const wchar_t* text, int length) {
-    std::array<char, 8> bytes{};
-    const int size = ::WideCharToMultiByte(CP_UTF8, 0, text, length, bytes.data(),
-                                           static_cast<int>(bytes.size()), nullptr, nullptr);
+bool WriteUtf8(std::wstring_view text) {
+    const std::string bytes = ToUtf8(text);  // too short to be allocated
+    const auto size = static_cast<std::streamsize>(bytes.size());
     return std::cout.rdbuf()->sputn(bytes.data(), size) == size;
 }
 
@@ -33,14 +35,14 @@ WideOutput::int_type WideOutput::overflow(int_type character) {
         // Only with its second half is it a character; what else follows stands for itself.
         const wchar_t text[] = {std::exchange(highSurrogate, wchar_t{0}), unit};
         const bool isPair = IS_LOW_SURROGATE(unit);
-        written = WriteUtf8(text, isPair ? 2 : 1);
+        written = WriteUtf8({text, isPair ? 2U : 1U});
         if (isPair)
             return written ? character : traits_type::eof();
     }
     if (IS_HIGH_SURROGATE(unit))
         highSurrogate = unit;
     else
-        written = WriteUtf8(&unit, 1) && written;
+        written = WriteUtf8({&unit, 1}) && written;
     return written ? character : traits_type::eof();
 }
 

@@ -9,8 +9,8 @@
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include "device/io_operation.h"
-#include "device/unique_handle.h"
-#include "session/message.h"
+#include "protocol/message.h"
+#include "windows/unique_handle.h"
 
 class Device;
 class Server;

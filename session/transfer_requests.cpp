@@ -11,6 +11,7 @@
 #include "server/server.h"
 #include "session/io_memory.h"
 #include "session/server_client.h"
+#include "windows/unique_memory.h"
 
 namespace {
 

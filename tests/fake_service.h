@@ -15,8 +15,8 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include "device/unique_handle.h"
-#include "session/message.h"
+#include "protocol/message.h"
+#include "windows/unique_handle.h"
 
 namespace client_test {
 

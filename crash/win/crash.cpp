@@ -4,15 +4,15 @@
 #include <cstdlib>
 #include <cwchar>
 #include <iterator>
-#include <type_traits>
 
 #include <shlobj.h>
 
 #include "log/log_system.h"
+#include "protocol/message.h"
+#include "windows/unique_memory.h"
+#include "windows/unique_service_handle.h"
 
 namespace {
-
-constexpr wchar_t kCrashPipe[] = LR"(\\.\pipe\orvikcrashserver)";
 
 /// What the callback needs, made ready before there is a crash. Never destroyed: a process can
 /// crash at its very end.
@@ -29,17 +29,6 @@ CrashSettings& Settings() {
     static auto& settings = *new CrashSettings;
     return settings;
 }
-
-struct ServiceHandleCloser {
-    using pointer = SC_HANDLE;
-    void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }
-};
-using UniqueServiceHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ServiceHandleCloser>;
-
-/// Frees what SHGetKnownFolderPath returns, also when it has failed.
-struct TaskMemoryFreer {
-    void operator()(wchar_t* text) const noexcept { ::CoTaskMemFree(text); }
-};
 
 void LogError(const char* message) noexcept {
     LogPrintf(kLogError, "crash", R"(..\..\..\crash\win\crash)", __LINE__, "%s", message);
@@ -118,7 +107,7 @@ void SetUpAsProgram() {
     constexpr auto kDumpType = static_cast<MINIDUMP_TYPE>(
         MiniDumpWithDataSegs | MiniDumpWithIndirectlyReferencedMemory | MiniDumpWithThreadInfo);
     static_assert(kDumpType == 0x1041);
-    Install(folder, kDumpType, kCrashPipe);
+    Install(folder, kDumpType, kCrashPipeName);
 }
 
 const wchar_t* TextOrNothing(const wchar_t* text) noexcept {
@@ -131,8 +120,8 @@ std::unique_ptr<google_breakpad::CrashGenerationServer> StartCrashServer() {
     constexpr auto kIgnore = [](auto...) {};
     const std::wstring dumpFolder;  // empty: where the library puts dumps then
     auto server = std::make_unique<google_breakpad::CrashGenerationServer>(
-        kCrashPipe, nullptr, kIgnore, nullptr, kIgnore, nullptr, kIgnore, nullptr, nullptr, nullptr,
-        true, &dumpFolder);
+        kCrashPipeName, nullptr, kIgnore, nullptr, kIgnore, nullptr, kIgnore, nullptr, nullptr,
+        nullptr, true, &dumpFolder);
     static_cast<void>(server->Start());
     return server;
 }
@@ -159,7 +148,7 @@ void SetUpCrashHandler(const std::wstring& versionText, const std::wstring& seco
     settings.secondDescriptor = secondDescriptor;
     const std::wstring baseName = PrepareReporterPath();
     const bool asService = !baseName.empty() && IsRunningAsService(baseName.c_str());
-    settings.applicationName = asService ? L"OrvikService" : L"Orvik";
+    settings.applicationName = asService ? kServiceName : L"Orvik";
     settings.modeFlag = asService ? L"0" : L"1";
     if (asService)
         SetUpAsService();

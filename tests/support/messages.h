@@ -9,7 +9,7 @@
 
 #include "bytes.h"
 #include "commands.h"
-#include "session/message.h"
+#include "protocol/message.h"
 
 /// One message in either direction.
 struct Message {

@@ -12,7 +12,7 @@
 
 #include <winioctl.h>
 
-#include "device/unique_handle.h"
+#include "windows/unique_handle.h"
 
 namespace {
 

@@ -289,7 +289,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, ClientCutOff, testing::ValuesIn(kCalls),
 /// Waits until somebody has the instance of the pipe that waits for a client.
 void WaitUntilNoInstanceIsFree() {
     const Deadline deadline;
-    while (::WaitNamedPipeW(kPipeName, 1)) {
+    while (::WaitNamedPipeW(kCameraPipeName, 1)) {
         ASSERT_FALSE(deadline.Over());
         ::Sleep(1);  // nothing tells
     }

@@ -15,13 +15,12 @@
 
 #include <client/windows/handler/exception_handler.h>
 
-#include "device/unique_handle.h"
+#include "protocol/message.h"
+#include "windows/unique_handle.h"
 
 namespace {
 
 using google_breakpad::ExceptionHandler;
-
-constexpr wchar_t kPipe[] = LR"(\\.\pipe\orvikcrashserver)";
 
 void Say(const char* line) {
     std::puts(line);
@@ -41,7 +40,7 @@ std::unique_ptr<ExceptionHandler> Register(int attempts) {
     for (int attempt = 0; attempt < attempts; ++attempt) {
         auto handler = std::make_unique<ExceptionHandler>(L".", nullptr, SayWhetherDumped, nullptr,
                                                           ExceptionHandler::HANDLER_ALL,
-                                                          MiniDumpNormal, kPipe, nullptr);
+                                                          MiniDumpNormal, kCrashPipeName, nullptr);
         if (handler->IsOutOfProcess())
             return handler;
     }
@@ -65,12 +64,12 @@ int Crash(const char* eventName) {
 /// Waits while the server is busy with others.
 UniqueHandle Connect() {
     for (;;) {
-        UniqueHandle pipe =
-            OwnFile(::CreateFileW(kPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                                  SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
+        UniqueHandle pipe = OwnFile(
+            ::CreateFileW(kCrashPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                          SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
         if (pipe || ::GetLastError() != ERROR_PIPE_BUSY)
             return pipe;
-        ::WaitNamedPipeW(kPipe, NMPWAIT_USE_DEFAULT_WAIT);
+        ::WaitNamedPipeW(kCrashPipeName, NMPWAIT_USE_DEFAULT_WAIT);
     }
 }
 

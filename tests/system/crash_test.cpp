@@ -19,6 +19,7 @@
 #include "crash/win/crash.h"
 #include "crash_dumps.h"
 #include "crash_record.h"
+#include "protocol/message.h"
 #include "raw_client.h"
 #include "system_test.h"
 
@@ -279,11 +280,10 @@ TEST_F(CrashTest, ReporterWhosePathIsTooLongIsLogged) {
 class DeafCrashServer {
 public:
     DeafCrashServer() {
-        constexpr wchar_t kPipe[] = LR"(\\.\pipe\orvikcrashserver)";
-        pipe = OwnFile(::CreateNamedPipeW(kPipe, PIPE_ACCESS_DUPLEX,
+        pipe = OwnFile(::CreateNamedPipeW(kCrashPipeName, PIPE_ACCESS_DUPLEX,
                                           PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, 1,
                                           0, 0, 0, nullptr));
-        client = OwnFile(::CreateFileW(kPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+        client = OwnFile(::CreateFileW(kCrashPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                        OPEN_EXISTING, 0, nullptr));
         if (!pipe || !client)
             throw std::runtime_error("the crash server's pipe cannot be taken");

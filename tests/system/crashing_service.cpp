@@ -14,6 +14,7 @@
 #include <shellapi.h>
 
 #include "log/log_system.h"
+#include "protocol/message.h"
 #include "service/service_main.h"
 #include "tests/unit/import_hook.h"
 
@@ -117,8 +118,8 @@ int main() {
         Run(0, nullptr);
         return 0;
     }
-    wchar_t name[] = L"OrvikService";
-    const SERVICE_TABLE_ENTRYW table[] = {{name, Run}, {nullptr, nullptr}};
+    std::wstring name = kServiceName;
+    const SERVICE_TABLE_ENTRYW table[] = {{name.data(), Run}, {nullptr, nullptr}};
     ::StartServiceCtrlDispatcherW(table);
     return 0;
 }

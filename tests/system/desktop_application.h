@@ -6,8 +6,8 @@
 
 #include <windows.h>
 
-#include "device/unique_handle.h"
 #include "launch_record.h"
+#include "windows/unique_handle.h"
 
 namespace system_test {
 

@@ -8,8 +8,9 @@
 #include <type_traits>
 #include <utility>
 
-#include "device/unique_handle.h"
 #include "program.h"
+#include "windows/unique_handle.h"
+#include "windows/unique_service_handle.h"
 
 namespace system_test {
 
@@ -17,12 +18,6 @@ namespace {
 
 /// What the tests call their service, so that they never touch one that is installed for use.
 constexpr wchar_t kDisplayName[] = L"OrvikService (system tests)";
-
-struct ServiceHandleCloser {
-    using pointer = SC_HANDLE;
-    void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }
-};
-using UniqueServiceHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ServiceHandleCloser>;
 
 [[noreturn]] void Fail(DWORD error, const std::string& what) {
     throw std::system_error(static_cast<int>(error), std::system_category(), what);

@@ -8,9 +8,9 @@
 
 #include <windows.h>
 
-namespace system_test {
+#include "protocol/message.h"
 
-inline constexpr wchar_t kServiceName[] = L"OrvikService";
+namespace system_test {
 
 /// Waits for the service to report one of some states, given as a mask of SERVICE_NOTIFY_...; one
 /// that it is in at construction counts. Throws std::system_error and std::runtime_error.

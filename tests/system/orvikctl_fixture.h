@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "device/unique_handle.h"
 #include "orvikctl_program.h"
 #include "support/plugged_camera.h"
+#include "windows/unique_handle.h"
 
 namespace system_test {
 

@@ -67,7 +67,7 @@ protected:
 
     static std::unique_ptr<FakeService> Play(std::function<void(Peer&)> script) {
         return std::make_unique<FakeService>(std::move(script), std::function<void(int)>(),
-                                             kPipeName);
+                                             kCameraPipeName);
     }
 };
 

@@ -42,8 +42,8 @@ TEST_F(OrvikctlTest, ServiceInAConsoleIsNotTheServiceUnlessOneSaysSo) {
 
 /// A pipe that can only be written to refuses to be opened for both, as an access list would.
 TEST_F(OrvikctlTest, AccessDenied) {
-    const UniqueHandle pipe = OwnFile(
-        ::CreateNamedPipeW(kPipeName, PIPE_ACCESS_INBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
+    const UniqueHandle pipe = OwnFile(::CreateNamedPipeW(kCameraPipeName, PIPE_ACCESS_INBOUND,
+                                                         PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
     ASSERT_TRUE(pipe);
     const Result result = OrvikctlInForeground(L"list");
     EXPECT_TRUE(Failed(result, 3)) << result;

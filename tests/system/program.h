@@ -13,8 +13,8 @@
 
 #include <windows.h>
 
-#include "device/unique_handle.h"
 #include "support/deadline.h"
+#include "windows/unique_handle.h"
 
 namespace system_test {
 

@@ -25,7 +25,7 @@ UniqueHandle Connect(DWORD accessRights) {
     const Deadline deadline;
     for (;;) {
         UniqueHandle pipe = OwnFile(::CreateFileW(
-            kPipeName, GENERIC_READ | GENERIC_WRITE | accessRights, 0, nullptr, OPEN_EXISTING,
+            kCameraPipeName, GENERIC_READ | GENERIC_WRITE | accessRights, 0, nullptr, OPEN_EXISTING,
             FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
         if (pipe)
             return pipe;
@@ -33,7 +33,7 @@ UniqueHandle Connect(DWORD accessRights) {
         if (error != ERROR_PIPE_BUSY || deadline.Over())
             Fail(error, "connecting");
         // Its result does not matter: somebody else may be faster all the same.
-        ::WaitNamedPipeW(kPipeName, deadline.MillisecondsLeft());
+        ::WaitNamedPipeW(kCameraPipeName, deadline.MillisecondsLeft());
     }
 }
 

@@ -11,9 +11,9 @@
 
 #include <windows.h>
 
-#include "device/unique_handle.h"
 #include "support/deadline.h"
 #include "support/messages.h"
+#include "windows/unique_handle.h"
 
 namespace system_test {
 

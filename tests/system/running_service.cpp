@@ -28,11 +28,11 @@ std::wstring ServicePath() {
 /// Ends the process that serves the camera pipe, if there is one. The tests' own ends with them,
 /// so this finds one only if the system has not got round to that yet.
 void EndPipeServer() {
-    if (!::WaitNamedPipeW(kPipeName, 1) && ::GetLastError() == ERROR_FILE_NOT_FOUND)
+    if (!::WaitNamedPipeW(kCameraPipeName, 1) && ::GetLastError() == ERROR_FILE_NOT_FOUND)
         return;
-    const UniqueHandle pipe =
-        OwnFile(::CreateFileW(kPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                              SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
+    const UniqueHandle pipe = OwnFile(
+        ::CreateFileW(kCameraPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                      SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
     ULONG processId = 0;
     if (!pipe || !::GetNamedPipeServerProcessId(pipe.get(), &processId))
         FailLast("another process serves the camera pipe and cannot be found");
@@ -151,7 +151,7 @@ DWORD RunningService::Control(DWORD control) {
 
 void RunningService::WaitForPipe(HANDLE process) const {
     const Deadline deadline;
-    while (!::WaitNamedPipeW(kPipeName, NMPWAIT_USE_DEFAULT_WAIT)) {
+    while (!::WaitNamedPipeW(kCameraPipeName, NMPWAIT_USE_DEFAULT_WAIT)) {
         // Nothing tells when a pipe is made, only that the process has ended before.
         if (::WaitForSingleObject(process, kMillisecondsBetweenLooks) == WAIT_OBJECT_0)
             throw std::runtime_error("the service has ended:\n" + program->Errors().Text());

@@ -9,13 +9,12 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include "device/unique_handle.h"
 #include "program.h"
+#include "protocol/message.h"
 #include "support/deadline.h"
+#include "windows/unique_handle.h"
 
 namespace system_test {
-
-inline constexpr wchar_t kPipeName[] = LR"(\\.\pipe\orvikcamera)";
 
 /// Where the service runs.
 enum class RunMode {

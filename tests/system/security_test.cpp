@@ -14,6 +14,7 @@
 
 #include "raw_client.h"
 #include "system_test.h"
+#include "windows/unique_memory.h"
 
 namespace system_test {
 namespace {

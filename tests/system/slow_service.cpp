@@ -2,7 +2,11 @@
 // is RUNNING once the event Global\orvik-slow-service-runs is signalled, which the test makes
 // before.
 
+#include <string>
+
 #include <windows.h>
+
+#include "protocol/message.h"
 
 namespace {
 
@@ -26,7 +30,7 @@ DWORD WINAPI OnControl(DWORD control, DWORD, void*, void*) {
 
 void WINAPI ServiceMain(DWORD, wchar_t**) {
     stopEvent = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    statusHandle = ::RegisterServiceCtrlHandlerExW(L"OrvikService", OnControl, nullptr);
+    statusHandle = ::RegisterServiceCtrlHandlerExW(kServiceName, OnControl, nullptr);
     Report(SERVICE_START_PENDING);
     const HANDLE runs = ::OpenEventW(SYNCHRONIZE, FALSE, LR"(Global\orvik-slow-service-runs)");
     if (runs != nullptr)
@@ -39,7 +43,7 @@ void WINAPI ServiceMain(DWORD, wchar_t**) {
 }  // namespace
 
 int main() {
-    wchar_t name[] = L"OrvikService";
-    const SERVICE_TABLE_ENTRYW table[] = {{name, ServiceMain}, {nullptr, nullptr}};
+    std::wstring name = kServiceName;
+    const SERVICE_TABLE_ENTRYW table[] = {{name.data(), ServiceMain}, {nullptr, nullptr}};
     return ::StartServiceCtrlDispatcherW(table) ? 0 : 1;
 }

@@ -23,8 +23,8 @@
 #include <thread>
 #include <vector>
 
-#include "device/unique_handle.h"
 #include "vcamctl_program.h"
+#include "windows/unique_handle.h"
 
 namespace {
 

@@ -20,11 +20,11 @@
 
 #include "client/request_id.h"
 #include "client_answers.h"
-#include "device/unique_handle.h"
 #include "fake_service.h"
 #include "import_hook.h"
 #include "orvik/client.h"
-#include "session/message.h"
+#include "protocol/message.h"
+#include "windows/unique_handle.h"
 
 extern "C" {
 extern decltype(&::CreateFileW) __imp_CreateFileW;

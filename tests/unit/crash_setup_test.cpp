@@ -18,6 +18,7 @@
 #include "guarded_heap.h"
 #include "import_hook.h"
 #include "log/log_system.h"
+#include "protocol/message.h"
 #include "temporary_profile.h"
 
 extern "C" {
@@ -180,7 +181,7 @@ private:
     static HANDLE WINAPI OpenFile(LPCWSTR path, DWORD access, DWORD share,
                                   LPSECURITY_ATTRIBUTES security, DWORD disposition, DWORD flags,
                                   HANDLE like) {
-        if (path == std::wstring(LR"(\\.\pipe\orvikcrashserver)")) {
+        if (path == std::wstring(kCrashPipeName)) {
             current->pipeWasTried = true;
             ::SetLastError(ERROR_FILE_NOT_FOUND);
             return INVALID_HANDLE_VALUE;

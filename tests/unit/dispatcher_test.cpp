@@ -10,10 +10,10 @@
 #include <windows.h>
 
 #include "device/io_operation.h"
-#include "device/unique_handle.h"
 #include "device/windows_exception.h"
 #include "guarded_heap.h"
 #include "output_capture.h"
+#include "windows/unique_handle.h"
 
 namespace {
 

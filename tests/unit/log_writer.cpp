@@ -14,10 +14,10 @@
 
 #include <io.h>
 
-#include "device/unique_handle.h"
 #include "import_hook.h"
 #include "log/log_system.h"
 #include "log_writer.h"
+#include "windows/unique_handle.h"
 
 extern "C" {
 extern decltype(&::_write) __imp_write;

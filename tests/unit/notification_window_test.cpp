@@ -20,10 +20,11 @@
 #include <shlwapi.h>
 
 #include "device/drive_watch.h"
-#include "device/unique_handle.h"
 #include "import_hook.h"
 #include "in_process_service.h"
+#include "protocol/message.h"
 #include "support/removable_drive.h"
+#include "windows/unique_handle.h"
 
 extern "C" {
 extern decltype(&::CreateWindowExW) __imp_CreateWindowExW;
@@ -87,7 +88,7 @@ private:
                                         HMENU menu, HINSTANCE instance, LPVOID parameter) {
         EXPECT_EQ(extended, 0u);
         EXPECT_EQ(std::wstring(name), L"OrvikServiceClass");
-        EXPECT_EQ(std::wstring(title), L"OrvikService");
+        EXPECT_EQ(std::wstring(title), kServiceName);
         EXPECT_EQ(style, 0u);
         EXPECT_EQ(x, 0);
         EXPECT_EQ(y, 0);

@@ -10,11 +10,10 @@
 #include <boost/smart_ptr/make_shared.hpp>
 
 #include "device/io_operation.h"
-#include "device/unique_handle.h"
+#include "windows/unique_handle.h"
 
 namespace {
 
-constexpr wchar_t kPipeName[] = LR"(\\.\pipe\orvikcamera)";
 constexpr std::size_t kReadSize = 0x10000;
 
 std::system_error Error(DWORD code, const char* what) {
@@ -59,7 +58,7 @@ struct PipeClient::State : boost::enable_shared_from_this<State> {
 };
 
 PipeClient::PipeClient(TestPort& port, Reading reading) : state(boost::make_shared<State>()) {
-    state->pipe = OwnFile(::CreateFileW(kPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+    state->pipe = OwnFile(::CreateFileW(kCameraPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                         OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
     if (!state->pipe)
         throw Error(::GetLastError(), "connect to the camera pipe");

@@ -21,9 +21,11 @@
 #include "device/windows_exception.h"
 #include "import_hook.h"
 #include "in_process_service.h"
+#include "protocol/message.h"
 #include "server/server.h"
 #include "service/dispatcher.h"
 #include "session/server_client.h"
+#include "windows/unique_memory.h"
 
 extern "C" {
 extern decltype(&::CloseHandle) __imp_CloseHandle;
@@ -33,8 +35,6 @@ extern decltype(&::PostQueuedCompletionStatus) __imp_PostQueuedCompletionStatus;
 }
 
 namespace {
-
-constexpr wchar_t kPipeName[] = LR"(\\.\pipe\orvikcamera)";
 
 /// Sees how pipe instances are made, and the handle of the one that listens.
 class PipeCreation {
@@ -188,7 +188,7 @@ TEST_F(ServerTest, NewClientsOfBothKindsLearnOfAllCamerasInAscendingOrderBeforeA
 TEST_F(ServerTest, PipeIsMadeWithTheAgreedParameters) {
     const PipeCreation creation;
     StartServer();
-    EXPECT_EQ(creation.name, kPipeName);
+    EXPECT_EQ(creation.name, kCameraPipeName);
     EXPECT_EQ(creation.openMode, 0x40000003u);
     EXPECT_EQ(creation.pipeMode, 8u);  // local clients only, bytes, blocking
     EXPECT_EQ(creation.instances, 255u);
@@ -200,7 +200,7 @@ TEST_F(ServerTest, PipeIsMadeWithTheAgreedParameters) {
 
 TEST_F(ServerTest, LivePipeGrantsFullAccessToTheLocalLogonGroupAndLocalSystemAlone) {
     StartServer();
-    const HANDLE pipe = ::CreateFileW(kPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+    const HANDLE pipe = ::CreateFileW(kCameraPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                       OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
     ASSERT_NE(pipe, INVALID_HANDLE_VALUE);
     const UniqueHandle owner(pipe);
@@ -274,8 +274,8 @@ TEST_F(ServerTest, ClientGoneBeforeConnectNamedPipeEndsAcceptingWithOneLine) {
 }
 
 TEST_F(ServerTest, PipeNameTakenBySomebodyElseIsOneLineAndNoException) {
-    const UniqueHandle other = OwnFile(
-        ::CreateNamedPipeW(kPipeName, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
+    const UniqueHandle other = OwnFile(::CreateNamedPipeW(kCameraPipeName, PIPE_ACCESS_DUPLEX,
+                                                          PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
     ASSERT_TRUE(other);
     EXPECT_NO_THROW(StartServer());
     EXPECT_EQ(output.Error(), "Error caught in ListenOnPipe().\n");
@@ -393,11 +393,11 @@ private:
 
     const char* BeServed() {
         UniqueHandle pipe;
-        while (!(pipe = OwnFile(::CreateFileW(kPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                              OPEN_EXISTING, 0, nullptr)))) {
+        while (!(pipe = OwnFile(::CreateFileW(kCameraPipeName, GENERIC_READ | GENERIC_WRITE, 0,
+                                              nullptr, OPEN_EXISTING, 0, nullptr)))) {
             if (::GetLastError() != ERROR_PIPE_BUSY)
                 return "connect failed";
-            ::WaitNamedPipeW(kPipeName, 20000);
+            ::WaitNamedPipeW(kCameraPipeName, 20000);
         }
         MessageHeader header{};
         if (!ReadAll(pipe.get(), &header, sizeof(header)) || header.messageType != kCameraAttached)

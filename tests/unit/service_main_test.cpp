@@ -20,13 +20,13 @@
 #include <windows.h>
 
 #include "device/io_operation.h"
-#include "device/unique_handle.h"
 #include "import_hook.h"
 #include "output_capture.h"
+#include "protocol/message.h"
 #include "server/server.h"
 #include "service/notification_window.h"
-#include "session/message.h"
 #include "virtual_camera.h"
+#include "windows/unique_handle.h"
 
 extern "C" {
 extern decltype(&::SetServiceStatus) __imp_SetServiceStatus;
@@ -61,9 +61,8 @@ std::string TextOf(const std::exception& exception) {
 
 /// A client that is connected and has had one answer.
 UniqueHandle ConnectAndAsk() {
-    UniqueHandle pipe =
-        OwnFile(::CreateFileW(LR"(\\.\pipe\orvikcamera)", GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                              OPEN_EXISTING, 0, nullptr));
+    UniqueHandle pipe = OwnFile(::CreateFileW(kCameraPipeName, GENERIC_READ | GENERIC_WRITE, 0,
+                                              nullptr, OPEN_EXISTING, 0, nullptr));
     const MessageHeader request{kTransferNoData, 1, 0, 0};
     MessageHeader answer{};
     DWORD done = 0;
@@ -97,7 +96,7 @@ public:
           }),
           pipeCreation([](const wchar_t* name, DWORD open, DWORD mode, DWORD most, DWORD out,
                           DWORD in, DWORD timeout, SECURITY_ATTRIBUTES* security) {
-              if (std::wcscmp(name, LR"(\\.\pipe\orvikcrashserver)") == 0)
+              if (std::wcscmp(name, kCrashPipeName) == 0)
                   Say("crash server");
               return decltype(pipeCreation)::Original(name, open, mode, most, out, in, timeout,
                                                       security);
@@ -136,7 +135,7 @@ public:
 
 private:
     SERVICE_STATUS_HANDLE Register(const wchar_t* name, LPHANDLER_FUNCTION handler) {
-        const bool right = std::wcscmp(name, L"OrvikService") == 0 && handler == ServiceCtrlHandler;
+        const bool right = std::wcscmp(name, kServiceName) == 0 && handler == ServiceCtrlHandler;
         Say(right ? "registers" : "registers something else");
         if (!Fails(Failing::kRegistration))
             return reinterpret_cast<SERVICE_STATUS_HANDLE>(this);

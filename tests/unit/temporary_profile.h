@@ -8,7 +8,7 @@
 
 #include <windows.h>
 
-#include "device/unique_handle.h"
+#include "windows/unique_handle.h"
 
 /// An environment variable has another value while this lives; null: it isn't set.
 class EnvironmentVariable {

@@ -9,8 +9,8 @@
 
 #include <windows.h>
 
-#include "device/unique_handle.h"
 #include "support/deadline.h"
+#include "windows/unique_handle.h"
 
 /// What was waited for did not happen in time.
 class TestTimeout : public std::runtime_error {

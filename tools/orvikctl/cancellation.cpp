@@ -1,7 +1,7 @@
 #include "cancellation.h"
 
-#include "device/unique_handle.h"
 #include "exit_code.h"
+#include "windows/unique_handle.h"
 
 namespace {
 

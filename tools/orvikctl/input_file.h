@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "device/unique_handle.h"
+#include "windows/unique_handle.h"
 
 /// A file to read from, which nobody can write meanwhile.
 class InputFile {

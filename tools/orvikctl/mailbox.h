@@ -9,8 +9,8 @@
 #include <windows.h>
 
 #include "cancellation.h"
-#include "device/unique_handle.h"
 #include "exit_code.h"
+#include "windows/unique_handle.h"
 
 /// Messages of the client's thread to the main thread, in order. Waiting for one ends on Ctrl-C.
 template <class Message>

@@ -6,8 +6,8 @@
 
 #include <windows.h>
 
-#include "device/unique_handle.h"
 #include "exit_code.h"
+#include "windows/unique_handle.h"
 
 /// A file could not be made or written.
 class FileError : public SystemFailure {

@@ -7,7 +7,6 @@
 #include <memory>
 #include <stdexcept>
 #include <system_error>
-#include <type_traits>
 
 #include <windows.h>
 
@@ -15,19 +14,14 @@
 #include <shellapi.h>
 #include <userenv.h>
 
-#include "device/unique_handle.h"
 #include "orvik/client.h"
+#include "protocol/message.h"
 #include "streams.h"
+#include "windows/unique_handle.h"
+#include "windows/unique_memory.h"
+#include "windows/unique_service_handle.h"
 
 namespace {
-
-constexpr wchar_t kServiceName[] = L"OrvikService";
-
-struct ServiceHandleCloser {
-    using pointer = SC_HANDLE;
-    void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }
-};
-using UniqueServiceHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ServiceHandleCloser>;
 
 [[noreturn]] void FailLast(const std::string& text, DWORD code = ::GetLastError()) {
     throw orvik::Error(orvik::ErrorKind::kSystem, text, code);
@@ -194,11 +188,6 @@ bool IsDumpName(const std::wstring& name) {
            name[23] == L'-';
 }
 
-struct FindCloser {
-    using pointer = HANDLE;
-    void operator()(HANDLE handle) const noexcept { ::FindClose(handle); }
-};
-
 }  // namespace
 
 bool IsServiceInstalled() {
@@ -294,8 +283,7 @@ std::filesystem::path ServiceDumpFolder() {
 
 std::optional<Dump> NewestDump(const std::filesystem::path& folder) {
     WIN32_FIND_DATAW entry{};
-    const std::unique_ptr<void, FindCloser> search(
-        OwnFile(::FindFirstFileW((folder / L"*.dmp").c_str(), &entry)).release());
+    const UniqueSearch search = OwnSearch(::FindFirstFileW((folder / L"*.dmp").c_str(), &entry));
     if (!search && ::GetLastError() != ERROR_FILE_NOT_FOUND)
         FailLast("the dump folder cannot be read");
     std::optional<Dump> newest;

@@ -21,9 +21,10 @@
 #include <system_error>
 #include <vector>
 
-#include "device/unique_handle.h"
 #include "driver_setup.h"
 #include "virtual_camera.h"
+#include "windows/unique_handle.h"
+#include "windows/unique_memory.h"
 
 namespace {
 

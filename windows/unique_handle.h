@@ -1,8 +1,7 @@
-// Owners of what Windows hands out: the type names the function that gives it back.
+// Owners of kernel handles.
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 
 #include <windows.h>
@@ -20,23 +19,19 @@ inline UniqueHandle OwnFile(HANDLE handle) noexcept {
     return UniqueHandle(handle == INVALID_HANDLE_VALUE ? nullptr : handle);
 }
 
-/// The half of a handle's value that Windows uses, also the key of its packets.
+/// The half of a handle's value that Windows uses, also the completion key of its packets.
 inline std::uint32_t LowHalf(HANDLE handle) noexcept {
     return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(handle));
 }
 
-/// Frees a block from malloc: the blocks that travel with an IoOperation.
-struct MallocFreer {
-    void operator()(void* block) const noexcept { std::free(block); }
+/// Closes what FindFirstFileW returns unless it is INVALID_HANDLE_VALUE (see OwnSearch()).
+struct SearchCloser {
+    using pointer = HANDLE;
+    void operator()(HANDLE search) const noexcept { ::FindClose(search); }
 };
-using UniqueMalloc = std::unique_ptr<void, MallocFreer>;
+using UniqueSearch = std::unique_ptr<void, SearchCloser>;
 
-/// Frees a block from LocalAlloc or from a Windows function that says LocalFree.
-struct LocalFreer {
-    void operator()(void* block) const noexcept { ::LocalFree(block); }
-};
-
-/// Frees a fixed (GMEM_FIXED) block from GlobalAlloc.
-struct GlobalFreer {
-    void operator()(void* block) const noexcept { ::GlobalFree(block); }
-};
+/// Owns the result of FindFirstFileW; empty if the call failed.
+inline UniqueSearch OwnSearch(HANDLE search) noexcept {
+    return UniqueSearch(search == INVALID_HANDLE_VALUE ? nullptr : search);
+}
