@@ -326,6 +326,16 @@ TEST_F(SetUpCrashHandlerTest, ProgramMakesItsFoldersAndTriesTheCrashServer) {
     EXPECT_EQ(fake.localFolders, 0);
 }
 
+TEST_F(SetUpCrashHandlerTest, ServiceWhoseQueryIsRefusedIsSetUpAsAProgram) {
+    fake.RunAsService();
+    fake.queryFails = true;
+    EXPECT_EQ(SetUpWith(fake), Lines());
+    EXPECT_EQ(fake.folders, Folders({LR"(C:\Local\Orvik)", LR"(C:\Local\Orvik\Crash Reports)"}));
+    EXPECT_TRUE(fake.pipeWasTried);
+    EXPECT_TRUE(Launch());
+    EXPECT_NE(std::wstring(fake.commandLine.data()).find(L"|*|1|*|"), std::wstring::npos);
+}
+
 TEST_F(SetUpCrashHandlerTest, FolderThatIsThereAlreadyIsNoFailure) {
     fake.folderError = ERROR_ALREADY_EXISTS;
     for (const wchar_t* const folder : {LR"(C:\Local\Orvik)", LR"(C:\Local\Orvik\Crash Reports)"}) {
