@@ -1,26 +1,34 @@
-# How everything of this project is compiled and linked: link orvik_warnings to a target.
-add_library(orvik_warnings INTERFACE)
-target_compile_features(orvik_warnings INTERFACE cxx_std_20)
+# orvik_build_options: how everything of this project is compiled and linked (language level, Windows
+# version, warnings, hardening). Link it PRIVATE to every target that runs in user mode.
+add_library(orvik_build_options INTERFACE)
+target_compile_features(orvik_build_options INTERFACE cxx_std_20)
 target_compile_definitions(
-  orvik_warnings INTERFACE UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX
-                           _WIN32_WINNT=0x0A00) # Windows 10
+  orvik_build_options INTERFACE UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX
+                                _WIN32_WINNT=0x0A00) # Windows 10
 
 if(MSVC)
-  target_compile_options(orvik_warnings INTERFACE /W4 /WX /permissive- /utf-8)
-else()
-  target_compile_options(orvik_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
-                                                  -Werror -fstack-protector-strong)
-  # One file, no DLL of the tool chain beside it. The three bits are what the linker of binutils 2.40
-  # sets by itself; they are here so that they stay.
+  target_compile_options(orvik_build_options INTERFACE /W4 /WX /permissive- /utf-8)
+else() # GCC and Clang
+  target_compile_options(
+    orvik_build_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+                                  -fstack-protector-strong)
+endif()
+if(MINGW)
+  # One file, no DLL of the tool chain beside it. The three bits are the defaults of binutils 2.40's
+  # linker; they are spelled out so that they stay.
   target_link_options(
-    orvik_warnings INTERFACE -static -fstack-protector-strong
+    orvik_build_options INTERFACE -static -fstack-protector-strong
     -Wl,--dynamicbase,--high-entropy-va,--nxcompat)
 endif()
 
 if(ORVIK_CHECKED)
-  # Traps need no runtime library: the program stops with an illegal instruction.
-  # -Og keeps the tests quick.
-  target_compile_options(orvik_warnings INTERFACE -Og -fsanitize=undefined
-                                                  -fsanitize-undefined-trap-on-error)
-  target_compile_definitions(orvik_warnings INTERFACE _GLIBCXX_ASSERTIONS)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    message(FATAL_ERROR "ORVIK_CHECKED uses options and assertions of GCC and its C++ library, "
+                        "not of ${CMAKE_CXX_COMPILER_ID}")
+  endif()
+  # Traps need no runtime library: the program stops with an illegal instruction. -Og keeps the
+  # tests fast.
+  target_compile_options(orvik_build_options INTERFACE -Og -fsanitize=undefined
+                                                       -fsanitize-undefined-trap-on-error)
+  target_compile_definitions(orvik_build_options INTERFACE _GLIBCXX_ASSERTIONS)
 endif()
