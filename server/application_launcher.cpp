@@ -1,8 +1,8 @@
-// Starts the desktop application when a camera wants it and nobody is connected.
+// Starts the desktop application when a camera arrives and no main communicator is connected.
 
+#include <algorithm>
 #include <array>
 #include <iostream>
-#include <string>
 
 #include <windows.h>
 
@@ -17,29 +17,27 @@ constexpr wchar_t kAppPathKey[] =
     LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\App Paths\Orvik.exe)";
 constexpr wchar_t kFallbackPath[] = LR"(c:\Program Files (x86)\Orvik\Orvik.exe)";
 
-/// A string value below HKEY_LOCAL_MACHINE; empty on any failure, and for more than 1024 bytes.
-std::wstring ReadAppPath(const wchar_t* keyPath, const wchar_t* valueName) {
+/// A path in memory of its own: a launch allocates nothing, so a lack of memory can't end it.
+using Path = std::array<wchar_t, 1024>;
+
+/// Reads a string value below HKEY_LOCAL_MACHINE into `path`, which must be all zeros. False on any
+/// failure, for an empty value and for one of more than 1024 bytes.
+bool ReadAppPath(const wchar_t* keyPath, const wchar_t* valueName, Path& path) noexcept {
     constexpr DWORD kLargestValue = 1024;  // bytes
     HKEY key = nullptr;
     if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, keyPath, 0, KEY_QUERY_VALUE, &key) != ERROR_SUCCESS)
-        return {};
-    std::array<wchar_t, 1024> buffer{};
-    DWORD size = sizeof(buffer);
+        return false;
+    DWORD size = sizeof(path);
     const LSTATUS result = ::RegQueryValueExW(key, valueName, nullptr, nullptr,
-                                              reinterpret_cast<BYTE*>(buffer.data()), &size);
+                                              reinterpret_cast<BYTE*>(path.data()), &size);
     ::RegCloseKey(key);
     if (result != ERROR_SUCCESS || size > kLargestValue || size == 0)
-        return {};
-    // Kept on purpose: bytes minus one taken as characters. The text runs on past the value's end
-    // into the buffer's zeros, which the next line drops again; Windows reads up to the first.
-    std::wstring text(buffer.data(), size - 1);
-    text.erase(text.find_last_not_of(L'\0') + 1);
-    return text;
-}
-
-std::wstring ApplicationPath() {
-    const std::wstring path = ReadAppPath(kAppPathKey, L"");  // the key's default value
-    return path.empty() ? kFallbackPath : path;
+        return false;
+    // Kept on purpose: bytes minus one taken as characters. They run past the value's end into the
+    // buffer's zeros. A value is empty if there is nothing but zeros; Windows reads up to the
+    // first.
+    return std::any_of(path.begin(), path.begin() + (size - 1),
+                       [](wchar_t character) { return character != L'\0'; });
 }
 
 }  // namespace
@@ -63,8 +61,10 @@ void Server::LaunchApplication() noexcept {
     // The block is never destroyed: one per launch stays allocated, on purpose.
     void* environment = nullptr;
     if (::CreateEnvironmentBlock(&environment, token, FALSE) == TRUE) {
-        const std::wstring path = ApplicationPath();
-        ::CreateProcessAsUserW(token, path.c_str(), nullptr, nullptr, nullptr, FALSE,
+        Path registered{};
+        const wchar_t* const path =
+            ReadAppPath(kAppPathKey, L"", registered) ? registered.data() : kFallbackPath;
+        ::CreateProcessAsUserW(token, path, nullptr, nullptr, nullptr, FALSE,
                                CREATE_UNICODE_ENVIRONMENT | DETACHED_PROCESS, environment, nullptr,
                                &startup, &process);
     } else {
