@@ -1,5 +1,7 @@
 // The table of cameras: found at start-up, arriving, leaving, given up.
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -42,6 +44,18 @@ UniqueInterfaceDetail GetInterfaceDetail(HDEVINFO list, SP_DEVICE_INTERFACE_DATA
     return detail;
 }
 
+/// The record as one about a device interface. Null for any other, and for a forged one: too short
+/// for a name, or with a name that does not end within it.
+const DEV_BROADCAST_DEVICEINTERFACE_W* AsInterfaceRecord(const DEV_BROADCAST_HDR* header) noexcept {
+    constexpr std::size_t kNameOffset = offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name);
+    if (header->dbch_devicetype != DBT_DEVTYP_DEVICEINTERFACE || header->dbch_size < kNameOffset)
+        return nullptr;
+    const auto* const record = reinterpret_cast<const DEV_BROADCAST_DEVICEINTERFACE_W*>(header);
+    const wchar_t* const name = record->dbcc_name;
+    const wchar_t* const end = name + (header->dbch_size - kNameOffset) / sizeof(wchar_t);
+    return std::find(name, end, L'\0') != end ? record : nullptr;
+}
+
 bool IsSamePath(const Device& device, const wchar_t* path) {
     return boost::algorithm::iequals(device.Path(), path);
 }
@@ -65,10 +79,13 @@ void Server::EnumerateInterfaces(const GUID& classGuid) {
 }
 
 void Server::PostDeviceEvent(WPARAM eventCode, const DEV_BROADCAST_HDR* record) {
-    UniqueMalloc copy(std::malloc(record->dbch_size));
+    const DWORD size = record->dbch_size;
+    if (size < sizeof(DEV_BROADCAST_HDR))
+        return;  // forged: not even its own head
+    UniqueMalloc copy(std::malloc(size));
     if (!copy)
         throw std::bad_alloc();
-    std::memcpy(copy.get(), record, record->dbch_size);
+    std::memcpy(copy.get(), record, size);
     auto operation = std::make_unique<IoOperation>(CallbackTo<&Server::DeviceEvent>(LastSelf()));
     operation->transferBuffer = copy.get();
     if (!::PostQueuedCompletionStatus(completionPort, 0, eventCode, &operation->overlapped))
@@ -83,17 +100,17 @@ void Server::DeviceEvent(IoOperation* operation) {
     const std::uint64_t eventCode = operation->completionKey;
     delete operation;
 
-    const auto* const header = static_cast<const DEV_BROADCAST_HDR*>(block.get());
-    if (header->dbch_devicetype != DBT_DEVTYP_DEVICEINTERFACE)
+    const auto* const record =
+        AsInterfaceRecord(static_cast<const DEV_BROADCAST_HDR*>(block.get()));
+    if (record == nullptr)
         return;
-    const auto& record = *static_cast<const DEV_BROADCAST_DEVICEINTERFACE_W*>(block.get());
     try {
-        // Only CD-ROM devices are taken while running, although the start-up enumeration takes
-        // disks too. Kept on purpose: a camera shows both faces, and would be announced twice.
-        if (eventCode == DBT_DEVICEARRIVAL && record.dbcc_classguid == GUID_DEVINTERFACE_CDROM)
-            DeviceArrival(record.dbcc_name);
+        // Kept on purpose: arrivals are taken of CD-ROM interfaces only. The enumeration at the
+        // start takes disk and CD-ROM interfaces, and a removal is taken of any class.
+        if (eventCode == DBT_DEVICEARRIVAL && record->dbcc_classguid == GUID_DEVINTERFACE_CDROM)
+            DeviceArrival(record->dbcc_name);
         else if (eventCode == DBT_DEVICEREMOVECOMPLETE)
-            DeviceDetach(record);
+            DeviceDetach(*record);
     } catch (...) {
         std::cerr << "Error in Server::DeviceEvent().\n";
         throw;
