@@ -101,8 +101,11 @@ void RunServiceOrEndProcess() noexcept {
     try {
         RunService();
     } catch (...) {
+        RenewCrashHandler();  // it may have registered with the crash server just destroyed
         ::RaiseException(kEndedByException, EXCEPTION_NONCONTINUABLE, 0, nullptr);
-        std::terminate();
+        // Under Wine 10 with its debugger on, the call returns. std::terminate() would be a second
+        // crash with a second dump.
+        ::TerminateProcess(::GetCurrentProcess(), kEndedByException);
     }
 }
 

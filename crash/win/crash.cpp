@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cwchar>
 #include <iterator>
+#include <new>
 
 #include <shlobj.h>
 
@@ -14,14 +15,17 @@
 
 namespace {
 
-/// What the callback needs, made ready before there is a crash. Never destroyed: a process can
-/// crash at its very end.
+/// The texts for the callback, and the handler. Set before there is a crash. Never destroyed: a
+/// process can crash at its very end.
 struct CrashSettings {
     std::wstring reporterPath;     // of crashreporter.exe; empty if it could not be formed
     std::wstring modeFlag = L"1";  // "0" as the installed service
     std::wstring applicationName;  // "OrvikService" as the installed service, else "Orvik"
     std::wstring versionText;
     std::wstring secondDescriptor;
+    std::wstring dumpFolder;  // of dumps that this process writes itself
+    MINIDUMP_TYPE dumpType = MiniDumpNormal;
+    const wchar_t* serverPipe = nullptr;  // of the crash server that is asked first; null: none
     std::unique_ptr<google_breakpad::ExceptionHandler> handler;
 };
 
@@ -63,13 +67,22 @@ std::wstring PrepareReporterPath() {
     return baseName.data();
 }
 
-void Install(const std::wstring& dumpFolder, MINIDUMP_TYPE dumpType, const wchar_t* pipe) {
+void InstallHandler() {
     using google_breakpad::ExceptionHandler;
-    // The old one goes first: it puts back what was there before it.
-    Settings().handler.reset();
-    Settings().handler =
-        std::make_unique<ExceptionHandler>(dumpFolder, nullptr, LaunchCrashReporter, nullptr,
-                                           ExceptionHandler::HANDLER_ALL, dumpType, pipe, nullptr);
+    CrashSettings& settings = Settings();
+    // The old one goes first: it restores the handler that was there before it.
+    settings.handler.reset();
+    settings.handler = std::make_unique<ExceptionHandler>(
+        settings.dumpFolder, nullptr, LaunchCrashReporter, nullptr, ExceptionHandler::HANDLER_ALL,
+        settings.dumpType, settings.serverPipe, nullptr);
+}
+
+void Install(const std::wstring& dumpFolder, MINIDUMP_TYPE dumpType, const wchar_t* serverPipe) {
+    CrashSettings& settings = Settings();
+    settings.dumpFolder = dumpFolder;
+    settings.dumpType = dumpType;
+    settings.serverPipe = serverPipe;
+    InstallHandler();
 }
 
 /// The dump is written by this process, into the temporary folder.
@@ -154,6 +167,17 @@ void SetUpCrashHandler(const std::wstring& versionText, const std::wstring& seco
         SetUpAsService();
     else
         SetUpAsProgram();
+}
+
+void RenewCrashHandler() noexcept {
+    const CrashSettings& settings = Settings();
+    if (!settings.handler || settings.serverPipe == nullptr)
+        return;
+    try {
+        InstallHandler();
+    } catch (const std::bad_alloc&) {
+        // The process ends without a dump.
+    }
 }
 
 bool LaunchCrashReporter(const wchar_t* dumpFolder, const wchar_t* minidumpId, void* /*context*/,

@@ -256,6 +256,25 @@ TEST_F(CrashTest, ExecutableNamedOtherwiseThatIsItsOwnCrashServerStartsTheReport
     EXPECT_EQ(folder.Log(), "");
 }
 
+// The crash server that it has registered with is destroyed before the process ends.
+TEST_F(CrashTest, ExceptionInAProcessThatIsItsOwnCrashServerLeavesADumpThatTheReporterIsTold) {
+    const std::wstring reporter = folder.PutReporter();
+    RunningService service(RunMode::kServiceManager,
+                           folder.Put(ProgramPath(L"OrvikService.exe"), L"Other.exe"));
+    RawClient client;
+    client.SendRequest(kTransferNoData, 1, 7, TestUnitReady());  // there is no such camera
+    const CrashRecord record = reporters.Receive();
+    EXPECT_EQ(service.WaitForEnd(kCrashDeadline), kEndedByException);
+    const fs::path file = DumpOf(record);
+    EXPECT_EQ(file.parent_path(), fs::path(record.localFolder) / L"Orvik" / L"Crash Reports");
+    EXPECT_EQ(Narrow(record.commandLine), Narrow(L"\"" + reporter + L"\" |*|1|*|" + file.wstring() +
+                                                 L"|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
+    const Dump dump = KeepDump({file}, L"own-server");
+    EXPECT_EQ(dump.exceptionCode, kEndedByException);
+    EXPECT_EQ(dump.flags, kLargerDump);
+    EXPECT_TRUE(dump.hasItsThread);
+}
+
 // No dump is looked at here, which takes seconds: these are asked of a server that is a part of
 // what has crashed.
 TEST_F(CrashTest, ReporterThatIsMissingIsLogged) {

@@ -34,6 +34,7 @@ extern decltype(&::RegisterServiceCtrlHandlerW) __imp_RegisterServiceCtrlHandler
 extern decltype(&::CreateIoCompletionPort) __imp_CreateIoCompletionPort;
 extern decltype(&::CreateThread) __imp_CreateThread;
 extern decltype(&::CreateNamedPipeW) __imp_CreateNamedPipeW;
+extern decltype(&::RaiseException) __imp_RaiseException;
 extern decltype(&::SetUnhandledExceptionFilter) __imp_SetUnhandledExceptionFilter;
 }
 
@@ -327,6 +328,8 @@ TEST(ServiceMain, FailedStartEndsTheServiceWithoutAReportOfStopped) {
                    "crash handler\n"
                    "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
                    "port\n"
+                   "crash handler\n"  // the old one goes, the new one is installed
+                   "crash handler\n"
                    "faults: CreateIoCompletionPort() failed.  GetLastError() = 0x5\n"));
     EXPECT_EXIT(Serve(true, Failing::kThread, Quit), kHasFaulted,
                 Is("crash server\n"
@@ -335,6 +338,8 @@ TEST(ServiceMain, FailedStartEndsTheServiceWithoutAReportOfStopped) {
                    "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
                    "port\n"
                    "window thread\n"
+                   "crash handler\n"
+                   "crash handler\n"
                    "faults: CreateThread() failed.  GetLastError() = 0x5\n"));
 }
 
@@ -361,8 +366,28 @@ TEST(ServiceMain, FailureOfAHandlerEndsTheServiceOnceTheServerIsDestroyed) {
                    "port\n"
                    "window thread\n"
                    "state 4: type 16, controls 1, exit 0 0, checkpoint 0, hint 0; server set\n"
+                   "crash handler\n"
+                   "crash handler\n"
                    "faults: from a handler; server set, client disconnected, "
                    "sessions ended: 1\n"));
+}
+
+// As Wine's does when its debugger has looked.
+TEST(ServiceMain, FailureOfAHandlerEndsTheProcessAlsoWhenRaisingTheFaultReturns) {
+    vcam::Bus().UnplugAll();
+    constexpr DWORD kEndedByException = 0xE04F5256;
+    const auto serve = [] {
+        using Raise = HookedImport<&__imp_RaiseException>;
+        const Raise raise([](DWORD code, DWORD flags, DWORD count, const ULONG_PTR* arguments) {
+            if (code == kEndedByException)
+                Say("raised");
+            else
+                Raise::Original(code, flags, count, arguments);  // a C++ exception
+        });
+        Serve(true, Failing::kNothing, FailInAHandler);
+    };
+    EXPECT_EXIT(serve(), ::testing::ExitedWithCode(static_cast<int>(kEndedByException)),
+                "raised\n$");
 }
 
 TEST(ServiceMain, FailureOfAHandlerInTheForegroundIsThrownOnceTheServerIsDestroyed) {
