@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 #include <windows.h>
 #include <boost/function.hpp>
+#include <boost/smart_ptr/shared_ptr.hpp>
 
 class IoOperation;
 class KeptOperation;
@@ -103,6 +105,30 @@ private:
     bool issued = false;
 };
 
-/// Frees an operation and the block that travels with it: the end of one that nobody waits for.
+/// Frees an operation and the block that travels with it: the end of one whose owner is gone.
 /// As a callback it touches nothing but the operation.
 void DiscardOperation(IoOperation* operation) noexcept;
+
+/// How the callbacks of an owner's operations find their owner, which may be destroyed before the
+/// packets come. The owner makes one, shares it with each callback, and sets `owner` to null in
+/// its destructor. Memory that the system uses while an operation is issued can be added by
+/// deriving from it: it lives until the last packet has been taken.
+/// Thread: dispatcher only; the shared ownership around it is thread-safe.
+template <typename Owner>
+struct OwnerLink {
+    Owner* owner = nullptr;  // null once the owner is destroyed
+};
+
+/// The lifetime rule of every operation with an owner: a callback that calls `handler`, a member
+/// function of the owner, while the owner is alive, and otherwise discards the packet.
+/// `link` is an OwnerLink of the owner or derived from one. Allocates nothing.
+template <auto handler, typename Link>
+IoCallback CallOwner(boost::shared_ptr<Link> link) {
+    return [link = std::move(link)](IoOperation* operation) {
+        // Nothing of this callable is touched after either call: both may destroy it.
+        if (link->owner != nullptr)
+            (link->owner->*handler)(operation);
+        else
+            DiscardOperation(operation);
+    };
+}

@@ -86,7 +86,7 @@ void Server::PostDeviceEvent(WPARAM eventCode, const DEV_BROADCAST_HDR* record) 
     if (!copy)
         throw std::bad_alloc();
     std::memcpy(copy.get(), record, size);
-    auto operation = std::make_unique<IoOperation>(CallbackTo<&Server::DeviceEvent>(LastSelf()));
+    auto operation = std::make_unique<IoOperation>(CallOwner<&Server::DeviceEvent>(LastSelf()));
     operation->transferBuffer = copy.get();
     if (!::PostQueuedCompletionStatus(completionPort, 0, eventCode, &operation->overlapped))
         throw WindowsException("PostQueuedCompletionStatus failed.");

@@ -132,7 +132,7 @@ void Server::OnClientConnected(IoOperation* operation) {
     ListenOnPipe();
 
     for (const auto& [id, device] : devices) {
-        if (!session->SendCameraAttached(*device))
+        if (session->SendCameraAttached(*device) == SessionState::kGone)
             return;  // the client has hung up and its session is gone
     }
 }

@@ -21,9 +21,10 @@
 std::atomic<Server*> theServer{nullptr};
 
 Server::Server(HANDLE port)
-    : self(boost::make_shared<Server*>(this)),
+    : self(boost::make_shared<OwnerLink<Server>>()),
       completionPort(port),
-      acceptOperation(CallbackTo<&Server::OnClientConnected>(self)) {
+      acceptOperation(CallOwner<&Server::OnClientConnected>(self)) {
+    self->owner = this;
     LastSelf() = self;
     EnumerateInterfaces(GUID_DEVINTERFACE_DISK);
     EnumerateInterfaces(GUID_DEVINTERFACE_CDROM);
@@ -31,7 +32,7 @@ Server::Server(HANDLE port)
 }
 
 Server::~Server() {
-    *self = nullptr;
+    self->owner = nullptr;
     cameraClients.clear();
     mainCommunicator.reset();
     if (listeningPipe) {
@@ -41,9 +42,9 @@ Server::~Server() {
     devices.clear();
 }
 
-boost::shared_ptr<Server*>& Server::LastSelf() {
+boost::shared_ptr<OwnerLink<Server>>& Server::LastSelf() {
     // Never destroyed: the window thread may use it up to the very end of the process.
-    static auto& last = *new boost::shared_ptr<Server*>;
+    static auto& last = *new boost::shared_ptr<OwnerLink<Server>>;
     return last;
 }
 

@@ -77,18 +77,6 @@ private:
     void StartListening();
     void OnClientConnected(IoOperation* operation);
 
-    /// A completion callback that calls `handler` while this server lives, and afterwards frees
-    /// the operation.
-    template <void (Server::*handler)(IoOperation*)>
-    static IoCallback CallbackTo(const boost::shared_ptr<Server*>& self) {
-        return [self](IoOperation* operation) {
-            if (*self != nullptr)
-                ((*self)->*handler)(operation);
-            else
-                DiscardOperation(operation);
-        };
-    }
-
     // device_events.cpp
     void EnumerateInterfaces(const GUID& classGuid);
     void DeviceEvent(IoOperation* operation);
@@ -101,11 +89,10 @@ private:
     /// token, environment and desktop. Touches nothing of the server.
     void LaunchApplication() noexcept;
 
-    /// A share of the newest server's `self` that stays when the server is gone.
-    static boost::shared_ptr<Server*>& LastSelf();
+    /// A share of the newest server's `self` that remains after the server's end.
+    static boost::shared_ptr<OwnerLink<Server>>& LastSelf();
 
-    // How callbacks find the server; holds null once it is destroyed, as packets may come later.
-    boost::shared_ptr<Server*> self;
+    boost::shared_ptr<OwnerLink<Server>> self;  // shared with the callback of every operation
 
     HANDLE completionPort;                                       // not owned
     UniqueHandle listeningPipe;                                  // bound to the port; empty if none

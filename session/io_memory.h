@@ -1,30 +1,21 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <vector>
 
+#include "device/io_operation.h"
+#include "protocol/message.h"
 #include "session/server_client.h"
 
 /// The memory of a session that the system reads and writes while an operation is issued.
 ///
-/// The callback of every operation of the session holds a share of it, so it lives until the last
-/// of their packets has come, though the session may be long gone.
-struct ServerClient::IoMemory {
-    ServerClient* session;  // null once it is destroyed
+/// The callback of every operation of the session holds a share of it. So it lives until the last
+/// of their packets has been taken, even if the session has been destroyed long before.
+struct ServerClient::IoMemory : OwnerLink<ServerClient> {
     MessageHeader header{};
-    std::unique_ptr<std::byte[]> body;  // none, or header.bodyLength bytes (see ReadBodyComplete)
+    std::unique_ptr<std::byte[]> body;              // none, or at least header.bodyLength bytes
     std::deque<std::vector<std::byte>> writeQueue;  // front: being written, or next
 };
-
-template <void (ServerClient::*handler)(IoOperation*)>
-IoCallback ServerClient::CallbackTo() const {
-    return [memory = memory](IoOperation* operation) {
-        // Nothing of this callable is touched after either call: both may destroy it.
-        if (memory->session != nullptr)
-            (memory->session->*handler)(operation);
-        else
-            DiscardOperation(operation);
-    };
-}

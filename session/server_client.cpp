@@ -7,7 +7,7 @@
 #include <memory>
 #include <utility>
 
-#include <boost/smart_ptr/make_local_shared.hpp>
+#include <boost/smart_ptr/make_shared.hpp>
 
 #include "device/device.h"
 #include "device/windows_exception.h"
@@ -16,11 +16,21 @@
 
 namespace {
 
+/// Bytes that one ReadFile of a body asks for at most. The system touches every page of a read's
+/// buffer before the read is issued: a client that announced 4 GiB would stop the service for
+/// seconds. Bodies up to this size are read with one call.
+constexpr std::uint64_t kLargestRead = std::uint64_t{1024} * 1024;
+
 bool CallFailed(BOOL result) noexcept {
     return !result && ::GetLastError() != ERROR_IO_PENDING;
 }
 
-/// True if the OVERLAPPED says so, which is no word on whether a packet is still to come.
+bool HasData(HANDLE pipe) noexcept {
+    DWORD available = 0;
+    return ::PeekNamedPipe(pipe, nullptr, 0, nullptr, &available, nullptr) && available != 0;
+}
+
+/// True if the OVERLAPPED shows it. A packet may still come when it does not.
 bool ShowsPending(const KeptOperation& operation) noexcept {
     return operation.Get() != nullptr && !HasOverlappedIoCompleted(&operation.Get()->overlapped);
 }
@@ -28,13 +38,13 @@ bool ShowsPending(const KeptOperation& operation) noexcept {
 }  // namespace
 
 ServerClient::ServerClient(Server* owner, UniqueHandle connectedPipe)
-    : memory(boost::make_local_shared<IoMemory>()),
-      headerReadOperation(CallbackTo<&ServerClient::ReadHeaderComplete>()),
-      bodyReadOperation(CallbackTo<&ServerClient::ReadBodyComplete>()),
-      writeOperation(CallbackTo<&ServerClient::WriteComplete>()),
+    : memory(boost::make_shared<IoMemory>()),
+      headerReadOperation(CallOwner<&ServerClient::ReadHeaderComplete>(memory)),
+      bodyReadOperation(CallOwner<&ServerClient::ReadBodyComplete>(memory)),
+      writeOperation(CallOwner<&ServerClient::WriteComplete>(memory)),
       server(owner),
       pipe(std::move(connectedPipe)) {
-    memory->session = this;
+    memory->owner = this;
     DoRead();
 }
 
@@ -43,7 +53,7 @@ ServerClient::~ServerClient() {
     if (ShowsPending(headerReadOperation) || ShowsPending(bodyReadOperation) ||
         ShowsPending(writeOperation))
         std::cerr << "PROBLEM!!! ServerClient destructor with active overlapped structure.\n";
-    memory->session = nullptr;
+    memory->owner = nullptr;
     pipe.reset();
     if (attachedCamera) {
         attachedCamera->Close();
@@ -57,11 +67,11 @@ ServerClient::~ServerClient() {
     queue.erase(writeOperation.IsIssued() ? queue.begin() + 1 : queue.begin(), queue.end());
 }
 
-bool ServerClient::SendCameraAttached(const Device& camera) {
+SessionState ServerClient::SendCameraAttached(const Device& camera) {
     return QueueMessage({kCameraAttached, kNotificationId, camera.Id(), 0});
 }
 
-bool ServerClient::SendCameraDetached(const Device& camera) {
+SessionState ServerClient::SendCameraDetached(const Device& camera) {
     if (camera.Id() == attachedCameraId && attachedCamera)
         attachedCamera->SetRemoved();
     return QueueMessage({kCameraDetached, kNotificationId, camera.Id(), 0});
@@ -77,14 +87,29 @@ void ServerClient::DoRead() {
     headerReadOperation.SetIssued();
 }
 
-/// Reads up to `length` bytes into the body, behind what is there.
 void ServerClient::ReadBody(std::uint64_t length) {
-    constexpr std::uint64_t kLargestRead = std::numeric_limits<DWORD>::max();
-    if (CallFailed(::ReadFile(pipe.get(), memory->body.get() + received,
-                              static_cast<DWORD>(std::min(length, kLargestRead)), nullptr,
+    bodyReadLeft = length;
+    ContinueBodyRead();
+}
+
+void ServerClient::ContinueBodyRead() {
+    const auto size = static_cast<DWORD>(std::min(bodyReadLeft, kLargestRead));
+    if (CallFailed(::ReadFile(pipe.get(), memory->body.get() + received, size, nullptr,
                               &bodyReadOperation.Get()->overlapped)))
         throw WindowsException();
     bodyReadOperation.SetIssued();
+}
+
+void ServerClient::MakeRoomInBody(std::uint64_t length) {
+    if (received + length <= bodyCapacity)
+        return;
+    // And room for twice as much as has been received, so that a body in many small pieces is not
+    // copied with each of them.
+    const std::uint64_t capacity = received + length + 2 * received;
+    auto larger = std::make_unique_for_overwrite<std::byte[]>(capacity);
+    std::memcpy(larger.get(), memory->body.get(), received);
+    memory->body = std::move(larger);
+    bodyCapacity = capacity;
 }
 
 void ServerClient::ReadHeaderComplete(IoOperation* operation) {
@@ -104,12 +129,13 @@ void ServerClient::ReadHeaderComplete(IoOperation* operation) {
     received = 0;
     operation->Reset();
     if (memory->header.bodyLength != 0) {
-        memory->body = std::make_unique_for_overwrite<std::byte[]>(memory->header.bodyLength);
-        ReadBody(memory->header.bodyLength);
+        bodyCapacity = memory->header.bodyLength;
+        memory->body = std::make_unique_for_overwrite<std::byte[]>(bodyCapacity);
+        ReadBody(bodyCapacity);
         return;
     }
     memory->body.reset();
-    if (HandleRequest())
+    if (HandleRequest() == SessionState::kAlive)
         DoRead();
 }
 
@@ -120,39 +146,43 @@ void ServerClient::ReadBodyComplete(IoOperation* operation) {
         server->RemoveClient(this);  // this session is gone
         return;
     }
-    const bool firstPiece = received == 0;
-    received += operation->bytesTransferred;
+    const std::uint64_t count = operation->bytesTransferred;
+    received += count;
+    bodyReadLeft -= count;
     operation->Reset();
+    // A read for more than kLargestRead goes on while there is data for it, so that it takes as
+    // much as one call for all of it would have taken.
+    if (count == kLargestRead && bodyReadLeft != 0 && HasData(pipe.get())) {
+        ContinueBodyRead();
+        return;
+    }
     const std::uint64_t bodyLength = memory->header.bodyLength;
     if (received >= bodyLength) {
         received = 0;
-        if (HandleRequest())
+        if (HandleRequest() == SessionState::kAlive)
             DoRead();
         return;
     }
-    // The next read asks for the whole length and what has come, not for the rest, and so takes
-    // along what a client sends behind a body in pieces; clients know that they wait. From the
-    // first piece on the body has room for the longest such read, which is below three lengths.
-    if (firstPiece) {
-        auto larger = std::make_unique_for_overwrite<std::byte[]>(3 * bodyLength);
-        std::memcpy(larger.get(), memory->body.get(), received);
-        memory->body = std::move(larger);
-    }
-    ReadBody(bodyLength + received);
+    // The next read asks for the whole length and what has been received, not for the rest, and so
+    // takes along what a client sends behind a body in pieces. Clients know that they have to wait.
+    constexpr std::uint64_t kMost = std::numeric_limits<DWORD>::max();
+    const std::uint64_t next = std::min(bodyLength + received, kMost);
+    MakeRoomInBody(next);
+    ReadBody(next);
 }
 
-bool ServerClient::QueueWrite(std::span<const std::byte> bytes) {
+SessionState ServerClient::QueueWrite(std::span<const std::byte> bytes) {
     memory->writeQueue.emplace_back(bytes.begin(), bytes.end());
     return StartWrite();
 }
 
-bool ServerClient::QueueMessage(const MessageHeader& message) {
+SessionState ServerClient::QueueMessage(const MessageHeader& message) {
     return QueueWrite(std::as_bytes(std::span(&message, 1)));
 }
 
-bool ServerClient::StartWrite() {
+SessionState ServerClient::StartWrite() {
     if (writing || memory->writeQueue.empty())
-        return true;
+        return SessionState::kAlive;
     writing = true;
     const auto& entry = memory->writeQueue.front();
     if (CallFailed(::WriteFile(pipe.get(), entry.data(), static_cast<DWORD>(entry.size()), nullptr,
@@ -160,11 +190,11 @@ bool ServerClient::StartWrite() {
         const DWORD error = ::GetLastError();
         if (error != ERROR_NO_DATA && error != ERROR_BROKEN_PIPE)
             throw WindowsException();
-        server->RemoveClient(this);  // this session is gone
-        return false;
+        server->RemoveClient(this);
+        return SessionState::kGone;
     }
     writeOperation.SetIssued();
-    return true;
+    return SessionState::kAlive;
 }
 
 void ServerClient::WriteComplete(IoOperation* operation) {

@@ -1,6 +1,7 @@
-// The road of one transfer through a session: from a complete message to the camera, and from the
-// transfer's packet to the answer.
+// One transfer through a session: from a complete message to the camera, and from the transfer's
+// packet to the answer.
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -39,10 +40,10 @@ bool PacketFollows(const IoOperation& operation) noexcept {
 
 }  // namespace
 
-bool ServerClient::HandleRequest() {
+SessionState ServerClient::HandleRequest() {
     const MessageHeader& header = memory->header;
     if (!IsTransferRequest(header.messageType))
-        return true;
+        return SessionState::kAlive;
     // Before the camera is looked up: clients use such a request as a harmless round trip.
     if (!IsBodyLengthValid(header))
         return SendTransferFailed();
@@ -55,14 +56,15 @@ bool ServerClient::HandleRequest() {
     return StartTransfer(camera);
 }
 
-bool ServerClient::StartTransfer(const boost::shared_ptr<Device>& camera) {
+SessionState ServerClient::StartTransfer(const boost::shared_ptr<Device>& camera) {
     const MessageHeader& header = memory->header;
     const std::byte* const body = memory->body.get();
     TransferRequest request{
         header.messageType, header.requestId, header.cameraId, header.bodyLength, {}};
     std::memcpy(request.cdb.data(), body, kCdbFieldSize);
 
-    auto operation = std::make_unique<IoOperation>(CallbackTo<&ServerClient::OnTransferComplete>());
+    auto operation =
+        std::make_unique<IoOperation>(CallOwner<&ServerClient::OnTransferComplete>(memory));
     try {
         if (header.messageType == kTransferIn)
             camera->Transfer(operation.get(), &request, nullptr, kTransferInLength);
@@ -75,15 +77,16 @@ bool ServerClient::StartTransfer(const boost::shared_ptr<Device>& camera) {
             operation->callback = DiscardOperation;
             static_cast<void>(operation.release());
         }
+        // Both calls may destroy this session: the first by its write, the second where it is the
+        // main communicator.
+        const boost::shared_ptr<IoMemory> link = memory;
         Server* const owner = server;
-        // If this session is still there then, a write of it is in flight. So what RemoveDevice
-        // may send to it is only queued, and can't fail and remove it.
-        const bool alive = SendTransferFailed();
+        static_cast<void>(SendTransferFailed());
         owner->RemoveDevice(camera);
-        return alive;
+        return link->owner != nullptr ? SessionState::kAlive : SessionState::kGone;
     }
     static_cast<void>(operation.release());  // issued: OnTransferComplete frees it
-    return true;
+    return SessionState::kAlive;
 }
 
 boost::shared_ptr<Device> ServerClient::AttachCamera(std::uint32_t cameraId) {
@@ -102,7 +105,7 @@ boost::shared_ptr<Device> ServerClient::AttachCamera(std::uint32_t cameraId) {
     return attachedCamera;
 }
 
-bool ServerClient::SendTransferFailed() {
+SessionState ServerClient::SendTransferFailed() {
     const MessageHeader& header = memory->header;
     return QueueMessage({kTransferFailed, header.requestId, header.cameraId, 0});
 }
@@ -117,12 +120,17 @@ void ServerClient::OnTransferComplete(IoOperation* operation) {
         static_cast<void>(QueueMessage({kTransferFailed, buffer->requestId, buffer->cameraId, 0}));
         return;
     }
-    // A driver that had no data to return may count the system's record alone.
+    // The driver's count is not trusted: one that had no data to return may count the system's
+    // record alone, and a faulty one may count more than the block holds.
     std::uint32_t length = 0;
-    if (buffer->dataIn != 0 && operation->bytesTransferred > sizeof(PassThroughBuffer))
-        length =
-            operation->bytesTransferred - static_cast<std::uint32_t>(sizeof(PassThroughBuffer));
-    if (!QueueMessage({kTransferSucceeded, buffer->requestId, buffer->cameraId, length}))
+    if (buffer->dataIn != 0 && operation->bytesTransferred > sizeof(PassThroughBuffer)) {
+        constexpr std::uint32_t kMost = kTransferInLength;
+        length = std::min(
+            operation->bytesTransferred - static_cast<std::uint32_t>(sizeof(PassThroughBuffer)),
+            kMost);
+    }
+    if (QueueMessage({kTransferSucceeded, buffer->requestId, buffer->cameraId, length}) ==
+        SessionState::kGone)
         return;
     if (length != 0)
         static_cast<void>(QueueWrite({buffer->Data(), length}));
