@@ -109,8 +109,12 @@ const Step kSteps[] = {
     {"AccessList", [](const TestPort&) { return nullptr; }, 0, true},
     {"SecurityDescriptor",
      [](const TestPort&) {
-         return Hook<&__imp_InitializeSecurityDescriptor>(
-             [](void*, DWORD) { return Fail(ERROR_UNKNOWN_REVISION); });
+         using Initialise = HookedImport<&__imp_InitializeSecurityDescriptor>;
+         // It is initialised all the same, or the next step would fail in its place.
+         return Hook<&__imp_InitializeSecurityDescriptor>([](void* descriptor, DWORD revision) {
+             Initialise::Original(descriptor, revision);
+             return Fail(ERROR_UNKNOWN_REVISION);
+         });
      }},
     {"AccessListOfTheDescriptor",
      [](const TestPort&) {
