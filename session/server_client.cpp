@@ -16,18 +16,8 @@
 
 namespace {
 
-/// Bytes that one ReadFile of a body asks for at most. The system touches every page of a read's
-/// buffer before the read is issued: a client that announced 4 GiB would stop the service for
-/// seconds. Bodies up to this size are read with one call.
-constexpr std::uint64_t kLargestRead = std::uint64_t{1024} * 1024;
-
 bool CallFailed(BOOL result) noexcept {
     return !result && ::GetLastError() != ERROR_IO_PENDING;
-}
-
-bool HasData(HANDLE pipe) noexcept {
-    DWORD available = 0;
-    return ::PeekNamedPipe(pipe, nullptr, 0, nullptr, &available, nullptr) && available != 0;
 }
 
 /// True if the OVERLAPPED shows it. A packet may still come when it does not.
@@ -87,25 +77,21 @@ void ServerClient::DoRead() {
     headerReadOperation.SetIssued();
 }
 
-void ServerClient::ReadBody(std::uint64_t length) {
-    bodyReadLeft = length;
-    ContinueBodyRead();
-}
-
-void ServerClient::ContinueBodyRead() {
-    const auto size = static_cast<DWORD>(std::min(bodyReadLeft, kLargestRead));
-    if (CallFailed(::ReadFile(pipe.get(), memory->body.get() + received, size, nullptr,
+void ServerClient::ReadBody(DWORD length) {
+    if (CallFailed(::ReadFile(pipe.get(), memory->body.get() + received, length, nullptr,
                               &bodyReadOperation.Get()->overlapped)))
         throw WindowsException();
     bodyReadOperation.SetIssued();
 }
 
-void ServerClient::MakeRoomInBody(std::uint64_t length) {
-    if (received + length <= bodyCapacity)
+void ServerClient::MakeRoomInBody(DWORD length) {
+    const std::uint64_t needed = received + length;
+    if (needed <= bodyCapacity)
         return;
-    // And room for twice as much as has been received, so that a body in many small pieces is not
-    // copied with each of them.
-    const std::uint64_t capacity = received + length + 2 * received;
+    // Some more, so that a body in many small pieces is not copied with each of them, but not more
+    // than the last read can need, which is below three body lengths.
+    const std::uint64_t capacity =
+        std::min(needed + 2 * received, 3 * std::uint64_t{memory->header.bodyLength});
     auto larger = std::make_unique_for_overwrite<std::byte[]>(capacity);
     std::memcpy(larger.get(), memory->body.get(), received);
     memory->body = std::move(larger);
@@ -131,7 +117,7 @@ void ServerClient::ReadHeaderComplete(IoOperation* operation) {
     if (memory->header.bodyLength != 0) {
         bodyCapacity = memory->header.bodyLength;
         memory->body = std::make_unique_for_overwrite<std::byte[]>(bodyCapacity);
-        ReadBody(bodyCapacity);
+        ReadBody(memory->header.bodyLength);
         return;
     }
     memory->body.reset();
@@ -146,16 +132,8 @@ void ServerClient::ReadBodyComplete(IoOperation* operation) {
         server->RemoveClient(this);  // this session is gone
         return;
     }
-    const std::uint64_t count = operation->bytesTransferred;
-    received += count;
-    bodyReadLeft -= count;
+    received += operation->bytesTransferred;
     operation->Reset();
-    // A read for more than kLargestRead goes on while there is data for it, so that it takes as
-    // much as one call for all of it would have taken.
-    if (count == kLargestRead && bodyReadLeft != 0 && HasData(pipe.get())) {
-        ContinueBodyRead();
-        return;
-    }
     const std::uint64_t bodyLength = memory->header.bodyLength;
     if (received >= bodyLength) {
         received = 0;
@@ -165,8 +143,8 @@ void ServerClient::ReadBodyComplete(IoOperation* operation) {
     }
     // The next read asks for the whole length and what has been received, not for the rest, and so
     // takes along what a client sends behind a body in pieces. Clients know that they have to wait.
-    constexpr std::uint64_t kMost = std::numeric_limits<DWORD>::max();
-    const std::uint64_t next = std::min(bodyLength + received, kMost);
+    constexpr std::uint64_t kLargestRead = std::numeric_limits<DWORD>::max();
+    const auto next = static_cast<DWORD>(std::min(bodyLength + received, kLargestRead));
     MakeRoomInBody(next);
     ReadBody(next);
 }

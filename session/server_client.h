@@ -62,14 +62,12 @@ private:
 
     void DoRead();
 
-    /// Starts to read up to `length` bytes (at most 4 GiB - 1) into the body, behind those
-    /// received.
-    void ReadBody(std::uint64_t length);
-    void ContinueBodyRead();
+    /// Starts to read up to `length` bytes into the body, behind those received.
+    void ReadBody(DWORD length);
 
     /// Enlarges the body so that a read of `length` bytes fits behind those received.
     /// Throws std::bad_alloc.
-    void MakeRoomInBody(std::uint64_t length);
+    void MakeRoomInBody(DWORD length);
 
     void ReadHeaderComplete(IoOperation* operation);
     void ReadBodyComplete(IoOperation* operation);
@@ -108,7 +106,6 @@ private:
     UniqueHandle pipe;
     std::uint64_t received = 0;      // bytes of the current header or body so far
     std::uint64_t bodyCapacity = 0;  // bytes of memory->body, if there is one
-    std::uint64_t bodyReadLeft = 0;  // bytes that the current read of the body may still take
     std::uint32_t attachedCameraId = kNoCamera;
     boost::shared_ptr<Device> attachedCamera;
 };

@@ -15,8 +15,6 @@
 #include "import_hook.h"
 #include "session_fixture.h"
 
-extern "C" decltype(&::PeekNamedPipe) __imp_PeekNamedPipe;
-
 namespace {
 
 constexpr std::size_t kBlock = vcam::kBlockSize;
@@ -178,21 +176,12 @@ TEST_F(SessionTest, TransferLengthAboveTheLargestSignedNumberFailsBeforeAnyCamer
             // The body's memory is addresses alone: its read says that it is filled, and its
             // packet comes, without a byte of it.
             using Read = HookedImport<&__imp_ReadFile>;
-            std::uint64_t left = bodyLength;
             const Read read(
                 [&](HANDLE file, void* to, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
-                    if (left == 0)
+                    if (size != bodyLength)
                         return Read::Original(file, to, size, done, overlapped);
-                    left -= size;
                     return ::PostQueuedCompletionStatus(port.Get(), size, 1, overlapped);
                 });
-            using Peek = HookedImport<&__imp_PeekNamedPipe>;
-            const Peek peek([&](HANDLE pipe, void* to, DWORD size, DWORD* done, DWORD* available,
-                                DWORD* ofMessage) {
-                const BOOL result = Peek::Original(pipe, to, size, done, available, ofMessage);
-                *available = left != 0 ? 1 : 0;
-                return result;
-            });
             const MessageHeader header{type, ++requests, 12345, bodyLength};
             client->Write(std::as_bytes(std::span(&header, 1)));
             const Message answer = WaitForMessage(*client, ++answers);
