@@ -1,5 +1,5 @@
-// What crash_recorder, which stands in for the crash reporter, tells the test beside whose service
-// it was put.
+// The record that crash_recorder, in place of the crash reporter, sends to the test that put it
+// beside its service.
 #pragma once
 
 #include <windows.h>

@@ -1,4 +1,4 @@
-// Stands in for the crash reporter: tells the test how it was started, and ends.
+// In place of the crash reporter: sends the test a record of how it was started, and ends.
 
 #include "crash_record.h"
 
@@ -24,5 +24,5 @@ int main() {
         ::lstrcpynW(record.localFolder, local, static_cast<int>(std::size(record.localFolder)));
     ::CoTaskMemFree(local);
     record.hasConsole = system_test::HasConsole();
-    return system_test::Tell(system_test::kCrashMailslot, record) ? 0 : 1;
+    return system_test::SendToMailslot(system_test::kCrashMailslot, record) ? 0 : 1;
 }

@@ -121,8 +121,8 @@ public:
             count != sizeof(record))
             throw std::runtime_error("the reporter has not been started");
         const UniqueHandle reporter(::OpenProcess(SYNCHRONIZE, FALSE, record.processId));
-        if (reporter)
-            ::WaitForSingleObject(reporter.get(), INFINITE);
+        if (reporter)  // otherwise it has ended already
+            WaitForProcess(reporter.get(), kCrashDeadline, "the reporter does not end");
         return record;
     }
 

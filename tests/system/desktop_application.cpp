@@ -3,6 +3,7 @@
 #include <chrono>
 #include <stdexcept>
 
+#include <tlhelp32.h>
 #include <wtsapi32.h>
 
 #include "program.h"
@@ -12,10 +13,11 @@ namespace system_test {
 
 namespace {
 
+const std::wstring kRecorderName = L"launch_recorder.exe";
 constexpr wchar_t kKey[] = LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\App Paths\Orvik.exe)";
 
 UniqueHandle MakeMailslot() {
-    // Anybody may write: the program runs as the user at the console, with that user's rights.
+    // Every user may write: the program runs as the user at the console, with that user's rights.
     SECURITY_DESCRIPTOR everybody{};
     ::InitializeSecurityDescriptor(&everybody, SECURITY_DESCRIPTOR_REVISION);
     ::SetSecurityDescriptorDacl(&everybody, TRUE, nullptr, FALSE);
@@ -26,6 +28,22 @@ UniqueHandle MakeMailslot() {
     if (!mailslot)
         throw std::runtime_error("cannot make the mailslot");
     return mailslot;
+}
+
+/// Waits for the end of every process of this program.
+void WaitForProcesses(const std::wstring& fileName) {
+    const UniqueHandle snapshot = OwnFile(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    PROCESSENTRY32W entry{};
+    entry.dwSize = sizeof(entry);
+    for (BOOL more = ::Process32FirstW(snapshot.get(), &entry); more;
+         more = ::Process32NextW(snapshot.get(), &entry)) {
+        if (fileName != entry.szExeFile)
+            continue;
+        const UniqueHandle process(::OpenProcess(SYNCHRONIZE, FALSE, entry.th32ProcessID));
+        if (process &&
+            ::WaitForSingleObject(process.get(), Deadline().MillisecondsLeft()) != WAIT_OBJECT_0)
+            throw std::runtime_error("a started application does not end");
+    }
 }
 
 }  // namespace
@@ -39,7 +57,7 @@ bool MayStartApplication() {
 }
 
 std::wstring RecorderPath() {
-    return TestFolder() + L"\\launch_recorder.exe";
+    return TestFolder() + L'\\' + kRecorderName;
 }
 
 RegisteredApplication::RegisteredApplication(const std::optional<std::wstring>& value) {
@@ -86,7 +104,8 @@ LaunchRecord LaunchReceiver::Receive() {
     return record;
 }
 
-DWORD LaunchReceiver::Waiting() const {
+DWORD LaunchReceiver::Unreceived() const {
+    WaitForProcesses(kRecorderName);
     DWORD count = 0;
     if (!::GetMailslotInfo(mailslot.get(), nullptr, nullptr, &count, nullptr))
         throw std::runtime_error("GetMailslotInfo");

@@ -1,4 +1,4 @@
-// The desktop application's registration, and how a stand-in for it tells of being started.
+// The desktop application's registration, and a test program in its place that reports each start.
 #pragma once
 
 #include <optional>
@@ -15,7 +15,7 @@ namespace system_test {
 /// as the user who runs the tests, and Windows lets only LocalSystem do that.
 bool MayStartApplication();
 
-/// The program that stands in for the desktop application.
+/// The test program that is registered as the desktop application.
 std::wstring RecorderPath();
 
 /// What the registry says of the desktop application while this lives; afterwards it says what it
@@ -37,7 +37,7 @@ private:
     std::optional<std::wstring> previous;
 };
 
-/// The stand-in, registered as the desktop application, and what it tells about its starts.
+/// Registers the test program as the desktop application, and receives a record of each start.
 class LaunchReceiver {
 public:
     explicit LaunchReceiver(const std::optional<std::wstring>& registered = RecorderPath() + L'\0');
@@ -45,8 +45,9 @@ public:
     /// Waits for the next start. Throws std::runtime_error.
     LaunchRecord Receive();
 
-    /// How many have told of their start and have not been received yet.
-    DWORD Waiting() const;
+    /// How many starts have not been received. Waits until every program that has been started by
+    /// now has sent its record and ended.
+    DWORD Unreceived() const;
 
 private:
     UniqueHandle mailslot;

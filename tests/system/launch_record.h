@@ -1,5 +1,5 @@
-// What launch_recorder, which stands in for the desktop application, tells the test that had it
-// registered.
+// The record that launch_recorder sends to the test that has registered it as the desktop
+// application.
 #pragma once
 
 #include <cstddef>

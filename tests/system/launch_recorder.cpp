@@ -1,4 +1,4 @@
-// Stands in for the desktop application: tells the test how it was started, and ends.
+// Registered as the desktop application: sends the test a record of how it was started, and ends.
 
 #include "launch_record.h"
 
@@ -37,5 +37,5 @@ int main(int argc, char* /*argv*/[]) {
     record.argumentCount = static_cast<WORD>(argc);
     ::ProcessIdToSessionId(::GetCurrentProcessId(), &record.sessionId);
     record.hasConsole = system_test::HasConsole();
-    return system_test::Tell(system_test::kLaunchMailslot, record) ? 0 : 1;
+    return system_test::SendToMailslot(system_test::kLaunchMailslot, record) ? 0 : 1;
 }

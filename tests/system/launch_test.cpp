@@ -28,12 +28,13 @@ bool MayLaunch(RunMode mode) {
     return mode == RunMode::kServiceManager || MayStartApplication();
 }
 
-constexpr char kMayNotLaunch[] = "whoever runs the tests may not start programs for the user";
+constexpr char kMayNotLaunch[] =
+    "the user who runs the tests may not start programs for the user at the console";
 
-/// How often the service in the foreground has said that it starts the application.
-std::ptrdiff_t Launches(RunningService& service) {
-    const std::vector<std::string> lines = service.Output().Lines();
-    return std::count(lines.begin(), lines.end(), "Launching application...");
+/// How often the service in the foreground has said that it starts the application, once it has
+/// done so `least` times. All lines before the last one that the test has waited for count.
+std::size_t Launches(RunningService& service, std::size_t least) {
+    return service.Output().WaitFor("Launching application...", least).size();
 }
 
 bool IsSamePath(const std::wstring& a, const std::wstring& b) {
@@ -96,7 +97,7 @@ TEST_F(StartUpLaunchTest, OnlyCamerasAreAReason) {
         client.Leave();
     }
     service.Output().WaitFor("ServerClient shutdown.");  // all lines before it have come too
-    EXPECT_EQ(Launches(service), 2);
+    EXPECT_EQ(Launches(service, 2), 2u);
 }
 
 TEST_F(StartUpLaunchTest, WithoutACameraNothingIsStarted) {
@@ -104,7 +105,7 @@ TEST_F(StartUpLaunchTest, WithoutACameraNothingIsStarted) {
     RunningService service;
     RawClient client;
     service.Output().WaitFor("ServerClient connected.");
-    EXPECT_EQ(Launches(service), 0);
+    EXPECT_EQ(Launches(service, 0), 0u);
 }
 
 TEST_F(StartUpLaunchTest, ApplicationThatCannotBeStartedDisturbsNothing) {
@@ -116,7 +117,8 @@ TEST_F(StartUpLaunchTest, ApplicationThatCannotBeStartedDisturbsNothing) {
 
 // --- where the application is ---
 
-/// A copy of the stand-in where it is looked for when the registry names nothing of use.
+/// A copy of the test program at the fixed path, which counts when the registry has no usable
+/// value.
 class FallbackApplication {
 public:
     FallbackApplication() {
@@ -141,8 +143,8 @@ private:
     bool folderIsNew = false;
 };
 
-/// The stand-in's path as a registry value of so many bytes. Windows starts no program by a path of
-/// 511 characters: what is behind the first null counts for the length alone.
+/// The path of the test program as a registry value of so many bytes. Windows starts no program by
+/// a path of 511 characters, so the text behind the first null only makes the value long.
 std::wstring ValueOfBytes(std::size_t bytes) {
     std::wstring value = RecorderPath();
     value.resize(bytes / sizeof(wchar_t));
@@ -185,11 +187,12 @@ protected:
             GTEST_SKIP() << kMayNotLaunch;
     }
 
-    /// What has been received is all there was: in the foreground the service's own words.
-    void ExpectLaunches(std::ptrdiff_t count) {
-        EXPECT_EQ(launches.Waiting(), 0u);
+    /// The launches that were received are all: no other program has been started, and in the
+    /// foreground the service has said so `count` times.
+    void ExpectLaunches(std::size_t count) {
+        EXPECT_EQ(launches.Unreceived(), 0u);
         if (GetParam() == RunMode::kForeground) {
-            EXPECT_EQ(Launches(service), count);
+            EXPECT_EQ(Launches(service, count), count);
         }
     }
 
@@ -197,7 +200,7 @@ protected:
 };
 ORVIK_IN_BOTH_MODES(LaunchTest);
 
-TEST_P(LaunchTest, EachCameraThatComesWhileNobodyIsConnectedStartsTheApplication) {
+TEST_P(LaunchTest, EachCameraThatComesWhileNoClientIsConnectedStartsTheApplication) {
     std::vector<std::unique_ptr<PluggedCamera>> cameras;
     for (int count = 0; count < 3; ++count) {
         cameras.push_back(std::make_unique<PluggedCamera>(bus));
@@ -324,7 +327,7 @@ TEST_P(DriveLaunchTest, DriveWithoutTheLibraryDoesNot) {
 
 TEST_P(DriveLaunchTest, DriveThatComesBackIsLookedAtAgain) {
     RemovableDrive drive(L'E', RemovableDrive::Kind::kRemovable, {kLibrary, false});
-    for (int times = 1; times <= 3; ++times) {
+    for (std::size_t times = 1; times <= 3; ++times) {
         SomethingComes();
         launches.Receive();
         ExpectLaunches(times);

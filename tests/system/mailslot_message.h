@@ -1,4 +1,4 @@
-// For programs that stand in for others: how they tell the test of their start.
+// For test programs in place of others: how they report their start to the test.
 #pragma once
 
 #include <windows.h>
@@ -14,16 +14,16 @@ inline BOOL HasConsole() {
 
 /// Sends one message to a mailslot. False if that fails.
 template <class Record>
-bool Tell(const wchar_t* mailslot, const Record& record) {
-    // Another one may be telling of its start at this moment: they share the writing.
+bool SendToMailslot(const wchar_t* mailslot, const Record& record) {
+    // Another program may be writing at this moment: they share the mailslot.
     const HANDLE file = ::CreateFileW(mailslot, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                       nullptr, OPEN_EXISTING, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE)
         return false;
     DWORD written = 0;
-    const BOOL told = ::WriteFile(file, &record, sizeof(record), &written, nullptr);
+    const BOOL sent = ::WriteFile(file, &record, sizeof(record), &written, nullptr);
     ::CloseHandle(file);
-    return told != FALSE;
+    return sent != FALSE;
 }
 
 }  // namespace system_test

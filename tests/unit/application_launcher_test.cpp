@@ -1,4 +1,4 @@
-// The start of the desktop application, with the real registry keys and a real program in its
+// The start of the desktop application, with the real registry keys and a test program in its
 // place.
 
 #include <cstdint>
@@ -13,20 +13,13 @@
 #include <windows.h>
 
 #include <dbt.h>
-#include <tlhelp32.h>
-#include <userenv.h>
 #include <wtsapi32.h>
 
 #include "import_hook.h"
 #include "in_process_service.h"
 #include "recording_application.h"
 
-extern "C" {
-extern decltype(&::CloseHandle) __imp_CloseHandle;
-extern decltype(&::CreateEnvironmentBlock) __imp_CreateEnvironmentBlock;
-extern decltype(&::CreateProcessAsUserW) __imp_CreateProcessAsUserW;
-extern decltype(&::WTSQueryUserToken) __imp_WTSQueryUserToken;
-}
+extern "C" decltype(&::CreateProcessAsUserW) __imp_CreateProcessAsUserW;
 
 namespace {
 
@@ -51,7 +44,7 @@ bool HasUserAtTheConsole() {
     return true;
 }
 
-/// The stand-in that has been started: its record's lines.
+/// A start of the test program: the lines of its record.
 struct Started {
     std::wstring module;
     std::wstring commandLine;
@@ -63,7 +56,7 @@ struct Started {
     std::wstring console;
 };
 
-/// The test's end of the stand-ins' pipe. The instance is made before anything is started.
+/// The test's end of the pipe to the test programs. The instance is made before any is started.
 class Recorder {
 public:
     Recorder()
@@ -75,7 +68,8 @@ public:
             throw std::system_error(static_cast<int>(::GetLastError()), std::system_category());
     }
 
-    /// Waits for the next stand-in's record, and lets it end. Empty: none came in time.
+    /// Waits for the record of the next program, lets it end and waits for its end. Empty: none
+    /// came in time.
     std::optional<Started> Next() {
         OVERLAPPED state{};
         state.hEvent = event.get();
@@ -90,11 +84,15 @@ public:
         if (!Finish(state, &size))
             return std::nullopt;
         text.resize(size / sizeof(wchar_t));
+        const UniqueHandle program = Client();
         ::ResetEvent(event.get());
         ::WriteFile(pipe.get(), "x", 1, nullptr, &state);
         Finish(state);
         ::FlushFileBuffers(pipe.get());
         ::DisconnectNamedPipe(pipe.get());
+        // Its file is in use until then.
+        EXPECT_EQ(::WaitForSingleObject(program.get(), Deadline().MillisecondsLeft()),
+                  WAIT_OBJECT_0);
 
         std::vector<std::wstring> lines;
         for (std::size_t at = 0, end; (end = text.find(L'\n', at)) != text.npos; at = end + 1)
@@ -105,9 +103,15 @@ public:
     }
 
 private:
+    UniqueHandle Client() const {
+        ULONG processId = 0;
+        ::GetNamedPipeClientProcessId(pipe.get(), &processId);
+        return UniqueHandle(::OpenProcess(SYNCHRONIZE, FALSE, processId));
+    }
+
     bool Finish(OVERLAPPED& state, DWORD* size = nullptr) {
         DWORD done = 0;
-        if (::WaitForSingleObject(event.get(), 20000) != WAIT_OBJECT_0) {
+        if (::WaitForSingleObject(event.get(), Deadline().MillisecondsLeft()) != WAIT_OBJECT_0) {
             ::CancelIoEx(pipe.get(), &state);
             ::GetOverlappedResult(pipe.get(), &state, &done, TRUE);
             return false;
@@ -152,17 +156,26 @@ private:
     HKEY key = nullptr;
 };
 
-/// Processes of this program's name that run now.
-std::size_t Running(const std::wstring& name) {
-    const UniqueHandle snapshot = OwnFile(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
-    PROCESSENTRY32W entry{};
-    entry.dwSize = sizeof(entry);
-    std::size_t count = 0;
-    for (BOOL more = ::Process32FirstW(snapshot.get(), &entry); more;
-         more = ::Process32NextW(snapshot.get(), &entry))
-        count += name == entry.szExeFile ? 1u : 0u;
-    return count;
-}
+/// The programs that the service asks Windows to start while this lives. Each call goes through.
+class ProcessStarts {
+public:
+    ProcessStarts()
+        : hook([this](auto token, const wchar_t* path, auto... rest) {
+              paths.emplace_back(path);
+              const BOOL started = Hook::Original(token, path, rest...);
+              succeeded += started ? 1u : 0u;
+              return started;
+          }) {}
+
+    std::vector<std::wstring> paths;  ///< asked for, in this order
+    std::size_t succeeded = 0;
+
+private:
+    using Hook = HookedImport<&__imp_CreateProcessAsUserW>;
+    Hook hook;
+};
+
+using Paths = std::vector<std::wstring>;
 
 class LauncherTest : public InProcessService {
 protected:
@@ -186,7 +199,7 @@ protected:
             InProcessService::TearDown();
     }
 
-    /// Makes a copy of the stand-in, which is deleted after the test.
+    /// Makes a copy of the test program, which is deleted after the test.
     void Copy(const std::wstring& target) {
         EXPECT_TRUE(::CopyFileW((ProgramFolder() / L"recording_application.exe").c_str(),
                                 target.c_str(), FALSE))
@@ -196,7 +209,7 @@ protected:
 
     std::wstring Named() const { return (ProgramFolder() / L"orvik_named.exe").wstring(); }
 
-    /// Starts the application by the road of the drive watch; returns what started.
+    /// Starts the application as the drive watch does; the program that has started.
     std::optional<Started> Launch() {
         if (!recorder)
             recorder = std::make_unique<Recorder>();
@@ -221,8 +234,8 @@ protected:
         EXPECT_EQ(fs::path(started->module).filename(), fs::path(path).filename());
     }
 
-    /// Names the stand-in, and is so many bytes long: only what is before the first null is used,
-    /// and Windows starts no program by a path of 511 characters.
+    /// Names the test program, and is so many bytes long: only the text before the first null is
+    /// used, because Windows starts no program by a path of 511 characters.
     std::wstring NamedInBytes(std::size_t size) const {
         std::wstring text = Named() + L'\0';
         text.append(size / 2 - text.size() - 1, L'x');
@@ -298,8 +311,10 @@ TEST_F(LauncherTest, ValueOfExactly1024BytesIsUsedAndALongerOneIsNot) {
     ExpectFallback();
     // One that names nothing is used too: the fixed path is no second try.
     appPath.Set(std::wstring(511, L'x'));
+    const ProcessStarts starts;
     server->LaunchIfNoMainCommunicator();
-    EXPECT_EQ(Running(L"Orvik.exe"), 0u);
+    EXPECT_EQ(starts.paths, Paths{std::wstring(511, L'x')});
+    EXPECT_EQ(starts.succeeded, 0u);
 }
 
 TEST_F(LauncherTest, ValueWithoutItsNullIsUsedToo) {
@@ -318,29 +333,35 @@ TEST_F(LauncherTest, ValueIsReadUpToItsFirstNullAndItsLengthDecidesOnTheFixedPat
     // Not empty by its length, and yet no path: neither is started.
     const wchar_t nothing[] = L"\0x";
     appPath.SetBytes(nothing, sizeof(nothing), REG_BINARY);
+    const ProcessStarts starts;
     server->LaunchIfNoMainCommunicator();
-    EXPECT_EQ(Running(L"Orvik.exe"), 0u);
-    EXPECT_EQ(Running(L"orvik_named.exe"), 0u);
+    EXPECT_EQ(starts.paths, Paths{L""});
+    EXPECT_EQ(starts.succeeded, 0u);
     EXPECT_EQ(output.Error(), "") << "a start that fails is silent";
 }
 
 TEST_F(LauncherTest, StartThatFailsIsSilent) {
     AppPath appPath;
     appPath.Set(LR"(C:\no such folder\nothing.exe)");
+    const ProcessStarts starts;
     server->LaunchIfNoMainCommunicator();
     EXPECT_EQ(output.Out(), kLaunching);
     EXPECT_EQ(output.Error(), "");
-    EXPECT_EQ(Running(L"Orvik.exe"), 0u) << "the fixed path is no second try";
+    EXPECT_EQ(starts.paths, Paths{LR"(C:\no such folder\nothing.exe)"})
+        << "the fixed path is no second try";
+    EXPECT_EQ(starts.succeeded, 0u);
 }
 
 TEST_F(LauncherTest, TwoCamerasArrivingBeforeAnyClientStartItTwice) {
     AppPath appPath;
     appPath.Set(Named());
     recorder = std::make_unique<Recorder>();
+    const ProcessStarts starts;
     for (int count = 0; count < 2; ++count)
         InterfaceEvent(DBT_DEVICEARRIVAL, bus.InterfacePath(Plug()));
     EXPECT_EQ(output.CountOut(kLaunching), 2u);
-    EXPECT_EQ(Running(L"orvik_named.exe"), 2u);
+    EXPECT_EQ(starts.paths, (Paths{Named(), Named()}));
+    EXPECT_EQ(starts.succeeded, 2u);
     EXPECT_TRUE(recorder->Next().has_value());
     EXPECT_TRUE(recorder->Next().has_value());
 }
@@ -351,12 +372,12 @@ TEST_F(LauncherTest, NothingIsStartedWhileAMainCommunicatorIsConnected) {
     auto main = ConnectAndAsk();
     const auto pipe = ConnectAndAsk();
     output.Clear();
+    const ProcessStarts starts;
     server->LaunchIfNoMainCommunicator();
     InterfaceEvent(DBT_DEVICEARRIVAL, bus.InterfacePath(Plug()));
-    EXPECT_EQ(output.CountOut(kLaunching), 0u);
-    EXPECT_EQ(Running(L"orvik_named.exe"), 0u);
     Leave(main);
-    EXPECT_EQ(output.CountOut(kLaunching), 0u) << "its leaving starts nothing";
+    EXPECT_EQ(output.CountOut(kLaunching), 0u) << "neither while it is connected nor as it leaves";
+    EXPECT_EQ(starts.paths, Paths());
     ExpectStarted(Named());  // a camera pipe does not count
 }
 
@@ -372,136 +393,6 @@ TEST_F(LauncherTest, HandlesOfWhatWasStartedAreClosed) {
     for (int count = 0; count < 5; ++count)
         ExpectStarted(Named());
     EXPECT_EQ(lowest(), before) << "handles pile up";
-}
-
-// ---- The calls themselves, with what they would return in hand. Nothing is started.
-
-class LaunchCallsTest : public InProcessService {
-protected:
-    void SetUp() override {
-        InProcessService::SetUp();
-        StartServer();
-        output.Clear();
-    }
-
-    void TearDown() override {
-        calls = std::string();
-        calls.shrink_to_fit();
-        InProcessService::TearDown();
-    }
-
-    /// A camera arrives while nobody is connected; `calls` is then what the launch called.
-    void Arrive() {
-        PostInterfaceEvent(DBT_DEVICEARRIVAL, bus.InterfacePath(Plug()));
-        using Close = HookedImport<&__imp_CloseHandle>;
-        const Close close([this](HANDLE handle) {
-            if (launching)
-                calls += "close " + Name(handle) + "\n";
-            return launching ? TRUE : Close::Original(handle);
-        });
-        const HookedImport<&__imp_WTSQueryUserToken> query([this](ULONG session, HANDLE* result) {
-            EXPECT_EQ(session, ::WTSGetActiveConsoleSessionId());
-            calls += "token\n";
-            launching = hasToken;
-            if (hasToken)
-                *result = kToken;
-            return hasToken ? TRUE : FALSE;
-        });
-        const HookedImport<&__imp_CreateEnvironmentBlock> environment(
-            [this](void** block, HANDLE token, BOOL inherit) {
-                calls += "environment of " + Name(token) + (inherit ? " inherited" : "") + "\n";
-                if (environmentResult == TRUE)
-                    *block = kEnvironment;
-                return environmentResult;
-            });
-        const HookedImport<&__imp_CreateProcessAsUserW> start(
-            [this](HANDLE token, const wchar_t* path, wchar_t* command, SECURITY_ATTRIBUTES* own,
-                   SECURITY_ATTRIBUTES* thread, BOOL inherit, DWORD flags, void* block,
-                   const wchar_t* folder, STARTUPINFOW* startup, PROCESS_INFORMATION* process) {
-                calls += "start as " + Name(token) + "\n";
-                EXPECT_STREQ(path, kFallback);
-                EXPECT_EQ(command, nullptr);
-                EXPECT_EQ(own, nullptr);
-                EXPECT_EQ(thread, nullptr);
-                EXPECT_EQ(inherit, FALSE);
-                EXPECT_EQ(flags, 0x408u);
-                EXPECT_EQ(block, kEnvironment);
-                EXPECT_EQ(folder, nullptr);
-                ExpectAsAgreed(*startup);
-                EXPECT_EQ(process->hProcess, nullptr);
-                EXPECT_EQ(process->hThread, nullptr);
-                process->hProcess = kProcess;
-                process->hThread = kThread;
-                return TRUE;
-            });
-        port.DispatchOne();
-        launching = false;
-    }
-
-    static void ExpectAsAgreed(const STARTUPINFOW& startup) {
-        EXPECT_EQ(startup.cb, 104u);
-        EXPECT_STREQ(startup.lpDesktop, LR"(winsta0\default)");
-        EXPECT_EQ(startup.dwFlags, 0x41u);
-        EXPECT_EQ(startup.wShowWindow, 1u);
-        EXPECT_EQ(startup.lpReserved, nullptr);
-        EXPECT_EQ(startup.lpTitle, nullptr);
-        EXPECT_EQ(startup.dwX | startup.dwY | startup.dwXSize | startup.dwYSize, 0u);
-        EXPECT_EQ(startup.dwXCountChars | startup.dwYCountChars | startup.dwFillAttribute, 0u);
-        EXPECT_EQ(startup.cbReserved2, 0u);
-        EXPECT_EQ(startup.lpReserved2, nullptr);
-        EXPECT_EQ(startup.hStdInput, nullptr);
-        EXPECT_EQ(startup.hStdOutput, nullptr);
-        EXPECT_EQ(startup.hStdError, nullptr);
-    }
-
-    static std::string Name(HANDLE handle) {
-        return handle == kToken     ? "token"
-               : handle == kProcess ? "process"
-               : handle == kThread  ? "thread"
-               : handle == nullptr  ? "null"
-                                    : "another";
-    }
-
-    static inline const HANDLE kToken = reinterpret_cast<HANDLE>(0x101);
-    static inline const HANDLE kProcess = reinterpret_cast<HANDLE>(0x102);
-    static inline const HANDLE kThread = reinterpret_cast<HANDLE>(0x103);
-    static inline void* const kEnvironment = reinterpret_cast<void*>(0x104);
-
-    bool hasToken = true;
-    BOOL environmentResult = TRUE;
-    bool launching = false;  // between the token and the end of the launch
-    std::string calls;
-};
-
-TEST_F(LaunchCallsTest, StartsTheFixedPathWithTheAgreedArgumentsAndClosesItsHandles) {
-    Arrive();
-    EXPECT_EQ(calls,
-              "token\nenvironment of token\nstart as token\n"
-              "close token\nclose process\nclose thread\n");
-    EXPECT_EQ(output.Out(), kLaunching);
-    EXPECT_EQ(output.Error(), "");
-}
-
-TEST_F(LaunchCallsTest, WithoutAUsersTokenOneLineSaysSoAndTheCameraIsRecorded) {
-    hasToken = false;
-    Arrive();
-    EXPECT_EQ(calls, "token\n") << "nothing is started or closed";
-    EXPECT_EQ(output.Out(), "");
-    EXPECT_EQ(output.Error(), "Failed to get user token to launch application.\n");
-    EXPECT_TRUE(server->FindDevice(kFirstCamera));
-}
-
-TEST_F(LaunchCallsTest, WithoutAnEnvironmentOneLineSaysSoAndNothingIsStarted) {
-    for (const BOOL result : {FALSE, 2}) {  // exactly TRUE is success
-        SCOPED_TRACE(result);
-        output.Clear();
-        calls.clear();
-        environmentResult = result;
-        Arrive();
-        EXPECT_EQ(calls, "token\nenvironment of token\nclose token\nclose null\nclose null\n");
-        EXPECT_EQ(output.Out(), kLaunching);
-        EXPECT_EQ(output.Error(), "Failed to get User Environment for App launch.\n");
-    }
 }
 
 }  // namespace
