@@ -5,11 +5,11 @@
 
 #include "client/connection.h"
 #include "client/deadline.h"
-#include "device/transfer_request.h"
+#include "protocol/message.h"
 
 namespace orvik {
 
-// What the public header says, it says without the service's headers.
+// The public header repeats these, because it includes none of the service's headers.
 static_assert(kCdbLimit == kCdbLength);
 static_assert(kTransferInLimit == kTransferInLength);
 static_assert(kTransferOutLimit == std::numeric_limits<std::int32_t>::max());
@@ -21,27 +21,27 @@ Subscription::~Subscription() {
 Subscription& Subscription::operator=(Subscription&& other) noexcept {
     if (this != &other) {
         End();
-        state = std::move(other.state);
+        handler = std::move(other.handler);
     }
     return *this;
 }
 
 void Subscription::End() noexcept {
-    state.reset();
+    handler.reset();
 }
 
 Client::Client(const ConnectOptions& options) : connection(std::make_shared<Connection>(options)) {
     try {
         connection->StartThread();
     } catch (const Error&) {
-        connection->Leave();
+        connection->Disconnect();
         throw;
     }
 }
 
 Client::~Client() {
     if (connection)
-        connection->Leave();
+        connection->Disconnect();
 }
 
 Client::Client(Client&& other) noexcept = default;
@@ -62,10 +62,10 @@ void Client::RoundTrip(std::chrono::milliseconds timeout) {
 
 Subscription Client::Subscribe(EventHandler handler) {
     if (!handler)
-        throw Error(ErrorKind::kBadArgument, "there is nobody to tell of events");
+        throw Error(ErrorKind::kBadArgument, "handler must be a function; it is empty");
     Subscription subscription;
-    subscription.state = std::make_shared<Subscription::State>(std::move(handler));
-    connection->Subscribe(subscription.state);
+    subscription.handler = std::make_shared<const EventHandler>(std::move(handler));
+    connection->Subscribe(subscription.handler);
     return subscription;
 }
 

@@ -1,10 +1,12 @@
 #include "client/connecting.h"
 
 #include <algorithm>
-#include <utility>
 
 #include <windows.h>
 
+#include "client/clean_disconnect.h"
+#include "client/pipe_instance.h"
+#include "orvik/client.h"
 #include "protocol/message.h"
 #include "windows/unique_service_handle.h"
 
@@ -12,23 +14,23 @@ namespace orvik {
 
 namespace {
 
-/// Where nothing can be waited for.
-constexpr DWORD kMillisecondsBetweenLooks = 10;
+/// Between two attempts to open a pipe that does not exist yet.
+constexpr DWORD kMillisecondsBetweenAttempts = 10;
 
 /// Throws the error of the call that has just failed.
-[[noreturn]] void Fail(const char* text) {
+[[noreturn]] void ThrowLastError(const char* text) {
     const DWORD code = ::GetLastError();
     throw Error(code == ERROR_ACCESS_DENIED ? ErrorKind::kAccessDenied : ErrorKind::kSystem, text,
                 code);
 }
 
-/// What the service control manager says of the service. Asks for no right that an ordinary user
+/// What the service control manager knows about the service. Needs no right that an ordinary user
 /// lacks. Throws Error kAccessDenied and kSystem.
 struct ServiceState {
     ServiceState() {
         const UniqueServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
         if (!manager)
-            Fail("cannot ask the service control manager");
+            ThrowLastError("cannot connect to the service control manager");
         const UniqueServiceHandle service(
             ::OpenServiceW(manager.get(), kServiceName, SERVICE_QUERY_STATUS));
         if (!service && ::GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST)
@@ -38,7 +40,7 @@ struct ServiceState {
         if (!service ||
             !::QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO,
                                     reinterpret_cast<BYTE*>(&status), sizeof(status), &needed))
-            Fail("cannot ask the service control manager for the service");
+            ThrowLastError("cannot query the state of the service OrvikService");
         installed = true;
         state = status.dwCurrentState;
         if (state != SERVICE_STOPPED)
@@ -50,25 +52,11 @@ struct ServiceState {
     DWORD processId = 0;  // 0: none
 };
 
-/// Empty if it fails; then GetLastError() says why.
-UniqueHandle OpenPipe(const std::wstring& name) noexcept {
-    // The service may learn who its client is, but not act in the client's name.
-    return OwnFile(::CreateFileW(
-        name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-        FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
-}
-
-/// Waits until an instance may be free. Whatever comes of it, the next attempt tells: another
-/// client may be faster, the service may end.
-bool WaitForInstance(const std::wstring& name, const Deadline& deadline) noexcept {
-    // 0 would mean the pipe's own default.
-    return ::WaitNamedPipeW(name.c_str(), std::max<DWORD>(deadline.Left(), 1)) != FALSE;
-}
-
-/// There is no pipe: throws unless it is to be expected, then it waits a little.
-void WaitForPipe(const ConnectOptions& options, const Deadline& deadline, DWORD code) {
-    if (!options.checkServer)
-        throw Error(ErrorKind::kStopped, "the service is not running, its pipe is not there", code);
+/// Called when the pipe does not exist: waits a little if it may exist soon, else throws.
+void WaitForPipe(bool checkServer, const Deadline& deadline, DWORD code) {
+    if (!checkServer)
+        throw Error(ErrorKind::kStopped, "the service is not running: its pipe does not exist",
+                    code);
     const ServiceState service;
     if (!service.installed)
         throw Error(ErrorKind::kNotInstalled, "the service OrvikService is not installed",
@@ -82,18 +70,18 @@ void WaitForPipe(const ConnectOptions& options, const Deadline& deadline, DWORD 
     if (deadline.Passed())
         throw Error(starting ? ErrorKind::kStarting : ErrorKind::kBusy,
                     starting ? "the service is still starting"
-                             : "the service is running, but its pipe is not there",
+                             : "the service is running, but its pipe does not exist",
                     code);
-    // Nothing tells when a pipe is made. Of a service's state NotifyServiceStatusChange tells, but
-    // in an alertable wait, which would call what the caller has queued to its thread as well.
-    ::Sleep(std::min(kMillisecondsBetweenLooks, deadline.Left()));
+    // No event reports that a pipe is created. NotifyServiceStatusChange reports a service's state,
+    // but needs an alertable wait, which would also run what the caller has queued to its thread.
+    ::Sleep(std::min(kMillisecondsBetweenAttempts, deadline.Left()));
 }
 
 /// Throws kWrongServer, and what ServiceState throws.
 void RequireService(HANDLE pipe) {
     ULONG server = 0;
     if (!::GetNamedPipeServerProcessId(pipe, &server))
-        Fail("cannot ask which process serves the camera pipe");
+        ThrowLastError("cannot find out which process serves the camera pipe");
     const ServiceState service;
     if (service.processId != 0 && server == service.processId)
         return;
@@ -108,15 +96,15 @@ void RequireService(HANDLE pipe) {
     throw Error(ErrorKind::kWrongServer, text);
 }
 
-/// Throws as RequireService() does. False if the server has gone meanwhile.
-bool IsServedByService(HANDLE pipe, const std::wstring& name) {
+/// Throws as RequireService() does. False if the server has closed the pipe meanwhile.
+bool IsServedByService(HANDLE pipe, const std::wstring& pipeName) {
     try {
         RequireService(pipe);
         return true;
     } catch (const Error&) {
-        // It may be a service all the same, whose run would end if this left at once.
-        const OneMoreConnection other(name, Deadline(kLeaveTimeout));
-        // A service that has reported its end serves its pipe a moment longer.
+        // The server may be the service all the same, for example in a console.
+        const SecondConnection second(pipeName, Deadline(kDisconnectTimeout));
+        // A service that has reported SERVICE_STOPPED serves its pipe a moment longer.
         if (::PeekNamedPipe(pipe, nullptr, 0, nullptr, nullptr, nullptr))
             throw;
         return false;
@@ -125,42 +113,35 @@ bool IsServedByService(HANDLE pipe, const std::wstring& name) {
 
 }  // namespace
 
-UniqueHandle ConnectToService(const ConnectOptions& options, const Deadline& deadline) {
+UniqueHandle ConnectToService(const std::wstring& pipeName, bool checkServer,
+                              const Deadline& deadline) {
     while (true) {
-        UniqueHandle pipe = OpenPipe(options.pipe);
+        UniqueHandle pipe = OpenPipeInstance(pipeName);
         DWORD code = ::GetLastError();
         if (pipe) {
-            if (!options.checkServer || IsServedByService(pipe.get(), options.pipe))
+            if (!checkServer || IsServedByService(pipe.get(), pipeName))
                 return pipe;
             code = ERROR_BROKEN_PIPE;
         }
         switch (code) {
             case ERROR_PIPE_BUSY:
                 if (deadline.Passed())
-                    throw Error(ErrorKind::kBusy, "the service is busy and took no new connection",
+                    throw Error(ErrorKind::kBusy,
+                                "the service is busy: no instance of its pipe was free in time",
                                 code);
-                WaitForInstance(options.pipe, deadline);
+                WaitForPipeInstance(pipeName, deadline);
                 break;
             case ERROR_FILE_NOT_FOUND:
             case ERROR_BROKEN_PIPE:
-                WaitForPipe(options, deadline, code);
+                WaitForPipe(checkServer, deadline, code);
                 break;
             case ERROR_ACCESS_DENIED:
-                throw Error(ErrorKind::kAccessDenied, "this user may not connect to the service",
+                throw Error(ErrorKind::kAccessDenied, "this user may not open the service's pipe",
                             code);
             default:
-                throw Error(ErrorKind::kSystem, "cannot connect to the service", code);
+                throw Error(ErrorKind::kSystem, "cannot open the service's pipe", code);
         }
     }
-}
-
-OneMoreConnection::OneMoreConnection(const std::wstring& name, const Deadline& deadline) {
-    while (!(pipe = OpenPipe(name))) {
-        if (::GetLastError() != ERROR_PIPE_BUSY || deadline.Passed())
-            return;
-        WaitForInstance(name, deadline);
-    }
-    nextIsWaiting = WaitForInstance(name, deadline);
 }
 
 }  // namespace orvik

@@ -1,55 +1,36 @@
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-#include <deque>
-#include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
+#include <windows.h>
+
+#include "client/callback_thread.h"
+#include "client/camera_list.h"
+#include "client/clean_disconnect.h"
 #include "client/deadline.h"
 #include "client/message_reader.h"
+#include "client/outstanding_requests.h"
 #include "client/pipe_stream.h"
-#include "device/transfer_request.h"
 #include "orvik/client.h"
 #include "windows/unique_handle.h"
 
 namespace orvik {
 
-struct Subscription::State {
-    explicit State(EventHandler newHandler) : handler(std::move(newHandler)) {}
-
-    const EventHandler handler;
-};
-
-/// What a Client shares with its thread: the pipe, what has been asked and not been answered, the
-/// cameras announced, and what is still to be delivered.
+/// Everything that a Client shares with its thread: the pipe, and the state that the messages on it
+/// change.
 ///
-/// Nobody has the reading for a job: whoever waits for something waits for the pipe, and takes in
-/// what has come, also for the others. So a synchronous call has no thread to wait for but itself,
-/// and it doesn't matter who is in a handler. The client's thread waits for the pipe when nobody
-/// else does.
+/// No thread is dedicated to reading. Whichever thread waits for an answer reads the pipe, and
+/// handles every message that arrives, also those for other threads. So a synchronous call depends
+/// on no other thread, and works while a handler runs. When no synchronous call waits, the client's
+/// thread reads the pipe.
 ///
-/// The service ends its run if its next read of a header meets a client that has left. It starts
-/// that read right after it has handled a request. So a client must not leave before this has
-/// happened, which it can't see. What it can see:
-///
-/// - kTransferSucceeded always comes from a later turn of the service's only thread than the one
-///   that read the request. So when the newest request succeeded, the next read is pending.
-/// - kTransferFailed may be written within the turn that read the request, before the next read.
-///   Here another connection helps. The service has one instance waiting for a client at any time,
-///   and opens the next only in a later turn, after it has started to read from the client that
-///   took the last one. So when this client takes an instance and then sees another one waiting,
-///   that later turn has come, and both its connections can be closed.
-///
-/// Thread: any.
+/// Thread: any; one lock protects everything. A thread that reads much releases it now and then,
+/// so that the others keep their deadlines.
 class Client::Connection : public std::enable_shared_from_this<Client::Connection> {
 public:
     /// Connects. Throws as Client's constructor does.
@@ -61,12 +42,13 @@ public:
     /// Starts the client's thread, which shares the ownership. Once. Throws Error kSystem.
     void StartThread();
 
-    /// What ~Client() says. Once.
-    void Leave() noexcept;
+    /// Does what ~Client() documents. Once; nothing else may be called afterwards.
+    void Disconnect() noexcept;
 
+    // The same as Client's.
     std::vector<CameraId> Cameras();
     void RoundTrip(const Deadline& deadline);
-    void Subscribe(const std::shared_ptr<Subscription::State>& subscriber);
+    void Subscribe(const Subscriber& subscriber);
     std::vector<std::byte> Transfer(TransferType type, CameraId camera,
                                     std::span<const std::byte> cdb, std::span<const std::byte> data,
                                     const Deadline& deadline);
@@ -75,95 +57,44 @@ public:
     bool Cancel(RequestId id);
 
 private:
-    using Lock = std::unique_lock<std::mutex>;
+    using Lock = CallbackThread::Lock;
 
-    /// What one call has to itself while it waits.
+    /// The events of one call. They are kept for later calls.
     struct CallEvents {
         UniqueHandle written;
         UniqueHandle answered;  // by another thread
     };
+    CallEvents TakeEvents();
 
-    /// A call that waits for the answer to its request.
-    struct Waiter {
-        std::thread::id thread;
-        HANDLE answered;
-        std::optional<TransferResult> result{};
-    };
-
-    /// With neither a waiter nor a completion its answer is dropped.
-    struct Request {
-        TransferType type;
-        CameraId camera;
-        bool roundTrip = false;    // asks for nothing and so is always refused
-        Waiter* waiter = nullptr;  // not owned; in its call
-        Completion completion{};
-    };
-
-    /// A call that the client's thread is to make: of a completion, or else of a subscriber.
-    struct Delivery {
-        Completion completion{};
-        TransferResult result{};
-        std::weak_ptr<Subscription::State> subscriber{};
-        Event event{};
-    };
-
-    /// Whether the client's thread is to be woken, and for what.
-    enum class ThreadWaits {
-        kNot,         // it looks for deliveries, and for all below, before it waits again
-        kForThePipe,  // for deliveries, and for the pipe
-        kForALittle,  // for deliveries, until a little time has passed
-        kUntilWoken,  // for deliveries, or that no synchronous call waits any more
-    };
-
-    // All but those two are called with the lock held.
+    // All but this one are called with the lock held.
     void RunThread() noexcept;
-    static void Deliver(Delivery delivery);
-    void WaitForDeliveries(Lock& lock);
-    void WakeThread();
 
     void RequireOpen() const;
     void RequireCamera(Lock& lock, CameraId camera, const Deadline& deadline);
     RequestId Send(Lock& lock, Request request, std::span<std::byte> message, HANDLE written,
                    const Deadline& deadline);
-    TransferResult Ask(Lock& lock, Request request, std::span<std::byte> message,
-                       const Deadline& deadline);
-    void Wait(Lock& lock, HANDLE event, DWORD milliseconds, bool forPipe);
+    TransferResult SendAndWait(Lock& lock, Request request, std::span<std::byte> message,
+                               const Deadline& deadline);
     void RoundTrip(Lock& lock, const Deadline& deadline);
-    void WaitUntilServiceReads(Lock& lock, const Deadline& deadline);
 
-    bool TakeInWhatHasCome();
-    bool ReadAllSent(Lock& lock, const Deadline& deadline);
-    void TakeIn(Message message);
-    void TakeInAnswer(Message message);
-    void End(Request& request, TransferResult result);
-    void TellSubscribers(const Event& event);
-    void Queue(Delivery delivery);
+    void Wait(Lock& lock, HANDLE event, DWORD milliseconds, bool forPipe);
+    bool ReadAvailable();
+    bool ReadAllAvailable(Lock& lock, const Deadline& deadline);
+    void Handle(Message message);
     void Close(const Error& error);
 
-    CallEvents TakeEvents();
-
     const std::wstring pipeName;
-    const UniqueHandle readEvent;   // of `stream`
-    const UniqueHandle wakeThread;  // there is something to deliver, or the client leaves
-    std::thread thread;             // the client's
+    const UniqueHandle readEvent;  // of `stream`
 
-    std::mutex mutex;                       // of all below
-    MessageReader reader;                   // before `stream`, which may be reading into it
-    std::optional<PipeStream> stream;       // none once an error has closed it
-    std::optional<Error> closedBy;          // that error
-    std::vector<CameraId> cameras;          // in the order announced
-    std::map<RequestId, Request> requests;  // until they are answered
-    RequestId newestRequest = 0;
-    bool serviceReads = false;  // surely its next read is pending
+    std::mutex mutex;                  // of everything below
+    MessageReader reader;              // before `stream`, whose pending read writes into it
+    std::optional<PipeStream> stream;  // none once an error has closed it
+    std::optional<Error> closedBy;     // that error
+    CallbackThread callbacks;
+    CameraList cameras{callbacks};
+    OutstandingRequests requests{callbacks};
+    DisconnectEvidence disconnectEvidence;
     std::vector<CallEvents> spareEvents;
-    std::vector<std::weak_ptr<Subscription::State>> subscribers;
-    std::deque<Delivery> deliveries;
-    ThreadWaits threadWaits = ThreadWaits::kNot;
-    std::size_t callers = 0;      // synchronous calls that wait for an answer
-    std::uint64_t calls = 0;      // that have waited for one, and do
-    std::uint64_t callsSeen = 0;  // by the client's thread
-    bool delivering = false;
-    bool left = false;
 };
 
 }  // namespace orvik

@@ -7,13 +7,14 @@
 
 namespace orvik {
 
-/// The time by which a call has to be done.
+/// The time by which a call must return.
 class Deadline {
 public:
     explicit Deadline(std::chrono::milliseconds fromNow) noexcept
         : end(Clock::now() + std::clamp(fromNow, std::chrono::milliseconds(0), kLongest)) {}
 
-    /// What is left in milliseconds, for the waiting functions of Windows; 0 when it has passed.
+    /// The milliseconds until then, as the wait functions of Windows take them; 0 when it has
+    /// passed.
     DWORD Left() const noexcept {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
         return left.count() > 0 ? static_cast<DWORD>(left.count()) : 0;

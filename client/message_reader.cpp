@@ -10,25 +10,26 @@ namespace orvik {
 namespace {
 
 void CheckHeader(const MessageHeader& header) {
-    bool sensible = false;
+    bool valid = false;
     switch (header.messageType) {
         case kTransferSucceeded:
-            sensible = header.bodyLength <= kTransferInLimit;
+            valid = header.bodyLength <= kTransferInLimit;
             break;
         case kTransferFailed:
-            sensible = header.bodyLength == 0;
+            valid = header.bodyLength == 0;
             break;
         case kCameraAttached:
         case kCameraDetached:
-            sensible = header.bodyLength == 0 && header.requestId == kNotificationId;
+            valid = header.bodyLength == 0 && header.requestId == kNotificationId;
             break;
         default:
             break;
     }
-    if (!sensible)
-        throw Error(ErrorKind::kBadAnswer, "the service sent a message that makes no sense, type " +
+    if (!valid)
+        throw Error(ErrorKind::kBadAnswer, "the service sent an invalid message of type " +
                                                std::to_string(header.messageType) + " with " +
-                                               std::to_string(header.bodyLength) + " bytes");
+                                               std::to_string(header.bodyLength) +
+                                               " bytes of body");
 }
 
 }  // namespace

@@ -9,28 +9,29 @@
 
 namespace orvik {
 
-/// One message of the service.
+/// One message from the service.
 struct Message {
     MessageHeader header;
     std::vector<std::byte> body;
 };
 
-/// Cuts the stream from the service into messages. Trusts nothing of it, and calls nothing of
-/// Windows.
+/// Splits the bytes from the service into messages, and checks each header. Calls no Windows
+/// function.
 ///
-/// Thread: one at a time. After an exception the place in the stream is lost.
+/// Thread: one at a time. After an exception it cannot find the next message, so it must not be
+/// used any more.
 class MessageReader {
 public:
-    /// Where the next bytes of the stream go: never empty, and never beyond the message that is
-    /// being read. Valid until the next call of Received().
+    /// Where the next bytes from the service go: never empty, and never beyond the end of the
+    /// current message. Valid until the next call of Received().
     std::span<std::byte> Target() noexcept;
 
-    /// Takes the first `count` bytes of Target(). The message, if that makes it whole: checked as
-    /// far as that goes without knowing what was asked.
+    /// Reports that the first `count` bytes of Target() have been filled. Returns the message if
+    /// that completes it.
     /// Throws Error kBadAnswer for a header that the service would never send.
     std::optional<Message> Received(std::size_t count);
 
-    /// Whether a part of a message has come.
+    /// Whether a part of a message has been received.
     bool InTheMiddle() const noexcept { return headerComplete || received != 0; }
 
 private:

@@ -17,13 +17,6 @@ namespace {
 
 }  // namespace
 
-UniqueHandle MakeEvent(bool manualReset) {
-    UniqueHandle event(::CreateEventW(nullptr, manualReset, FALSE, nullptr));
-    if (!event)
-        throw Error(ErrorKind::kSystem, "cannot create an event", ::GetLastError());
-    return event;
-}
-
 PipeStream::PipeStream(UniqueHandle opened, HANDLE readEvent)
     : pipe(opened.release(), HandleCloser()) {
     reading.hEvent = readEvent;
@@ -31,7 +24,8 @@ PipeStream::PipeStream(UniqueHandle opened, HANDLE readEvent)
 
 PipeStream::~PipeStream() {
     ::CancelIoEx(pipe.get(), nullptr);
-    // Not with GetOverlappedResult alone: it would believe an event that is signalled too early.
+    // Not GetOverlappedResult alone: it returns when the event is signalled, which may be too
+    // early.
     while (readIssued && !HasOverlappedIoCompleted(&reading))
         ::WaitForSingleObject(reading.hEvent, INFINITE);
 }
@@ -52,12 +46,12 @@ std::optional<std::size_t> PipeStream::Read(std::span<std::byte> target) {
         if (code == ERROR_IO_INCOMPLETE)
             return std::nullopt;
         readIssued = false;
-        // The system cancels a read when the thread that has started it ends.
+        // The system cancels a read when the thread that started it ends. Then it is started again.
         if (code != ERROR_SUCCESS && code != ERROR_OPERATION_ABORTED)
             ThrowPipeError("cannot read from the service", code);
         if (count != 0)
             return count;
-        // Or the other end has written no bytes, which says nothing.
+        // 0 bytes: the other end has written none, which says nothing.
     }
 }
 
@@ -76,13 +70,13 @@ void PipeWrite::Finish(const Deadline& deadline) {
     const bool inTime = ::WaitForSingleObject(writing.hEvent, deadline.Left()) == WAIT_OBJECT_0;
     if (!inTime)
         ::CancelIoEx(pipe.get(), &writing);
-    // Cancelled or not, it is over only now; until then the system uses the bytes.
+    // Also when cancelled: until the write has ended, the system uses the bytes.
     DWORD count = 0;
     if (::GetOverlappedResult(pipe.get(), &writing, &count, TRUE))
         return;
     const DWORD code = ::GetLastError();
     if (!inTime && code == ERROR_OPERATION_ABORTED)
-        throw Error(ErrorKind::kTimedOut, "the service did not take the request in time");
+        throw Error(ErrorKind::kTimedOut, "the service did not read the request in time");
     ThrowPipeError("cannot write to the service", code);
 }
 

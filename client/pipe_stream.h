@@ -12,40 +12,39 @@
 
 namespace orvik {
 
-/// An event of Windows. Throws Error kSystem.
-UniqueHandle MakeEvent(bool manualReset);
-
 /// The client's end of the pipe. Its calls throw Error: kServiceGone when the other end is closed,
-/// kSystem for what else goes wrong.
+/// kSystem for every other failure.
 ///
-/// Thread: any, one at a time, but for the wait in PipeWrite::Finish().
+/// Thread: any, one at a time. PipeWrite::Finish() may wait beside other calls.
 class PipeStream {
 public:
     /// Takes over a pipe that was opened for overlapped use. `readEvent` has a manual reset, and is
-    /// not owned. It is signalled when Read() has something to return, and possibly when not: who
-    /// has waited for it, and then has nothing from Read(), resets it, and calls Read() once more
-    /// before waiting again.
+    /// not owned. It is signalled when Read() has something to return, but possibly earlier too. A
+    /// caller that waited for it and then gets nothing from Read() resets it, and calls Read() once
+    /// more before the next wait.
     PipeStream(UniqueHandle opened, HANDLE readEvent);
 
-    /// Cancels what is under way, and waits until the system has let go of the read's target.
+    /// Cancels the reads and writes in progress, and waits until the system no longer uses the
+    /// read's target.
     ~PipeStream();
 
     PipeStream(const PipeStream&) = delete;
     PipeStream& operator=(const PipeStream&) = delete;
 
-    /// Never waits. How many bytes have come into `target`, at least one; empty: none yet, the read
-    /// is under way. Until it has come, `target` stays alive and each call names it.
+    /// Reads into `target`, and returns the number of bytes, at least one. Never waits: if there is
+    /// nothing to read yet, it leaves the read pending and returns nothing. While a read is
+    /// pending, `target` must stay alive, and each call must name the same one.
     std::optional<std::size_t> Read(std::span<std::byte> target);
 
 private:
     friend class PipeWrite;
 
-    std::shared_ptr<void> pipe;  // shared with the writes under way
+    std::shared_ptr<void> pipe;  // shared with the writes in progress
     OVERLAPPED reading{};
     bool readIssued = false;
 };
 
-/// One write. Any number can be under way, and their bytes leave in the order of Start().
+/// One write. Any number can be in progress; their bytes are sent in the order of Start().
 class PipeWrite {
 public:
     /// `event` is needed until Finish() has returned.
@@ -54,19 +53,19 @@ public:
     PipeWrite(const PipeWrite&) = delete;
     PipeWrite& operator=(const PipeWrite&) = delete;
 
-    /// Hands all of `bytes` to the system, with one WriteFile. Never waits. Unless it throws,
-    /// Finish() must be called, and `bytes` stay alive until it has returned.
+    /// Starts to write all of `bytes`, with one WriteFile. Never waits. Unless it throws, Finish()
+    /// must be called, and `bytes` must stay alive until Finish() has returned.
     void Start(const PipeStream& stream, std::span<const std::byte> bytes);
 
     /// Whether Finish() would have to wait.
     bool Pending() const noexcept { return pipe != nullptr; }
 
-    /// Waits until they have left. The stream may be gone by then.
-    /// Throws kTimedOut too; then any part of them may have left.
+    /// Waits for the end of the write. The stream may have been destroyed by then.
+    /// Throws kTimedOut too; then any part of the bytes may have been sent.
     void Finish(const Deadline& deadline);
 
 private:
-    std::shared_ptr<void> pipe;  // empty: done at once
+    std::shared_ptr<void> pipe;  // empty: written at once
     OVERLAPPED writing{};
 };
 

@@ -5,8 +5,8 @@
 
 namespace orvik {
 
-/// The next identifier behind `newest` that is not among the keys of `taken`, which are those of
-/// requests without an answer.
+/// The first identifier after `newest` that is neither kNotificationId nor a key of `taken`, the
+/// requests that are outstanding.
 template <typename Taken>
 RequestId NextRequestId(RequestId newest, const Taken& taken) {
     do {

@@ -1,4 +1,4 @@
-// Commands and data formats of SCSI. What a camera sends is checked here; no call of Windows.
+// SCSI commands, and checks of the data that a camera returns. Calls no Windows function.
 
 #include "orvik/client.h"
 
@@ -26,16 +26,17 @@ std::array<std::byte, sizeof...(Values)> Bytes(Values... values) noexcept {
 std::array<std::byte, 6> BlocksCdb(std::uint8_t operation, const std::string& name,
                                    std::uint32_t first, std::uint32_t count) {
     if (count == 0 || count > kRead6CountLimit)
-        throw Error(ErrorKind::kBadArgument, name + " takes 1 to " +
-                                                 std::to_string(kRead6CountLimit) +
-                                                 " blocks, not " + std::to_string(count));
+        throw Error(ErrorKind::kBadArgument, name + ": count must be from 1 to " +
+                                                 std::to_string(kRead6CountLimit) + "; it is " +
+                                                 std::to_string(count));
     if (first >= kRead6BlockLimit || count > kRead6BlockLimit - first)
-        throw Error(ErrorKind::kBadArgument, name + " reaches only the first " +
-                                                 std::to_string(kRead6BlockLimit) + " blocks");
+        throw Error(ErrorKind::kBadArgument,
+                    name + ": first + count must be at most " + std::to_string(kRead6BlockLimit) +
+                        "; first is " + std::to_string(first) + ", count " + std::to_string(count));
     return Bytes(operation, first >> 16, first >> 8 & 0xFF, first & 0xFF, count, 0);
 }
 
-/// A fixed field that is padded with spaces, by some devices with zeros.
+/// The text of a fixed field, which is padded with spaces, by some devices with zeros.
 std::string TextField(std::span<const std::byte> field) {
     std::string text;
     for (const std::byte value : field)
@@ -55,9 +56,9 @@ std::uint32_t BigEndian(std::span<const std::byte, 4> bytes) noexcept {
 
 void RequireLength(std::span<const std::byte> data, std::size_t least, const std::string& what) {
     if (data.size() < least)
-        throw Error(ErrorKind::kBadAnswer, "the camera's " + what + " data has " +
-                                               std::to_string(data.size()) + " bytes instead of " +
-                                               std::to_string(least));
+        throw Error(ErrorKind::kBadAnswer,
+                    "the camera's " + what + " data has " + std::to_string(data.size()) +
+                        " bytes; it must have at least " + std::to_string(least));
 }
 
 }  // namespace
@@ -102,7 +103,7 @@ Capacity DecodeCapacity(std::span<const std::byte> data) {
     const std::uint32_t lastBlock = BigEndian(data.first<4>());
     const std::uint32_t blockLength = BigEndian(data.subspan<4, 4>());
     if (blockLength == 0)
-        throw Error(ErrorKind::kBadAnswer, "the camera says that its blocks have no bytes");
+        throw Error(ErrorKind::kBadAnswer, "the camera reports a block length of 0");
     return {.blockCount = std::uint64_t{lastBlock} + 1, .blockLength = blockLength};
 }
 

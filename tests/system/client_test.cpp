@@ -126,7 +126,7 @@ TEST_F(SystemTest, ClientSaysWhyTheServiceCannotBeReached) {
 
     ::SetEvent(runs.get());
     StateNotification(SERVICE_NOTIFY_RUNNING).Wait();
-    expect(ErrorKind::kBusy, ERROR_FILE_NOT_FOUND, "its pipe is not there", 100ms);
+    expect(ErrorKind::kBusy, ERROR_FILE_NOT_FOUND, "its pipe does not exist", 100ms);
     EndLeftovers();
 }
 

@@ -18,7 +18,7 @@ using client_test::FakeService;
 using client_test::Peer;
 using client_test::Request;
 
-const std::string kNonsense = "the service sent a message that makes no sense, type 77";
+const std::string kNonsense = "the service sent an invalid message of type 77";
 
 /// In place of an answer.
 void SendNonsense(Peer& peer) {
@@ -89,10 +89,10 @@ TEST_F(OrvikctlLyingService, ThatIsSilent) {
     const auto service = Play([](Peer& peer) { peer.ReadToTheEnd(); });
     OrvikctlProgram list(Arguments(L"list"));
     OrvikctlProgram status(Arguments(L"status"));
-    EXPECT_TRUE(Failed(list.Finish(), 7, "no answer came in time"));
+    EXPECT_TRUE(Failed(list.Finish(), 7, "the service did not answer in time"));
     const Result result = status.Finish();
     EXPECT_FALSE(result.output.empty());
-    EXPECT_TRUE(FailedOrReported(result, 7, "no answer came in time"));
+    EXPECT_TRUE(FailedOrReported(result, 7, "the service did not answer in time"));
 }
 
 class OrvikctlCommand : public OrvikctlLyingService, public testing::WithParamInterface<Command> {

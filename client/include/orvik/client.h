@@ -6,7 +6,7 @@
 //         std::cout << orvik::DecodeInquiry(answer).product << '\n';
 //     }
 //
-// All narrow texts are UTF-8. Sizes are bytes.
+// All narrow texts are UTF-8. Sizes are in bytes.
 #pragma once
 
 #include <array>
@@ -23,33 +23,33 @@
 
 namespace orvik {
 
-/// What went wrong, for programs; Error::what() says it in words.
+/// The kind of a failure, for programs; Error::what() describes it in words.
 enum class ErrorKind {
-    kNotInstalled,  ///< there is no service OrvikService
+    kNotInstalled,  ///< the service OrvikService is not installed
     kStopped,       ///< the service is not running, or is stopping
     kStarting,      ///< the service was still starting at the deadline
-    kBusy,          ///< the service runs, but took no connection before the deadline
-    kAccessDenied,  ///< this user may not open the camera pipe, or ask for the service
-    kWrongServer,   ///< the camera pipe is served by a process that is not the service
-    kServiceGone,   ///< the service ended, or an earlier error closed the connection
+    kBusy,          ///< the service is running, but accepted no connection before the deadline
+    kAccessDenied,  ///< this user may not open the camera pipe, or query the service's state
+    kWrongServer,   ///< a process that is not the service serves the camera pipe
+    kServiceGone,   ///< the service has ended, or an earlier error has closed the connection
     kTimedOut,      ///< the deadline passed
     kCancelled,     ///< Cancel() was called
-    kNoSuchCamera,  ///< the service has not announced such a camera, or has reported it gone
+    kNoSuchCamera,  ///< the service has not announced this camera, or has reported it gone
     kRefused,       ///< the camera or its driver refused the command, or the camera is gone
-    kBadAnswer,     ///< the service or the camera sent what makes no sense
-    kBadArgument,   ///< the caller asked for what cannot be sent; nothing was sent
-    kSystem,        ///< any other failed system call
+    kBadAnswer,     ///< the service or the camera sent invalid data
+    kBadArgument,   ///< an argument is outside its range; nothing was sent
+    kSystem,        ///< another system call failed
 };
 
-/// Every failure of this library but for want of memory.
+/// Thrown for every failure except out of memory (std::bad_alloc).
 class Error : public std::runtime_error {
 public:
-    /// `systemCode` is a Windows error code, whose meaning in words goes into the text, or 0.
+    /// `systemCode` is a Windows error code, or 0. The system's words for it are added to the text.
     Error(ErrorKind errorKind, const std::string& text, std::uint32_t systemCode = 0);
 
     ErrorKind Kind() const noexcept { return kind; }
 
-    /// The Windows error code behind it; 0 if there is none.
+    /// The Windows error code that caused the failure; 0 if there is none.
     std::uint32_t SystemCode() const noexcept { return code; }
 
 private:
@@ -57,13 +57,13 @@ private:
     std::uint32_t code;
 };
 
-/// A camera as the service names it. Never used again for another camera while the service runs.
+/// The service's identifier of a camera. While the service runs, no other camera gets the same one.
 using CameraId = std::uint32_t;
 
-/// One request of one Client.
+/// Identifies an asynchronous request of one Client.
 using RequestId = std::uint32_t;
 
-/// How long the calls of a Client may take if the caller does not say.
+/// Default time-outs of a Client's calls.
 inline constexpr std::chrono::milliseconds kConnectTimeout{5'000};
 inline constexpr std::chrono::milliseconds kTransferTimeout{30'000};
 
@@ -71,127 +71,136 @@ inline constexpr std::chrono::milliseconds kTransferTimeout{30'000};
 struct ConnectOptions {
     std::chrono::milliseconds timeout = kConnectTimeout;
 
-    /// Whether to send nothing unless the pipe's server is the process that the service control
-    /// manager runs as OrvikService. Off for a service that runs in a console.
+    /// Checks before anything is sent that the pipe's server is the process that the service
+    /// control manager runs as OrvikService. False for a service that runs in a console.
     bool checkServer = true;
 
-    std::wstring pipe = LR"(\\.\pipe\orvikcamera)";  ///< another one only for tests
+    /// The name of the pipe; empty: the service's own. For tests.
+    std::wstring pipe{};
 };
 
-/// What a subscriber is told of.
+/// What a subscriber's handler is called with.
 struct Event {
     enum class Kind {
         kCameraAttached,
         kCameraDetached,
-        kServiceGone,  ///< the connection is closed; `camera` says nothing. The last event.
+        kServiceGone,  ///< the connection is closed. The last event.
     };
     Kind kind;
-    CameraId camera;
+    CameraId camera;  ///< 0 for kServiceGone
 };
 
 /// Called on the client's thread.
 using EventHandler = std::function<void(const Event& event)>;
 
-/// How an asynchronous transfer ended.
+/// The result of an asynchronous transfer.
 struct TransferResult {
     std::optional<Error> error{};   ///< none if it succeeded
-    std::vector<std::byte> data{};  ///< what the camera returned; empty but for transfers in
+    std::vector<std::byte> data{};  ///< from the camera; empty except for StartTransferIn()
 };
 
-/// Called on the client's thread, once.
+/// Called once, on the client's thread.
 using Completion = std::function<void(TransferResult result)>;
 
-/// A handler that is told of events. Ends when destroyed or assigned to; may outlive the Client.
-/// Thread: one at a time; ending it is allowed within its own handler.
+/// Owns an event handler, which is called until this object is destroyed or assigned to. It may
+/// outlive the Client.
+/// Thread: one at a time. The handler may end its own subscription.
 class Subscription {
 public:
-    Subscription() noexcept = default;  ///< of nothing
+    Subscription() noexcept = default;  ///< without a handler
     ~Subscription();
     Subscription(Subscription&& other) noexcept = default;
     Subscription& operator=(Subscription&& other) noexcept;
 
-    /// Returns at once: no call of the handler begins any more, but one that has begun on the
-    /// client's thread, if only just, still runs to its end. So what the handler uses must outlive
-    /// that; within the handler itself this is the last call.
+    /// Returns at once. No further call of the handler begins, but a call that has begun on the
+    /// client's thread still runs to its end, so everything that the handler uses must live until
+    /// then. If the handler itself calls End(), the current call is the last one.
     void End() noexcept;
 
 private:
     friend class Client;
-    struct State;
-    std::shared_ptr<State> state;
+    std::shared_ptr<const EventHandler> handler;
 };
 
 /// A connection to the service.
 ///
-/// A client that connects while no desktop program is connected becomes the one that is told of
-/// cameras that come and go, and the service starts no desktop program while it stays. So a tool
-/// connects, asks and leaves. Any other client learns of the cameras present when it connects, and
-/// is told of no change.
+/// Main communicator: a client that connects while no desktop program is connected becomes the main
+/// communicator. It alone hears of cameras that come and go, and while it stays connected the
+/// service starts no desktop program. So a tool should connect, do its work and disconnect. Every
+/// other client learns only which cameras are present when it connects.
 ///
-/// Thread: any, except for destruction and moves, after which nobody else may call it. Each Client
-/// has one thread of its own, the client's thread, that calls handlers and completions, one after
-/// the other. They may call everything here, and may destroy the Client. What they throw ends the
-/// program. While one runs no other is called: long work belongs elsewhere.
+/// Threads: any thread may make any call, except destruction and moves, which need exclusive
+/// access. Each Client has one thread of its own, the client's thread, which calls event handlers
+/// and completions one after the other. Those may make every call of this library, and may destroy
+/// the Client. An exception that they throw ends the program. A handler that takes long delays the
+/// ones after it, so long work belongs on another thread.
 ///
-/// Every call may throw Error and std::bad_alloc. When the service goes, when it sends what makes
-/// no sense, or when the pipe fails, the connection is closed: each outstanding request ends at
-/// once, with kServiceGone, kBadAnswer or kSystem, and each further call throws kServiceGone; to
-/// reconnect, assign another Client. The same holds when a request does not leave in time
-/// (kTimedOut), because it may have left in part.
+/// Errors: every call may throw Error and std::bad_alloc. When the service ends, sends invalid
+/// data, or the pipe fails, the connection is closed: every outstanding request ends at once, with
+/// kServiceGone, kBadAnswer or kSystem, and each later call throws kServiceGone. The same holds
+/// when a request could not be sent completely before its deadline (kTimedOut). To reconnect,
+/// assign a new Client.
 ///
-/// Naming a camera that the service doesn't know ends the service's run, for everybody. The calls
-/// below refuse a camera that was never announced or has been reported gone, but only the client
-/// that is told of cameras that go can know: any other makes a new Client before it names a camera
-/// after a pause. (A moment remains for all: the first request for a camera that is being unplugged
-/// can cross the report.) Leaving at a wrong moment ends the run too, so a program destroys its
-/// Client before it ends. Commands and data are copied, and needed only for the call.
+/// Unknown cameras: a request for a camera that the service does not know ends the service's run,
+/// for all clients. The calls below refuse a camera that was never announced or has been reported
+/// gone. But the service reports that only to the main communicator; any other client must connect
+/// anew before it names a camera after a pause. One gap remains for all: the first request for a
+/// camera that is being unplugged can cross the service's report.
+///
+/// Disconnecting: closing the connection at the wrong moment ends the service's run too. The
+/// destructor waits for a safe moment, so a program must destroy its Client before it ends.
 class Client {
 public:
     /// Connects, and returns when the cameras present are known.
-    /// Throws kNotInstalled, kStopped, kStarting, kBusy, kAccessDenied, kWrongServer, and kTimedOut
-    /// when it is connected but the service is silent.
+    /// Throws kNotInstalled, kStopped, kStarting, kBusy, kAccessDenied, kWrongServer (which can
+    /// take two seconds longer than the time-out), and kTimedOut when the service accepts the
+    /// connection but does not answer.
     explicit Client(const ConnectOptions& options = {});
 
-    /// Leaves in a way that does not disturb the service, which can take a moment, at most two
-    /// seconds if the service hangs. Outstanding requests are given up: no handler or completion is
-    /// called any more, one that is under way on the client's thread may still be ending.
+    /// Disconnects at a moment that is safe for the service. That usually takes as long as one
+    /// round trip, and at most two seconds if the service hangs. Abandons outstanding requests. No
+    /// handler or completion is called any more, but a call in progress on the client's thread may
+    /// end only after the destructor has returned.
     ~Client();
 
     Client(Client&& other) noexcept;
-    Client& operator=(Client&& other) noexcept;  ///< as if destroyed before
+    Client& operator=(Client&& other) noexcept;  ///< disconnects first, as the destructor does
 
-    /// The cameras present as far as this client has been told, in the order announced.
+    /// The cameras present as far as the service has told this client, in the order announced.
     std::vector<CameraId> Cameras() const;
 
-    /// Asks the service for nothing, and returns when it has answered: a round trip to it and to no
-    /// camera. Throws kTimedOut.
+    /// Makes a round trip to the service that touches no camera. Throws kTimedOut.
     void RoundTrip(std::chrono::milliseconds timeout = kTransferTimeout);
 
-    /// Has `handler` called for each camera present, then for each event, in order, the first call
-    /// possibly before this returns. If the connection is closed, only kServiceGone comes.
+    /// Calls `handler` on the client's thread, with kCameraAttached for each camera present, then
+    /// with each event in order. The first call may begin before this function returns. If the
+    /// connection is closed already, the handler is called with kServiceGone only.
+    /// Throws kBadArgument if `handler` is empty.
     [[nodiscard]] Subscription Subscribe(EventHandler handler);
 
     /// Sends a command that returns data, and waits for the data: at most kTransferInLimit bytes,
-    /// and often fewer than the command asked for. `cdb` has 1 to kCdbLimit bytes.
+    /// and often fewer than the command asked for. `cdb`, the command descriptor block, has 1 to
+    /// kCdbLimit bytes. It is copied, and so is the data of the calls below.
     /// Throws kRefused, kTimedOut, and before anything is sent kBadArgument and kNoSuchCamera.
-    /// After kTimedOut the answer is dropped when it comes.
+    /// After kTimedOut the answer is discarded when it arrives.
     std::vector<std::byte> TransferIn(CameraId camera, std::span<const std::byte> cdb,
                                       std::chrono::milliseconds timeout = kTransferTimeout);
 
     /// Sends a command with data for the camera, at most kTransferOutLimit bytes, and waits until
-    /// it is done. The service takes all of it into its memory, and ends its run if it can't:
-    /// send no more at a time than a camera takes.
+    /// the camera has executed it. The service holds all the data in memory, and ends its run if
+    /// that fails: send no more at a time than a camera accepts.
     void TransferOut(CameraId camera, std::span<const std::byte> cdb,
                      std::span<const std::byte> data,
                      std::chrono::milliseconds timeout = kTransferTimeout);
 
-    /// Sends a command without data, and waits until it is done.
+    /// Sends a command without data, and waits until the camera has executed it.
     void TransferNoData(CameraId camera, std::span<const std::byte> cdb,
                         std::chrono::milliseconds timeout = kTransferTimeout);
 
-    /// The same, but they return when the request has left, and `completion` gets the answer,
-    /// possibly before they return. Any number can be outstanding, and they end in any order. When
-    /// they throw, `completion` is not called.
+    /// Asynchronous forms: they return when the request has been sent, within kTransferTimeout, and
+    /// `completion` is called with the result, possibly before they return. Any number of requests
+    /// can be outstanding, and they complete in any order. `completion` must not be empty. If these
+    /// functions throw, it is not called.
     RequestId StartTransferIn(CameraId camera, std::span<const std::byte> cdb,
                               Completion completion);
     RequestId StartTransferOut(CameraId camera, std::span<const std::byte> cdb,
@@ -199,9 +208,9 @@ public:
     RequestId StartTransferNoData(CameraId camera, std::span<const std::byte> cdb,
                                   Completion completion);
 
-    /// Ends an asynchronous request: `completion` is called with kCancelled, soon, and the answer
-    /// is dropped when it comes. The camera still does what it was asked. Returns at once; false if
-    /// the request is not outstanding: its completion has been called or is about to be.
+    /// Ends an asynchronous request: its completion is called with kCancelled, and the answer is
+    /// discarded when it arrives. The camera still executes the command. Returns at once. Returns
+    /// false if the request is not outstanding: its completion has been called, or is about to be.
     bool Cancel(RequestId request);
 
 private:
@@ -209,10 +218,10 @@ private:
     std::shared_ptr<Connection> connection;
 };
 
-/// Most bytes of a command descriptor block that the service passes on.
+/// Maximum length of a command descriptor block: the service passes on no more.
 inline constexpr std::size_t kCdbLimit = 8;
 
-/// Most bytes that one TransferIn() returns, and that one TransferOut() takes.
+/// Maximum number of bytes that one TransferIn() returns, and that one TransferOut() sends.
 inline constexpr std::size_t kTransferInLimit = 65'536;
 inline constexpr std::size_t kTransferOutLimit = 0x7FFF'FFFF;
 
@@ -223,27 +232,29 @@ std::array<std::byte, 6> InquiryCdb() noexcept;
 
 std::array<std::byte, 6> TestUnitReadyCdb() noexcept;
 
-/// READ CAPACITY(10), for DecodeCapacity(). Two bytes short, as only kCdbLimit bytes are passed on;
-/// the two are always zero.
+/// READ CAPACITY(10), for DecodeCapacity(). Without the last two bytes, which are always zero,
+/// because the service passes on only kCdbLimit bytes.
 std::array<std::byte, 8> ReadCapacityCdb() noexcept;
 
-/// What READ(6) can address, and how many blocks one command can ask for.
+/// READ(6) and WRITE(6) reach the blocks below kRead6BlockLimit, at most kRead6CountLimit at a
+/// time.
 inline constexpr std::uint32_t kRead6BlockLimit = 1U << 21;
 inline constexpr std::uint32_t kRead6CountLimit = 255;
 
-/// READ(6) of `count` blocks from `first` on. `count` times the block length must not exceed
-/// kTransferInLimit, which for the usual blocks of 512 bytes makes 128 blocks.
-/// Throws kBadArgument if count is 0 or above kRead6CountLimit, or a block is out of reach.
+/// READ(6) of `count` blocks, starting at `first`. `count` times the block length must not exceed
+/// kTransferInLimit: for the usual blocks of 512 bytes, `count` is at most 128.
+/// Throws kBadArgument unless `count` is from 1 to kRead6CountLimit, and `first` + `count` at most
+/// kRead6BlockLimit.
 std::array<std::byte, 6> Read6Cdb(std::uint32_t first, std::uint32_t count);
 
-/// WRITE(6), for TransferOut() of `count` blocks from `first` on. Throws as Read6Cdb() does.
+/// WRITE(6) of `count` blocks, starting at `first`, for TransferOut(). Throws as Read6Cdb() does.
 std::array<std::byte, 6> Write6Cdb(std::uint32_t first, std::uint32_t count);
 
-/// REQUEST SENSE for up to 252 bytes of sense data about the camera's last refusal.
+/// REQUEST SENSE for up to 252 bytes of sense data, which explain the camera's last refusal.
 std::array<std::byte, 6> RequestSenseCdb() noexcept;
 
-/// Standard INQUIRY data. The strings come without trailing spaces, and with '?' for each byte that
-/// is not printable ASCII.
+/// Standard INQUIRY data. The strings have no trailing spaces, and '?' for each byte that is not
+/// printable ASCII.
 struct Inquiry {
     std::uint8_t deviceType;  ///< peripheral device type: 0 is a disk, 5 a CD-ROM drive
     bool removable;
@@ -252,7 +263,7 @@ struct Inquiry {
     std::string revision;
 };
 
-/// Throws kBadAnswer if there are fewer than the 36 bytes that every device must have.
+/// Throws kBadAnswer if `data` has fewer than 36 bytes, the minimum of the standard.
 Inquiry DecodeInquiry(std::span<const std::byte> data);
 
 struct Capacity {
@@ -260,7 +271,7 @@ struct Capacity {
     std::uint32_t blockLength;  ///< in bytes, never 0
 };
 
-/// Throws kBadAnswer if there are fewer than 8 bytes, or the block length is 0.
+/// Throws kBadAnswer if `data` has fewer than 8 bytes, or the block length is 0.
 Capacity DecodeCapacity(std::span<const std::byte> data);
 
 }  // namespace orvik

@@ -1,0 +1,102 @@
+#include "client/callback_thread.h"
+
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "client/event.h"
+#include "orvik/client.h"
+
+namespace orvik {
+
+namespace {
+
+/// How long after a synchronous call the next one is expected.
+constexpr DWORD kMillisecondsBetweenCalls = 10;
+
+}  // namespace
+
+CallbackThread::CallbackThread() : wakeEvent(MakeEvent(false)) {}
+
+void CallbackThread::Start(std::function<void()> body) {
+    try {
+        thread = std::thread(std::move(body));
+    } catch (const std::system_error& error) {
+        throw Error(ErrorKind::kSystem,
+                    std::string("cannot start the client's thread: ") + error.what());
+    }
+}
+
+void CallbackThread::Post(std::function<void()> callback) {
+    callbacks.push_back(std::move(callback));
+    if (waits != Waits::kNot)
+        Wake();
+}
+
+void CallbackThread::Stop() noexcept {
+    stopped = true;
+    callbacks.clear();
+    Wake();
+}
+
+void CallbackThread::JoinOrDetach(Lock& lock) noexcept {
+    const bool inCallback = calling;
+    lock.unlock();
+    if (!thread.joinable())
+        return;
+    if (inCallback)
+        thread.detach();
+    else
+        thread.join();
+}
+
+void CallbackThread::ExpectCompletion() noexcept {
+    if (waits == Waits::kForNextCall || waits == Waits::kForLastCall)
+        Wake();
+}
+
+CallbackThread::SynchronousCall::SynchronousCall(CallbackThread& callbackThread) noexcept
+    : owner(&callbackThread) {
+    ++owner->callsMade;
+    ++owner->callsInProgress;
+}
+
+CallbackThread::SynchronousCall::~SynchronousCall() {
+    --owner->callsInProgress;
+    if (owner->callsInProgress == 0 && owner->waits == Waits::kForLastCall)
+        owner->Wake();
+}
+
+void CallbackThread::CallNext(Lock& lock) {
+    calling = true;
+    {
+        const std::function<void()> callback = std::move(callbacks.front());
+        callbacks.pop_front();
+        lock.unlock();
+        callback();
+        // Destroyed without the lock too: its destructor may call the client.
+    }
+    lock.lock();
+    calling = false;
+}
+
+CallbackThread::Wait CallbackThread::BeginWait(bool completionExpected) noexcept {
+    const bool called = std::exchange(callsSeen, callsMade) != callsMade;
+    DWORD milliseconds = INFINITE;
+    if (!completionExpected && called) {
+        waits = Waits::kForNextCall;
+        milliseconds = kMillisecondsBetweenCalls;
+    } else if (!completionExpected && callsInProgress != 0) {
+        waits = Waits::kForLastCall;
+    } else {
+        waits = Waits::kForPipe;
+    }
+    return {wakeEvent.get(), milliseconds, waits == Waits::kForPipe};
+}
+
+void CallbackThread::Wake() noexcept {
+    waits = Waits::kNot;
+    ::SetEvent(wakeEvent.get());
+}
+
+}  // namespace orvik

@@ -1,0 +1,34 @@
+# Builds the client library alone, first as a project of its own, then with add_subdirectory(). The
+# prefix of the dependencies is empty, so that Boost, Breakpad, CLI11 and GoogleTest cannot be found.
+#   cmake -DWORK=… -DTOOLCHAIN=… -DCLIENT=… -DEMULATOR=… -P client_alone.cmake
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE output
+                  ERROR_VARIABLE output)
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "${ARGN}\n${output}")
+  endif()
+endfunction()
+
+function(build source folder)
+  run(${CMAKE_COMMAND} -S ${source} -B ${folder} -G Ninja -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN}
+      -DCMAKE_EXPORT_COMPILE_COMMANDS=ON ${ARGN})
+  run(${CMAKE_COMMAND} --build ${folder})
+endfunction()
+
+file(REMOVE_RECURSE ${WORK})
+file(MAKE_DIRECTORY ${WORK}/empty)
+set(ENV{ORVIK_DEPS} ${WORK}/empty)
+build(${CLIENT} ${WORK}/alone -DORVIK_CLIENT_EXAMPLES=OFF)
+build(${CMAKE_CURRENT_LIST_DIR} ${WORK}/subdirectory -DCLIENT=${CLIENT})
+
+execute_process(COMMAND ${EMULATOR} ${WORK}/subdirectory/cameras.exe RESULT_VARIABLE result
+                OUTPUT_VARIABLE output ERROR_VARIABLE output)
+if(NOT result EQUAL 1 OR NOT output MATCHES "error: the service OrvikService is not installed")
+  message(FATAL_ERROR "the program returned ${result} and said: ${output}")
+endif()
+
+# The flags of this tree, which make warnings errors, are not for other projects.
+file(STRINGS ${WORK}/subdirectory/compile_commands.json flags REGEX "-Werror|-Wall")
+if(flags)
+  message(FATAL_ERROR "the flags of this tree are passed to another project: ${flags}")
+endif()
