@@ -7,8 +7,8 @@
 #include <thread>
 #include <utility>
 
-#include "fake_service.h"
 #include "orvikctl_fixture.h"
+#include "support/fake_service.h"
 #include "test_console.h"
 
 namespace system_test {
@@ -180,10 +180,9 @@ TEST_F(OrvikctlLyingService, CameraThatGoesBetweenTwoCommandsOfARead) {
         peer.Welcome({1});
         peer.Succeed(peer.ReadRequest(), CapacityOf(2, kLongBlock));
         const Request read = peer.ReadRequest();
-        Bytes answer =
-            client_test::BytesOf({kTransferSucceeded, read.header.requestId, 1, kLongBlock});
+        Bytes answer = HeaderBytes({kTransferSucceeded, read.header.requestId, 1, kLongBlock});
         answer.resize(answer.size() + kLongBlock);
-        const Bytes detached = client_test::BytesOf({kCameraDetached, kNotificationId, 1, 0});
+        const Bytes detached = HeaderBytes({kCameraDetached, kNotificationId, 1, 0});
         answer.insert(answer.end(), detached.begin(), detached.end());
         peer.Send(answer);
         peer.ReadToTheEnd();

@@ -1,4 +1,4 @@
-// A service of the test's own, which can lie.
+// A fake service: a camera pipe whose answers the test decides.
 #pragma once
 
 #include <atomic>
@@ -15,25 +15,19 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include "messages.h"
 #include "protocol/message.h"
 #include "windows/unique_handle.h"
 
 namespace client_test {
-
-using Bytes = std::vector<std::byte>;
-
-inline Bytes BytesOf(const MessageHeader& header) {
-    const auto* const first = reinterpret_cast<const std::byte*>(&header);
-    return {first, first + sizeof(header)};
-}
 
 struct Request {
     MessageHeader header;
     Bytes body;
 };
 
-/// The service's end of one connection. Its calls return false, or fail the test, once the client
-/// has left.
+/// The service's end of one connection. When the client has disconnected, its calls return false or
+/// fail the test.
 class Peer {
 public:
     explicit Peer(UniqueHandle connected) : pipe(std::move(connected)) {}
@@ -68,7 +62,7 @@ public:
     }
 
     bool Send(const MessageHeader& header, const Bytes& body = {}) {
-        return Send(BytesOf(header)) && (body.empty() || Send(body));
+        return Send(HeaderBytes(header)) && (body.empty() || Send(body));
     }
 
     bool Succeed(const Request& request, const Bytes& data = {}) {
@@ -85,18 +79,19 @@ public:
         return Send({kCameraAttached, kNotificationId, camera, 0});
     }
 
-    /// Greets as the service does: the cameras present, then the answer to the round trip.
+    /// Does what the service does for a new client: announces the cameras present, and answers the
+    /// round trip.
     void Welcome(std::initializer_list<std::uint32_t> cameras) {
         for (const std::uint32_t camera : cameras)
             Announce(camera);
         Refuse(ReadRequest());
     }
 
-    bool ClientIsThere() const {
+    bool ClientIsConnected() const {
         return ::PeekNamedPipe(pipe.get(), nullptr, 0, nullptr, nullptr, nullptr) != FALSE;
     }
 
-    /// Returns what comes until the client has left.
+    /// Returns everything that arrives until the client disconnects.
     Bytes ReadToTheEnd() {
         Bytes all;
         for (Bytes some = ReadOnce(); !some.empty(); some = ReadOnce())
@@ -110,18 +105,20 @@ private:
     UniqueHandle pipe;
 };
 
-/// A camera pipe of the test's own. As in the service there is always one instance that waits for a
-/// client, and the next is opened only when that one is taken.
+/// Serves a camera pipe. As in the service, one instance waits for a client at any time, and the
+/// next is created only when a client has connected to that one.
 class FakeService {
 public:
-    /// `script` plays the service for the first client, on a thread of its own.
-    /// `beforeNextInstance` is called with the number of each client, from 1 on.
+    /// `script` runs on a thread of its own, for the client with the number `scripted`; clients are
+    /// numbered from 1 on. For each other client the fake service reads and does not answer.
+    /// `beforeNextInstance` is called with the number of each client, before the next instance is
+    /// created.
     explicit FakeService(std::function<void(Peer&)> script,
                          std::function<void(int)> beforeNextInstance = {},
-                         std::wstring pipeName = UniqueName())
+                         std::wstring pipeName = UniqueName(), int scripted = 1)
         : name(std::move(pipeName)) {
         UniqueHandle first = MakeInstance();
-        acceptor = std::thread([this, script = std::move(script),
+        acceptor = std::thread([this, scripted, script = std::move(script),
                                 beforeNextInstance = std::move(beforeNextInstance),
                                 listening = std::move(first)]() mutable {
             while (true) {
@@ -135,19 +132,20 @@ public:
                 if (beforeNextInstance)
                     beforeNextInstance(number);
                 listening = MakeInstance();
-                players.emplace_back([peer = std::move(peer), number, script]() mutable {
-                    if (number == 1)
-                        script(peer);
-                    else
-                        peer.ReadToTheEnd();
-                });
+                players.emplace_back(
+                    [peer = std::move(peer), plays = number == scripted, script]() mutable {
+                        if (plays)
+                            script(peer);
+                        else
+                            peer.ReadToTheEnd();
+                    });
             }
         });
     }
 
     ~FakeService() {
         stopping = true;
-        // Wakes the acceptor, which may just be about to open its next instance.
+        // Wakes the acceptor, which may not have created its next instance yet.
         UniqueHandle last;
         while (!last && !accepted) {
             last = OwnFile(
@@ -163,16 +161,17 @@ public:
     FakeService(const FakeService&) = delete;
     FakeService& operator=(const FakeService&) = delete;
 
-    const std::wstring& Name() const { return name; }
-    int Connections() const { return connections; }
-
-private:
+    /// A name that no other pipe has.
     static std::wstring UniqueName() {
         static std::atomic<int> count{0};
         return LR"(\\.\pipe\orvik-client-test-)" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
                std::to_wstring(++count);
     }
 
+    const std::wstring& Name() const { return name; }
+    int Connections() const { return connections; }
+
+private:
     UniqueHandle MakeInstance() const {
         UniqueHandle instance = OwnFile(::CreateNamedPipeW(
             name.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT,

@@ -1,4 +1,4 @@
-// What the tests of the client library wait for: the answer to a request, and events.
+// What the tests of the client library wait for: results of requests, events, errors.
 #pragma once
 
 #include <chrono>
@@ -13,14 +13,13 @@
 
 #include <gtest/gtest.h>
 
+#include "deadline.h"
 #include "orvik/client.h"
 
 namespace client_test {
 
-inline constexpr std::chrono::seconds kGenerous{20};  // for what happens unless something is broken
-
-/// The answer to one asynchronous request. A second one ends the program, as all do that a
-/// completion throws.
+/// The result of one asynchronous request. A second result ends the program, because an exception
+/// from a completion does.
 class Answer {
 public:
     orvik::Completion Completion() const {
@@ -31,8 +30,8 @@ public:
 
     /// Waits. Once.
     orvik::TransferResult Get() {
-        if (future.wait_for(kGenerous) != std::future_status::ready)
-            return {orvik::Error(orvik::ErrorKind::kSystem, "the test got no answer"), {}};
+        if (future.wait_for(kDeadline) != std::future_status::ready)
+            return {orvik::Error(orvik::ErrorKind::kSystem, "the completion was not called"), {}};
         return future.get();
     }
 
@@ -44,10 +43,6 @@ public:
         return std::move(result.data);
     }
 
-    bool HasCome() const {
-        return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    }
-
 private:
     using Promise = std::promise<orvik::TransferResult>;
 
@@ -55,19 +50,19 @@ private:
     std::future<orvik::TransferResult> future = promise->get_future();
 };
 
-/// Something that one thread waits for and another makes happen.
-class Happening {
+/// One thread waits for it, another one sets it.
+class Signal {
 public:
     void Set() { promise.set_value(); }
-    bool Wait() const { return future.wait_for(kGenerous) == std::future_status::ready; }
+    bool Wait() const { return future.wait_for(kDeadline) == std::future_status::ready; }
 
 private:
     std::promise<void> promise;
     std::shared_future<void> future = promise.get_future().share();
 };
 
-/// The events that a subscriber is told of, as words: "+3" camera 3 has come, "-3" it has gone,
-/// "gone" the service has.
+/// The events that a subscriber has received, as words: "+3" camera 3 attached, "-3" camera 3
+/// detached, "gone" for the service.
 class EventLog {
 public:
     orvik::EventHandler Handler() {
@@ -78,10 +73,10 @@ public:
         };
     }
 
-    /// Waits for that many, and returns all.
+    /// Waits for that many events, and returns all.
     std::vector<std::string> WaitFor(std::size_t count) {
         std::unique_lock lock(mutex);
-        changed.wait_for(lock, kGenerous, [&] { return words.size() >= count; });
+        changed.wait_for(lock, kDeadline, [&] { return words.size() >= count; });
         return words;
     }
 
@@ -90,10 +85,10 @@ public:
         return words.size();
     }
 
-    /// Waits for more than `count`.
+    /// Waits for more than `count` events.
     void WaitForMore(std::size_t count) {
         std::unique_lock lock(mutex);
-        EXPECT_TRUE(changed.wait_for(lock, kGenerous, [&] { return words.size() > count; }));
+        EXPECT_TRUE(changed.wait_for(lock, kDeadline, [&] { return words.size() > count; }));
     }
 
     std::vector<std::string> Words() const {
@@ -127,8 +122,8 @@ orvik::Error ErrorOf(Call call) {
     } catch (const orvik::Error& error) {
         return error;
     }
-    ADD_FAILURE() << "nothing was thrown";
-    return {orvik::ErrorKind::kSystem, "nothing was thrown"};
+    ADD_FAILURE() << "the call threw no error";
+    return {orvik::ErrorKind::kSystem, "the call threw no error"};
 }
 
 template <typename Call>

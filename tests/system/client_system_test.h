@@ -1,0 +1,68 @@
+// What the tests of the client library with the real service share.
+#pragma once
+
+#include <chrono>
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include "orvik/client.h"
+#include "support/deadline.h"
+#include "support/plugged_camera.h"
+#include "system_test.h"
+
+namespace system_test {
+
+/// For a service that runs in the foreground, which the service control manager does not know.
+inline orvik::ConnectOptions Foreground(std::chrono::milliseconds timeout = kDeadline) {
+    orvik::ConnectOptions options;
+    options.timeout = timeout;
+    options.checkServer = false;
+    return options;
+}
+
+/// A client of that service.
+class Client : public orvik::Client {
+public:
+    explicit Client(std::chrono::milliseconds timeout = kDeadline)
+        : orvik::Client(Foreground(timeout)) {}
+};
+
+/// Suspends a process while this object lives.
+class SuspendedProcess {
+public:
+    explicit SuspendedProcess(HANDLE process) : suspended(process) {
+        EXPECT_EQ(Call("NtSuspendProcess"), 0);
+    }
+    ~SuspendedProcess() { EXPECT_EQ(Call("NtResumeProcess"), 0); }
+
+    SuspendedProcess(const SuspendedProcess&) = delete;
+    SuspendedProcess& operator=(const SuspendedProcess&) = delete;
+
+private:
+    LONG Call(const char* function) const {
+        const auto address = ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), function);
+        // By way of void*, as the compiler warns of casts between function types.
+        return reinterpret_cast<LONG(NTAPI*)(HANDLE)>(reinterpret_cast<void*>(address))(suspended);
+    }
+
+    HANDLE suspended;  // not owned
+};
+
+/// The service in the foreground, with one camera.
+class ClientTest : public SystemTest {
+protected:
+    PluggedCamera camera{bus};
+    RunningService service;
+};
+
+/// Waits until a client has connected to the only free instance of the pipe.
+inline void WaitUntilNoInstanceIsFree() {
+    const Deadline deadline;
+    while (::WaitNamedPipeW(kCameraPipeName, 1)) {
+        ASSERT_FALSE(deadline.Over());
+        ::Sleep(1);  // no event reports it
+    }
+}
+
+}  // namespace system_test

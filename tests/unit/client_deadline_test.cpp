@@ -1,0 +1,196 @@
+// Time-outs, with a fake service that is late or does not stop sending.
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include "client_of_fake_service.h"
+#include "import_hook.h"
+#include "orvik/client.h"
+#include "protocol/message.h"
+#include "support/client_results.h"
+#include "support/fake_service.h"
+#include "support/messages.h"
+
+extern "C" {
+extern decltype(&::ReadFile) __imp_ReadFile;
+}
+
+namespace {
+
+using namespace std::chrono_literals;
+using client_test::Client;
+using client_test::EventLog;
+using client_test::FakeService;
+using client_test::KindOf;
+using client_test::MakeBytes;
+using client_test::Peer;
+using client_test::Request;
+using client_test::Signal;
+using orvik::ErrorKind;
+
+TEST(ClientDeadline, AnswerAfterTheTimeOutIsDiscarded) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Request first = peer.ReadRequest();
+        const Request second = peer.ReadRequest();
+        peer.Succeed(first, MakeBytes({1}));
+        peer.Succeed(second, MakeBytes({2}));
+        peer.ReadToTheEnd();
+    });
+    Client client(kDeadline, service.Name());
+    // Made at one place, so that both calls wait with objects at the same addresses: a late answer
+    // that is written where the first call has waited is returned by the second.
+    std::vector<Bytes> answers;
+    for (const std::chrono::milliseconds timeout : {50ms, std::chrono::milliseconds(kDeadline)}) {
+        try {
+            answers.push_back(client.TransferIn(7, orvik::InquiryCdb(), timeout));
+        } catch (const orvik::Error& error) {
+            EXPECT_EQ(error.Kind(), ErrorKind::kTimedOut) << error.what();
+            answers.emplace_back();
+        }
+    }
+    EXPECT_EQ(answers, (std::vector<Bytes>{{}, MakeBytes({2})}));
+}
+
+TEST(ClientDeadline, RequestThatTheServiceDoesNotReadClosesTheConnection) {
+    Signal done;
+    FakeService service([&](Peer& peer) {
+        peer.Welcome({7});
+        EXPECT_TRUE(done.Wait());
+    });
+    Client client(kDeadline, service.Name());
+    const Bytes data(1 << 20);
+    EXPECT_EQ(KindOf([&] { client.TransferOut(7, MakeBytes({0x0A}), data, 100ms); }),
+              ErrorKind::kTimedOut);
+    EXPECT_EQ(KindOf([&] { client.TransferNoData(7, orvik::TestUnitReadyCdb(), kDeadline); }),
+              ErrorKind::kServiceGone);
+    done.Set();
+}
+
+/// A service that sends notifications without end, to a client on a machine so slow that each read
+/// takes a millisecond: what the pipe holds at once, 4096 messages, takes the client four seconds.
+class EndlessService {
+public:
+    EndlessService()
+        : service([this](Peer& peer) {
+              peer.Welcome({1});
+              Bytes notifications;
+              for (int i = 0; i < 2048; ++i) {
+                  for (const std::uint32_t type : {kCameraAttached, kCameraDetached}) {
+                      const Bytes header = HeaderBytes({type, kNotificationId, 1, 0});
+                      notifications.insert(notifications.end(), header.begin(), header.end());
+                  }
+              }
+              EXPECT_TRUE(begin.Wait());
+              while (!stopping && peer.Send(notifications)) {
+              }
+          }) {}
+    ~EndlessService() { Stop(); }
+
+    EndlessService(const EndlessService&) = delete;
+    EndlessService& operator=(const EndlessService&) = delete;
+
+    const std::wstring& Name() const { return service.Name(); }
+    void Begin() {
+        slow = true;
+        begin.Set();
+    }
+    void Stop() { stopping = true; }
+
+    /// Waits until the client has begun that many reads since Begin().
+    bool WaitForReads(int count) {
+        for (const auto end = std::chrono::steady_clock::now() + kDeadline; reads < count;) {
+            if (std::chrono::steady_clock::now() > end)
+                return false;
+            ::Sleep(1);
+        }
+        return true;
+    }
+
+    /// Runs `call`, and returns how long it took. Ends the stream if it takes very long.
+    template <typename Call>
+    std::chrono::milliseconds TimeOf(Call call) {
+        const auto start = std::chrono::steady_clock::now();
+        auto ended = std::async(std::launch::async, std::move(call));
+        if (ended.wait_for(10s) != std::future_status::ready) {
+            ADD_FAILURE() << "the call ends only with the service";
+            Stop();
+        }
+        ended.get();
+        return std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - start);
+    }
+
+private:
+    using Read = HookedImport<&__imp_ReadFile>;
+
+    std::atomic<bool> slow{false};
+    std::atomic<int> reads{0};
+    std::atomic<bool> stopping{false};
+    Signal begin;
+    const Read read{
+        [this](HANDLE file, void* target, DWORD size, DWORD* count, OVERLAPPED* overlapped) {
+            if (slow) {
+                ++reads;
+                ::Sleep(1);
+            }
+            return Read::Original(file, target, size, count, overlapped);
+        }};
+    FakeService service;
+};
+
+/// Keeps the log alive: events never cease, so one may be in the handler when the client is gone.
+orvik::EventHandler HandlerOf(const std::shared_ptr<EventLog>& log) {
+    return [log](const orvik::Event& event) { log->Handler()(event); };
+}
+
+TEST(ClientDeadline, HoldsWhileAServiceSendsWithoutEnd) {
+    EndlessService service;
+    Client client(kDeadline, service.Name());
+    const auto log = std::make_shared<EventLog>();
+    const orvik::Subscription subscription = client.Subscribe(HandlerOf(log));
+    service.Begin();
+    log->WaitForMore(0);
+    const auto time = service.TimeOf(
+        [&] { EXPECT_EQ(KindOf([&] { client.RoundTrip(200ms); }), ErrorKind::kTimedOut); });
+    EXPECT_LT(time, 1s);
+    service.Stop();
+}
+
+TEST(ClientDeadline, HoldsWhileAnotherThreadReadsWhatAServiceSendsWithoutEnd) {
+    EndlessService service;
+    Client client(kDeadline, service.Name());
+    service.Begin();
+    auto other =
+        std::async(std::launch::async, [&] { return KindOf([&] { client.RoundTrip(1500ms); }); });
+    ASSERT_TRUE(service.WaitForReads(100));
+    const auto time = service.TimeOf(
+        [&] { EXPECT_EQ(KindOf([&] { client.RoundTrip(200ms); }), ErrorKind::kTimedOut); });
+    EXPECT_LT(time, 1s);
+    EXPECT_EQ(other.get(), ErrorKind::kTimedOut);
+    service.Stop();
+}
+
+TEST(ClientDeadline, DestructorTakesAtMostTwoSecondsWhileAServiceSendsWithoutEnd) {
+    EndlessService service;
+    auto client = std::make_unique<Client>(kDeadline, service.Name());
+    const auto log = std::make_shared<EventLog>();
+    const orvik::Subscription subscription = client->Subscribe(HandlerOf(log));
+    // With a request outstanding the destructor waits for an answer, which never comes.
+    client->StartTransferNoData(1, orvik::TestUnitReadyCdb(), [](const orvik::TransferResult&) {});
+    service.Begin();
+    log->WaitForMore(0);
+    const auto time = service.TimeOf([&] { client.reset(); });
+    EXPECT_LT(time, 3s);  // a second for a machine that is busy
+}
+
+}  // namespace
