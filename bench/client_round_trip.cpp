@@ -1,5 +1,6 @@
-// What one synchronous transfer costs with the client library, over a client that does nothing but
-// WriteFile and ReadFile. The two take turns, so that whatever else the machine does meets both.
+// Compares the time of a synchronous transfer of the client library with that of a client that
+// calls nothing but WriteFile and ReadFile. The two take turns, so that other load on the machine
+// slows both.
 
 #include <algorithm>
 #include <array>
@@ -27,7 +28,7 @@ using Microseconds = std::chrono::duration<double, std::micro>;
 constexpr orvik::CameraId kCamera = 1;
 constexpr int kTurns = 30;
 
-/// The least that a client can do.
+/// A client with the necessary system calls only.
 class BareClient {
 public:
     BareClient() {

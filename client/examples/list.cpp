@@ -1,4 +1,4 @@
-// Lists the cameras and what they say they are.
+// Lists the cameras with their vendors and products.
 #include <iostream>
 
 #include <orvik/client.h>

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t kOutstanding = 4;
 
-/// Starts to read, and returns at once: the future gets the data, or the error.
+/// Starts a read and returns at once. The future receives the data, or the error.
 std::future<std::vector<std::byte>> StartRead(orvik::Client& client, orvik::CameraId camera,
                                               std::uint32_t first, std::uint32_t count) {
     auto promise = std::make_shared<std::promise<std::vector<std::byte>>>();

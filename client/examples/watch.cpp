@@ -1,5 +1,5 @@
-// Tells of cameras that come and go, until the service goes. Hears of changes only if no desktop
-// program is connected.
+// Prints which cameras are attached and detached, until the service ends. The service reports
+// changes only if no desktop program was connected before.
 #include <future>
 #include <iostream>
 #include <memory>
@@ -8,20 +8,20 @@
 
 int main() {
     try {
-        // Shared: the last call of the handler may still be ending when main() goes on.
+        // Shared, because the handler's last call may still be in progress when main() continues.
         auto gone = std::make_shared<std::promise<void>>();
         orvik::Client client;
         const orvik::Subscription subscription =
             client.Subscribe([gone](const orvik::Event& event) {
                 switch (event.kind) {
                     case orvik::Event::Kind::kCameraAttached:
-                        std::cout << "camera " << event.camera << " is there" << std::endl;
+                        std::cout << "camera " << event.camera << " is attached" << std::endl;
                         break;
                     case orvik::Event::Kind::kCameraDetached:
-                        std::cout << "camera " << event.camera << " has gone" << std::endl;
+                        std::cout << "camera " << event.camera << " is detached" << std::endl;
                         break;
                     case orvik::Event::Kind::kServiceGone:
-                        std::cout << "the service has gone" << std::endl;
+                        std::cout << "the service has ended" << std::endl;
                         gone->set_value();
                         break;
                 }

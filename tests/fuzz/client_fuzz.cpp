@@ -1,5 +1,5 @@
-// A fuzz target for what the client library reads of the service and of the camera. Built for the
-// host, with clang's libFuzzer: scripts/fuzz. No Windows.
+// Fuzzes the checks of the client library: messages from the service, and data from the camera.
+// scripts/fuzz builds it for the host, with clang's libFuzzer; it calls no Windows function.
 
 #include <algorithm>
 #include <cstddef>
@@ -15,7 +15,7 @@
 
 namespace orvik {
 
-// The library's own asks Windows for the words of the code.
+// The library's own constructor calls FormatMessageW.
 Error::Error(ErrorKind errorKind, const std::string& text, std::uint32_t systemCode)
     : std::runtime_error(text),
       kind(errorKind),
@@ -34,8 +34,8 @@ bool IsPrintable(const std::string& text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
 
-/// Reads `stream` in pieces of at most `mostAtOnce` bytes. Every message must have consumed what it
-/// says it is long, in its order, and hold what came.
+/// Reads `stream` in pieces of at most `mostAtOnce` bytes. Every message must have the length that
+/// its header names, and the bytes of the stream, in order.
 void ReadMessages(std::span<const std::byte> stream, std::size_t mostAtOnce) {
     orvik::MessageReader reader;
     std::size_t messageStart = 0;

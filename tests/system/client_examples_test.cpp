@@ -55,7 +55,7 @@ protected:
     RunningService service{RunMode::kServiceManager};
 };
 
-TEST_F(ClientExamplesTest, ThePageShowsTheFirstProgramAndWhatItPrints) {
+TEST_F(ClientExamplesTest, PageShowsTheFirstProgramAndItsOutput) {
     EXPECT_EQ(Blocks("cpp").at(0), ContentsOf(TestFolder() + L"\\list.cpp"));
     Program list(ExamplePath(L"list.exe"), L"");
     EXPECT_EQ(Joined(list.Output().WaitForEnd()), Blocks("text").at(0));
@@ -63,7 +63,7 @@ TEST_F(ClientExamplesTest, ThePageShowsTheFirstProgramAndWhatItPrints) {
     EXPECT_EQ(list.WaitForEnd(), 0u);
 }
 
-TEST_F(ClientExamplesTest, ReadFileReadsAllOfTheCamera) {
+TEST_F(ClientExamplesTest, ReadFileReadsTheWholeCamera) {
     std::vector<std::byte> memory(2048 * vcam::kBlockSize);
     for (std::size_t i = 0; i < memory.size(); ++i)
         memory[i] = static_cast<std::byte>(i * 7 + i / 251);
@@ -82,19 +82,19 @@ TEST_F(ClientExamplesTest, ReadFileReadsAllOfTheCamera) {
 
 using ClientExamplesWatchingTest = WatchingTest;
 
-TEST_P(ClientExamplesWatchingTest, WatchTellsOfWhatComesAndGoes) {
+TEST_P(ClientExamplesWatchingTest, WatchPrintsAttachedAndDetachedCameras) {
     Program watch(ExamplePath(L"watch.exe"), L"");
     const std::string name = "camera " + std::to_string(nextId);
     {
-        // Whichever is first, the program or the camera, it is told once.
+        // Printed once, whether the program or the camera is first.
         const PluggedCamera camera(bus);
-        watch.Output().WaitFor(name + " is there");
+        watch.Output().WaitFor(name + " is attached");
     }
-    watch.Output().WaitFor(name + " has gone");
+    watch.Output().WaitFor(name + " is detached");
     service.Stop();
-    EXPECT_EQ(
-        watch.Output().WaitForEnd(),
-        (std::vector<std::string>{name + " is there", name + " has gone", "the service has gone"}));
+    EXPECT_EQ(watch.Output().WaitForEnd(),
+              (std::vector<std::string>{name + " is attached", name + " is detached",
+                                        "the service has ended"}));
     EXPECT_EQ(watch.WaitForEnd(), 0u);
 }
 
