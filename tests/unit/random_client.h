@@ -27,7 +27,7 @@ inline constexpr std::uint32_t kSlowCamera = 2;  // answers later than what is a
 inline constexpr std::uint32_t kCameras = 2;
 inline constexpr std::uint32_t kClients = 3;
 inline constexpr std::uint32_t kBlocksOfAClient = 32;
-inline constexpr std::size_t kLargestBatch = 80;          // messages in one write
+inline constexpr std::size_t kLargestBatch = 120;         // messages in one write
 inline constexpr std::size_t kMessagesOfASession = 2000;  // about; then the client connects anew
 
 /// What a client met that the model doesn't allow.
@@ -96,7 +96,7 @@ private:
     void AddRequestWithoutACommand() {
         const std::uint32_t id = NewRequestId();
         const std::uint32_t camera = AnyNumber();
-        Add(RequestType(), id, camera, RandomBytes(OneIn(2) ? Below(kCdbFieldSize) : 0));
+        Add(RequestType(), id, camera, RandomBytes(OneIn(3) ? Below(kCdbFieldSize) : 0));
         outstanding[id] = Failed(id, camera);
     }
 
@@ -105,7 +105,7 @@ private:
         if (type >= kTransferOut && type <= kTransferNoData)
             type += 3;
         Add(type, AnyNumber(), AnyNumber(),
-            RandomBytes(OneIn(2) ? Below(OneIn(20) ? 3000 : 40) : 0));
+            RandomBytes(OneIn(3) ? Below(OneIn(20) ? 3000 : 40) : 0));
     }
 
     /// A command block with random bytes where the camera doesn't look.
