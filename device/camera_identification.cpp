@@ -25,7 +25,7 @@ bool QueryDescriptor(HANDLE device, void* descriptor, DWORD size) noexcept {
 }
 
 /// The descriptor as the driver gave it: `size` bytes, and one more that ends a string for which
-/// the driver has forgotten to. The offsets in it are the driver's and are not trusted.
+/// the driver has forgotten its NUL. The offsets in it are the driver's and are not trusted.
 class Descriptor {
 public:
     explicit Descriptor(DWORD descriptorSize) noexcept
@@ -61,7 +61,7 @@ static_assert(sizeof(STORAGE_PROPERTY_QUERY) == 12);
 static_assert(sizeof(STORAGE_DESCRIPTOR_HEADER) == 8);
 
 bool IdentifyCamera(const wchar_t* path, bool acceptChipIdentity) noexcept {
-    // No access rights: enough for the query, and it disturbs nobody who reads or writes.
+    // No access rights: enough for the query, and it does not disturb programs that read or write.
     const UniqueHandle device =
         OwnFile(::CreateFileW(path, 0, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     if (!device)

@@ -41,8 +41,8 @@ Device::Device(std::wstring interfacePath, std::uint32_t cameraId, HANDLE port)
       completionPort(port) {}
 
 Device::~Device() {
-    // One close stands for as many as are open: only the one that ends the count does anything,
-    // and after a Close() too many the count is four thousand million.
+    // One call instead of `openCount` calls: only the last of them would close anything, and after
+    // an extra Close() the count is about four thousand million.
     if (openCount != 0) {
         openCount = 1;
         Close();

@@ -44,32 +44,32 @@ public:
     /// `completionPort` is not owned and outlives the device. Makes no system call.
     Device(std::wstring interfacePath, std::uint32_t cameraId, HANDLE completionPort);
 
-    /// Closes the handle unless the count is 0. Transfers that are pending in the driver go on;
+    /// Closes the handle unless the count is 0. Transfers that are pending in the driver continue;
     /// their packets come later.
     ~Device();
 
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
-    /// Counted: the first open opens the path for reading and writing, shared with nobody, and
+    /// Counted: the first open opens the path for reading and writing, without sharing it, and
     /// binds the handle to the completion port under the key (low 32 bits of the handle) + 10000.
-    /// Throws WindowsException; the count is unchanged then. If it was the binding that failed, the
-    /// handle stays open, until the destructor if a Close() too many has wrapped the count, else
-    /// as long as the process lives; a later first open opens a second one over it.
+    /// Throws WindowsException and leaves the count unchanged. If the binding failed, the handle
+    /// stays open, and a later first open overwrites it with a second one. The destructor closes it
+    /// only if an extra Close() has wrapped the count; otherwise it is open until the process ends.
     void Open();
 
-    /// Counted: the last close closes the handle. The count is not checked: closing what is not
-    /// open wraps it, as a session does that ends after Open() threw.
+    /// Counted: the last close closes the handle. The count is not checked: an extra call wraps it,
+    /// and a session that ends after Open() threw makes such a call.
     void Close() noexcept;
 
     /// Starts one SCSI command and returns. The outcome comes through `operation`, which must be
     /// pending (new or Reset()) and then belongs to the port; its `transferBuffer` is the
     /// PassThroughBuffer, which the completion handler frees. The packet's byte count is that of
-    /// the whole block, and scsi.ScsiStatus in it says whether the camera took the command.
+    /// the whole block, and scsi.ScsiStatus in it says whether the camera accepted the command.
     ///
     /// `length` is the transfer length in bytes, 0 or more. `data` points to as many bytes, which
-    /// are copied; it is not looked at for kTransferIn and kTransferNoData. Every type that is
-    /// neither of them is sent as data-out.
+    /// are copied; it is not read for kTransferIn and kTransferNoData. Every other type is sent as
+    /// data-out.
     ///
     /// Throws WindowsException when the device is removed (nothing is allocated) or the call fails
     /// at once (the block is freed, but `transferBuffer` still shows its address: don't use it).

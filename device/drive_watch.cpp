@@ -17,7 +17,7 @@ HWND notificationWindow = nullptr;
 
 namespace {
 
-/// Takes a new look at the drives; a bit for each that has come or gone since the last one.
+/// Updates `knownDrives`. Returns a bit for each drive that has appeared or disappeared since.
 DWORD ChangedDrives() noexcept {
     const DWORD present = ::GetLogicalDrives();
     const DWORD changed = knownDrives ^ present;
@@ -61,7 +61,7 @@ void ScanDrives(bool firstScan) {
     std::wstring root = L"A:";
     std::size_t index = 0;
     for (DWORD changed = ChangedDrives(); changed != 0; changed >>= 1) {
-        // A drive that has gone has no root any more, and so is not a removable one.
+        // A drive that has disappeared has no root any more, so it does not count as removable.
         if ((changed & 1) != 0 && ::GetDriveTypeW(root.c_str()) == DRIVE_REMOVABLE) {
             DriveSlot& slot = driveSlots[index];
             slot.Release();
@@ -87,7 +87,7 @@ void CheckLibraryDrive(wchar_t driveLetter) {
     if (!::PathFileExistsW((folder + L"orviklibrary.db").c_str()) &&
         !::PathFileExistsW((folder + L"database.db").c_str()))
         return;
-    // The one call into the server that doesn't go over the port, see there.
+    // The one call into the server that does not go through the port, see there.
     if (Server* const server = theServer)
         server->LaunchIfNoMainCommunicator();
 }

@@ -34,7 +34,7 @@ void IoOperation::Reset() {
 
 void IoOperation::Complete(std::uint32_t bytes, std::uint64_t key) {
     if (keeper != nullptr)
-        keeper->issued = false;  // the packet is off the port, whatever becomes of it here
+        keeper->issued = false;  // the packet is off the port, even if it is refused below
     if (status != kPending) {
         std::cerr << "IoOperation::Complete expected status == kPending, instead status = "
                   << status << std::endl;
@@ -70,7 +70,7 @@ KeptOperation::~KeptOperation() {
         return;
     }
     operation->keeper = nullptr;
-    // One that was issued without a Reset() would refuse its packet, and nobody would free it.
+    // One that was issued without a Reset() would refuse its packet, and would never be freed.
     if (operation->status != IoOperation::kPending)
         operation->Reset();
 }

@@ -22,13 +22,14 @@ using IoCallback = boost::function<void(IoOperation*)>;
 /// Complete() or Error(), which calls the callback.
 ///
 /// Ownership: once issued, an operation belongs to the port until its packet has been taken off
-/// it, whoever else goes away first. "Its OVERLAPPED is not pending any more" does not say that:
-/// a packet that is queued but not yet taken already shows its final status. A packet with error
-/// 995 frees its operation without the callback. An owner that keeps an operation from one use to
-/// the next holds it in a KeptOperation, which knows all that. What the system may still write
-/// into lives as long as the operation; the simplest way is to let the callback own it.
+/// the port, even if its owner is destroyed before. An OVERLAPPED that is no longer pending does
+/// not prove that: a packet that is queued but not yet taken already shows its final status. The
+/// dispatcher frees an operation whose packet has error 995, without calling the callback. An owner
+/// that uses an operation again and again holds it in a KeptOperation, which follows these rules.
+/// Memory that the system may still write to must live as long as the operation. The simplest way
+/// is to let the callback own it (see OwnerLink).
 ///
-/// Thread: dispatcher only, but for making and posting one, which any thread may do.
+/// Thread: dispatcher only, except that any thread may make and post one.
 class IoOperation {
 public:
     enum Status : std::uint32_t {
@@ -67,7 +68,7 @@ public:
     std::uint32_t errorCode = 0;         ///< system error code; set by Error()
 
     /// A block from malloc that travels with the operation (the pass-through block of a transfer,
-    /// the record of a device event) or null. Freed by whoever consumes the packet, never by the
+    /// the record of a device event) or null. The code that consumes the packet frees it, never the
     /// operation itself.
     void* transferBuffer = nullptr;
 
@@ -78,8 +79,8 @@ public:
 
 /// An operation that its owner keeps and issues again and again: pipe accept, read and write.
 ///
-/// Frees it at the end, unless it is issued then: in that case it is left to the port, and its
-/// callback, which is called with its packet, has to free it and to touch nothing of the owner.
+/// The destructor frees the operation unless it is issued. An issued one is left to the port; its
+/// callback is called with the packet, and must free it and touch nothing of the owner.
 /// Thread: dispatcher only.
 class KeptOperation {
 public:
@@ -92,10 +93,10 @@ public:
     /// Null once the dispatcher has freed it, because its packet came with error 995.
     IoOperation* Get() const noexcept { return operation; }
 
-    /// Call it when the I/O has been started and a packet is to come.
+    /// Call it when the I/O has been started and a packet will come.
     void SetIssued() noexcept { issued = true; }
 
-    /// True until its packet has been taken off the port, also when the operation refuses it.
+    /// True until its packet has been taken off the port, even if the operation refused the packet.
     bool IsIssued() const noexcept { return issued; }
 
 private:

@@ -23,7 +23,7 @@ LogFile::~LogFile() {
     try {
         Close();
     } catch (const std::ios_base::failure&) {
-        // Every record has been flushed before.
+        // Not reported. Write() flushes each record and throws if that fails.
     }
 }
 
@@ -31,7 +31,7 @@ void LogFile::Open() {
     const fs::path folder = path.parent_path();
     if (!fs::exists(fs::status(folder)))
         fs::create_directories(folder);
-    stream.clear();  // what an earlier failure has left
+    stream.clear();  // an earlier failure may have set its error state
     // Not the stream's own open(): with GNU's library that converts the path to the ANSI code page,
     // which doesn't have every user's name.
     if (stream.rdbuf()->open(path.c_str(), std::ios_base::out | std::ios_base::app) == nullptr)

@@ -7,8 +7,8 @@
 #include <boost/filesystem/path.hpp>
 #include <boost/thread/recursive_mutex.hpp>
 
-/// A text file that records are appended to, each flushed at once. Opened by the first Write();
-/// other processes may have it open too.
+/// A text file to which records are appended, each flushed at once. The first Write() opens it.
+/// Other processes may have it open too.
 ///
 /// Thread: any. Records of different threads are written whole.
 class LogFile {
@@ -16,16 +16,16 @@ public:
     /// `maximumRecordLength` is in bytes, 0 for no limit. Opens nothing.
     LogFile(boost::filesystem::path filePath, std::uint64_t maximumRecordLength);
 
-    /// Closes the file. A failure of that goes unreported.
+    /// Closes the file. A failure to close it goes unreported.
     virtual ~LogFile();
 
     LogFile(const LogFile&) = delete;
     LogFile& operator=(const LogFile&) = delete;
 
-    /// Appends `record`, which brings its own line end. One above the maximum length is cut to it,
-    /// and "...\n" follows. Makes the folder and its parents if they are missing.
-    /// Throws std::ios_base::failure and boost::filesystem::filesystem_error; a file that could not
-    /// be opened is tried again by the next call.
+    /// Appends `record`, which includes its own line end. A longer one than the maximum length is
+    /// cut to that length, and "...\n" follows. Makes the folder and its parents if they are
+    /// missing. Throws std::ios_base::failure and boost::filesystem::filesystem_error; a file that
+    /// could not be opened is tried again by the next call.
     void Write(const std::string& record);
 
     /// Closes the file if it is open; the next Write() opens it again.

@@ -40,16 +40,16 @@ const char* LevelName(LogLevel level) noexcept;
 void LogPrintf(LogLevel level, const char* module, const char* file, int line, const char* format,
                ...) noexcept;
 
-/// The same with a message that is complete.
+/// The same with a finished message.
 void LogRecord(LogLevel level, const char* module, const char* file, int line,
                const std::string& message) noexcept;
 
-/// What printf would write. Throws std::bad_alloc, and std::runtime_error for an argument that
-/// can't be converted (a wide character that the C locale doesn't have).
+/// The text that printf would write. Throws std::bad_alloc, and std::runtime_error for an argument
+/// that can't be converted (a wide character that the C locale doesn't have).
 std::string FormatString(const char* format, std::va_list arguments);
 
-/// The log of the process: decides which records are wanted, and owns their file. LogPrintf() and
-/// LogRecord() are its users.
+/// The log of the process: decides which records are written, and owns their file. Used by
+/// LogPrintf() and LogRecord().
 ///
 /// A record is a line "[seconds since 1970, UTC][level][module]:\tmessage\n". The environment
 /// variable LOG_MODULES, read once, lists the modules whose records are wanted, separated by
@@ -70,12 +70,12 @@ public:
     /// Whether records of this level and module are written.
     bool IsWanted(LogLevel level, const char* module) const;
 
-    /// True if LOG_MODULES names the module, in whatever case, or has not been read or set.
+    /// True if LOG_MODULES lists the module (case does not matter), or has not been read or set.
     bool IsModuleEnabled(const char* module) const;
 
     /// Before the first record is written: rotates the file (see RotateLogFiles()) and reads
-    /// LOG_MODULES. Where that fails the next call tries again. So the first record is written
-    /// whatever LOG_MODULES says: its module is looked at before. Kept on purpose.
+    /// LOG_MODULES. After a failure the next call tries again. Kept on purpose: the first record is
+    /// written even if LOG_MODULES does not list its module, because that is checked before.
     /// Throws as RotateLogFiles(), and boost::thread_resource_error.
     void EnsureOpen();
 

@@ -1,4 +1,4 @@
-// The table of cameras: found at start-up, arriving, leaving, given up.
+// The table of cameras: those found at the start, arriving, leaving and given up.
 
 #include <algorithm>
 #include <cstddef>

@@ -1,4 +1,4 @@
-// The listening instance of the camera pipe, and what happens when a client has connected to it.
+// The listening instance of the camera pipe, and the acceptance of a client that connects to it.
 
 #include <cstdint>
 #include <iostream>
@@ -48,7 +48,7 @@ class PipeSecurity {
 public:
     PipeSecurity() {
         EXPLICIT_ACCESS_W entries[] = {
-            FullAccessFor(localLogon),   // desktop programs of whoever is logged on locally
+            FullAccessFor(localLogon),   // desktop programs of users logged on locally
             FullAccessFor(localSystem),  // the service itself, for its further instances
         };
         PACL list = nullptr;
@@ -100,8 +100,8 @@ void Server::StartListening() {
 
     if (!::ConnectNamedPipe(listeningPipe.get(), &acceptOperation.Get()->overlapped)) {
         const DWORD error = ::GetLastError();
-        // A client was faster than ConnectNamedPipe, which then queues no packet. It gets the one
-        // that every other client gets, so that it is served and the next instance is opened.
+        // A client has connected before ConnectNamedPipe, which then queues no packet. The packet
+        // is posted here, so that this client is accepted like any other.
         const bool connected = error == ERROR_PIPE_CONNECTED &&
                                ::PostQueuedCompletionStatus(completionPort, 0, key,
                                                             &acceptOperation.Get()->overlapped);

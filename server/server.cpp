@@ -71,7 +71,7 @@ void Server::RemoveClient(ServerClient* client) {
         mainCommunicator.reset();
         return;
     }
-    // Kept on purpose: a camera pipe that leaves while nobody is main communicator says so.
+    // Kept on purpose: this line also when a camera pipe leaves.
     if (!mainCommunicator)
         std::cerr << "No main communicator when RemoveClient() called.\n";
     const auto found = std::find_if(cameraClients.begin(), cameraClients.end(),

@@ -23,37 +23,37 @@ class ServerClient;
 /// Thread: the dispatcher thread makes, uses and destroys it. PostQuit(), PostDeviceEvent() and
 /// LaunchIfNoMainCommunicator() are for other threads, as they say.
 ///
-/// The client that connects while no main communicator is connected becomes the main communicator,
-/// and is the one that is told of cameras that come and go. All others are camera pipes.
+/// A client that connects while no main communicator is connected becomes the main communicator,
+/// which is notified when cameras arrive and leave. All other clients are camera pipes.
 class Server {
 public:
-    /// Records the cameras among the disk and CD-ROM devices present, starting the desktop
+    /// Records the cameras among the disk and CD-ROM devices present, starts the desktop
     /// application for each, and opens the first pipe instance. `port` is not owned and outlives
-    /// the server and every packet that it still holds for it.
+    /// the server and every packet for it that is still on the port.
     /// Throws WindowsException and std::bad_alloc.
     explicit Server(HANDLE port);
 
-    /// Releases the clients, the listening instance and the cameras. Their pending operations stay
-    /// behind and free themselves with their packets, if somebody still takes those off the port.
+    /// Releases the clients, the listening instance and the cameras. Their issued operations stay
+    /// behind and free themselves when their packets are taken off the port.
     ~Server();
 
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    /// Ends the dispatcher loop once it has taken what is queued before. For the control handler's
-    /// thread: touches only the port and a new operation. Throws WindowsException.
+    /// Ends the dispatcher loop after the packets that are queued already. For the control
+    /// handler's thread: touches only the port and a new operation. Throws WindowsException.
     void PostQuit();
 
     /// Hands a copy of a broadcast record (`dbch_size` bytes, see <dbt.h>) and its WM_DEVICECHANGE
-    /// event code to the dispatcher thread. For the thread of the notification window: touches only
-    /// the port, and what it has just made. May also be called after the server's end, as long as
-    /// its memory is there: nobody takes the packet then. Throws WindowsException and
-    /// std::bad_alloc.
+    /// event code to the dispatcher thread. Drops a record that is shorter than its own header.
+    /// For the thread of the notification window: touches only the port and the new operation. May
+    /// also be called after the server has been destroyed, as long as its memory exists; no thread
+    /// takes the packet then. Throws WindowsException and std::bad_alloc.
     void PostDeviceEvent(WPARAM eventCode, const DEV_BROADCAST_HDR* record);
 
-    /// Starts the desktop application unless a main communicator is connected. Also for the thread
-    /// of the notification window, and then deliberately unguarded: it looks at the main
-    /// communicator while the dispatcher thread may change it. Never throws.
+    /// Starts the desktop application unless a main communicator is connected. For the thread of
+    /// the notification window, deliberately without a lock: it reads the pointer to the main
+    /// communicator while the dispatcher thread may change it. Allocates nothing and never throws.
     void LaunchIfNoMainCommunicator() noexcept;
 
     /// Empty if none is connected. Dispatcher thread.
@@ -65,14 +65,15 @@ public:
     /// Drops the registry's reference, which destroys the client at once.
     void RemoveClient(ServerClient* client);
 
-    /// Gives up a camera for which no transfer could be started and tells the main communicator.
-    /// Does nothing for an empty pointer. May destroy the main communicator (it may have hung up).
+    /// Gives up a camera for which no transfer could be started and notifies the main communicator.
+    /// Does nothing for an empty pointer. Destroys the main communicator's session if its client
+    /// has hung up.
     void RemoveDevice(const boost::shared_ptr<Device>& device);
 
 private:
     // listening_pipe.cpp
-    /// Opens the next pipe instance and waits for its client. A failure is one line on standard
-    /// error, and the end of accepting.
+    /// Opens the next pipe instance and starts to wait for its client. A failure writes one line to
+    /// standard error, and no further client can connect.
     void ListenOnPipe() noexcept;
     void StartListening();
     void OnClientConnected(IoOperation* operation);
@@ -86,7 +87,7 @@ private:
 
     // application_launcher.cpp
     /// Starts the desktop application in the session of the user at the console, with that user's
-    /// token, environment and desktop. Touches nothing of the server.
+    /// token, environment and desktop. Allocates nothing and touches nothing of the server.
     void LaunchApplication() noexcept;
 
     /// A share of the newest server's `self` that remains after the server's end.
@@ -97,12 +98,12 @@ private:
     HANDLE completionPort;                                       // not owned
     UniqueHandle listeningPipe;                                  // bound to the port; empty if none
     std::uint32_t nextDeviceId = 1;                              // identifiers are never reused
-    KeptOperation acceptOperation;                               // for every ConnectNamedPipe
+    KeptOperation acceptOperation;                               // used by each ConnectNamedPipe
     std::vector<boost::shared_ptr<ServerClient>> cameraClients;  // in the order of connection
     std::map<std::int32_t, boost::shared_ptr<Device>> devices;   // by identifier, signed
     boost::shared_ptr<ServerClient> mainCommunicator;            // empty if none
 };
 
-/// The one server of the process; null until it is constructed, and never set back. The control
-/// handler and the notification window reach it from their threads.
+/// The one server of the process. Null until it is constructed, and never reset. The control
+/// handler and the notification window use it from their threads.
 extern std::atomic<Server*> theServer;

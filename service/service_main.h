@@ -10,12 +10,13 @@ extern BYTE runningAsService;
 /// calling thread until a stop control arrives, and takes everything down. In the foreground
 /// nothing stops it. The arguments are not read.
 ///
-/// Throws WindowsException and whatever a completion handler throws in the foreground. As a
-/// service it doesn't return from such an exception: the process ends at once, without a report
-/// of STOPPED, so that the service control manager sees a crash and can restart it.
+/// In the foreground it throws WindowsException and the exceptions of completion handlers. As a
+/// service it does not return from an exception: the server and the crash server are destroyed, a
+/// dump is written, and the process ends with the exit code 0xE04F5256, without reporting STOPPED,
+/// so that the service control manager sees a crash and can restart it.
 void WINAPI ServiceMain(DWORD argc, LPWSTR* argv);
 
-/// Takes the stop control: reports STOP_PENDING and has the dispatcher end its loop. Ignores every
-/// other control. Runs on the service control dispatcher's thread.
+/// Handles the stop control: reports STOP_PENDING and makes the dispatcher end its loop. Ignores
+/// every other control. Runs on the service control dispatcher's thread.
 /// Throws WindowsException.
 void WINAPI ServiceCtrlHandler(DWORD control);

@@ -4,9 +4,10 @@
 
 /// While it lives, std::wcout writes UTF-8 to std::cout's buffer.
 ///
-/// Without it the C runtime converts to the "C" locale, and the first character that this has not
-/// (in a device path, say) fails the stream and silences every wide line after it.
-/// Thread: as std::wcout without synchronisation, one at a time.
+/// Without it the C runtime converts to the "C" locale. The first character that this locale does
+/// not have (for example in a device path) makes the stream fail, and no wide line after it is
+/// written.
+/// Thread: one at a time, as for std::wcout without synchronisation.
 class WideOutput : public std::wstreambuf {
 public:
     WideOutput();

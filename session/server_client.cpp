@@ -50,7 +50,7 @@ ServerClient::~ServerClient() {
         attachedCamera.reset();
     }
 
-    // What no issued operation uses goes now, and not with the last transfer's packet.
+    // Memory that no issued operation uses is freed now, and not with the last transfer's packet.
     if (!bodyReadOperation.IsIssued())
         memory->body.reset();
     auto& queue = memory->writeQueue;
@@ -67,7 +67,7 @@ SessionState ServerClient::SendCameraDetached(const Device& camera) {
     return QueueMessage({kCameraDetached, kNotificationId, camera.Id(), 0});
 }
 
-// A read that succeeds at once queues its packet all the same, one that fails at once does not.
+// A read that succeeds at once also queues a packet; one that fails at once does not.
 void ServerClient::DoRead() {
     auto* const target = reinterpret_cast<std::byte*>(&memory->header) + received;
     const auto size = static_cast<DWORD>(sizeof(MessageHeader) - received);
@@ -107,8 +107,8 @@ void ServerClient::ReadHeaderComplete(IoOperation* operation) {
     }
     received += operation->bytesTransferred;
     if (received != sizeof(MessageHeader)) {
-        // Without a Reset(), so the packet of this read is refused and the session reads nothing
-        // more: a client that writes a header in pieces stalls, and only itself.
+        // Kept on purpose: without a Reset() the operation refuses the packet of this read, and the
+        // session reads nothing more. A client that writes a header in pieces stalls only itself.
         DoRead();
         return;
     }

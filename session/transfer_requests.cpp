@@ -31,8 +31,8 @@ bool IsBodyLengthValid(const MessageHeader& header) noexcept {
            header.bodyLength - kCdbFieldSize <= kLargestTransfer;
 }
 
-/// True for an I/O call that returned failure but whose packet comes all the same: the system
-/// queues one for a warning status, such as that of a data overrun, and drops it only for errors.
+/// True for an I/O call that returned failure but queued a packet: the system queues one for a
+/// warning status, such as that of a data overrun, and none for an error status.
 bool PacketFollows(const IoOperation& operation) noexcept {
     constexpr unsigned kWarning = 2;  // severity in the two highest bits of an NTSTATUS
     return static_cast<std::uint32_t>(operation.overlapped.Internal) >> 30 == kWarning;
