@@ -1,5 +1,5 @@
-// Device records that no system sends: shorter than they say they are used, or with a name that
-// does not end. The guarded heap stops the program when one is read beyond its end.
+// Device records that the system never sends: too short for their type, or with a name that is not
+// terminated. The guarded heap stops the program when one is read beyond its end.
 
 #include <algorithm>
 #include <cstddef>

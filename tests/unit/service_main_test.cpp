@@ -372,7 +372,7 @@ TEST(ServiceMain, FailureOfAHandlerEndsTheServiceOnceTheServerIsDestroyed) {
                    "sessions ended: 1\n"));
 }
 
-// As Wine's does when its debugger has looked.
+// RaiseException returns under Wine 10 when its debugger is on.
 TEST(ServiceMain, FailureOfAHandlerEndsTheProcessAlsoWhenRaisingTheFaultReturns) {
     vcam::Bus().UnplugAll();
     constexpr DWORD kEndedByException = 0xE04F5256;

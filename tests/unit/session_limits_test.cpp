@@ -51,7 +51,7 @@ protected:
     std::unique_ptr<PipeClient> client;
 };
 
-// Wine does not deliver such a packet of a driver. So the driver's own packet gets another count.
+// Wine does not deliver a packet with such a count, so the test changes the count of the packet.
 TEST_F(SessionLimitsTest, DriverThatClaimsMoreThanItsBlockHoldsIsAnsweredWithTheBlocksDataAlone) {
     const vcam::CameraId camera = Plug();
     const Bytes memory = Pattern(65536);
