@@ -47,6 +47,7 @@ public:
 
     /// Sends about `count` messages. Throws Unexpected.
     void Run(std::size_t count, std::atomic<std::size_t>& progress) {
+        ConnectProbe();
         for (std::size_t sent = 0; sent < count;) {
             Connect();
             for (std::size_t ofSession = 0; ofSession < kMessagesOfASession && sent < count;) {
@@ -57,6 +58,8 @@ public:
             }
             Leave();
         }
+        AskOnProbe(kTransferSucceeded, RequestBytes(kTransferNoData, 0, 1, TestUnitReady()));
+        probe.reset();
     }
 
 private:
@@ -215,15 +218,43 @@ private:
 
     // ---- The exchange.
 
-    void Connect() {
+    static UniqueHandle Open() {
+        UniqueHandle file;
         do {
-            pipe = OwnFile(::CreateFileW(kCameraPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+            file = OwnFile(::CreateFileW(kCameraPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                          OPEN_EXISTING, 0, nullptr));
             // Another client has just taken the instance.
-        } while (!pipe && ::GetLastError() == ERROR_PIPE_BUSY &&
+        } while (!file && ::GetLastError() == ERROR_PIPE_BUSY &&
                  ::WaitNamedPipeW(kCameraPipeName, 20'000));
-        if (!pipe)
+        if (!file)
             throw Unexpected("can't connect");
+        return file;
+    }
+
+    /// A second connection, which says how far the service is.
+    void ConnectProbe() {
+        probe = Open();
+        Bytes announcements(kCameras * sizeof(MessageHeader));
+        for (std::size_t at = 0; at < announcements.size(); at += sizeof(MessageHeader)) {
+            DWORD count = 0;
+            ::ReadFile(probe.get(), announcements.data() + at, sizeof(MessageHeader), &count,
+                       nullptr);
+        }
+    }
+
+    /// On return the service has taken at least the newest packet of the other connection.
+    void AskOnProbe(std::uint32_t answerType, std::span<const std::byte> request) {
+        DWORD count = 0;
+        MessageHeader answer{};
+        if (!::WriteFile(probe.get(), request.data(), static_cast<DWORD>(request.size()), &count,
+                         nullptr) ||
+            !::ReadFile(probe.get(), &answer, sizeof(answer), &count, nullptr) ||
+            count != sizeof(answer) || answer.messageType != answerType)
+            throw Unexpected("no answer on the second connection");
+    }
+
+    void Connect() {
+        pipe = Open();
         for (std::uint32_t camera = 1; camera <= kCameras; ++camera) {
             const Message message = Read();
             if (!(message == Attached(camera)))
@@ -243,16 +274,22 @@ private:
 
     /// Sends messages and reads all of their answers. Returns how many messages they were.
     std::size_t ExchangeBatch() {
-        const std::size_t count = 1 + Below(kLargestBatch);
+        // A message alone is read as far as it has been sent when the second connection has its
+        // answer, so its pieces reach the service one by one.
+        const bool alone = OneIn(4);
+        const std::size_t count = alone ? 0 : 1 + Below(kLargestBatch);
         const std::uint32_t camera = OneIn(20) ? kSlowCamera : kOrdinaryCamera;
         for (std::size_t index = 0; index < count; ++index)
             AddRandomMessage(camera);
+        if (alone)
+            AddWrite();
         std::span<const std::byte> rest(batch);
         // The last body may come in pieces, because nothing follows it before its answer.
         if (lastIsAnswered && lastBody > 1) {
             for (std::uint32_t pieces = Below(3); pieces != 0 && lastBody > 1; --pieces) {
                 const std::size_t later = 1 + Below(static_cast<std::uint32_t>(lastBody) - 1);
                 Write(rest.first(rest.size() - later));
+                AskOnProbe(kTransferFailed, MessageBytes(kTransferNoData, 0, 0));
                 rest = rest.last(later);
                 lastBody = later;
             }
@@ -260,7 +297,7 @@ private:
         Write(rest);
         batch.clear();
         ReadAnswers();
-        return count;
+        return count + (alone ? 1 : 0);
     }
 
     void ReadAnswers() {
@@ -322,6 +359,7 @@ private:
     Bytes memory;              // what is in that part
     const Bytes& slowMemory;   // what is in the slow camera
     UniqueHandle pipe;
+    UniqueHandle probe;
     Bytes batch;               // messages that are not sent yet
     std::size_t lastBody = 0;  // length of the newest message's body
     bool lastIsAnswered = false;
