@@ -15,13 +15,18 @@ protected:
     Result Write(const std::wstring& arguments, const std::filesystem::path& file) const {
         return OrvikctlInForeground(L"write " + arguments + L" -i " + Quoted(file));
     }
+
+    /// The start of the message about the size of a file.
+    std::string SizeOf(const std::filesystem::path& file) const {
+        return "the size of " + Narrow((folder / file).wstring()) + " is ";
+    }
 };
 
 TEST_F(OrvikctlBlocks, ReadTakesTheWholeCamera) {
     const Result result = Read(L"", L"all.bin");
     EXPECT_EQ(result.exitCode, 0u);
     EXPECT_EQ(result.output, Lines{});
-    EXPECT_EQ(result.errors, Lines{"read 300 blocks from 0 on, 153600 bytes"});
+    EXPECT_EQ(result.errors, Lines{"read 300 blocks starting at block 0, 153600 bytes"});
     EXPECT_EQ(ContentOf(L"all.bin"), content);
     EXPECT_EQ(Files().size(), 1u);
 }
@@ -40,10 +45,14 @@ TEST_F(OrvikctlBlocks, ReadTakesTheBlocksAskedFor) {
 }
 
 TEST_F(OrvikctlBlocks, ReadBeyondTheEnd) {
-    EXPECT_TRUE(Failed(Read(L"--first 300", L"x"), 1, "the camera has 300 blocks"));
-    EXPECT_TRUE(Failed(Read(L"--first 299 --blocks 2", L"x"), 1, "the camera has 300 blocks"));
     EXPECT_TRUE(
-        Failed(Read(L"--first 4294967295 --blocks 4294967295", L"x"), 1, "the camera has 300"));
+        Failed(Read(L"--first 300", L"x"), 1,
+               "the camera has 300 blocks: --first must be a number from 0 to 299, not 300"));
+    EXPECT_TRUE(Failed(Read(L"--first 299 --blocks 2", L"x"), 1,
+                       "the camera has 300 blocks: starting at block 299, --blocks must be at most "
+                       "1, not 2"));
+    EXPECT_TRUE(Failed(Read(L"--first 4294967295 --blocks 4294967295", L"x"), 1,
+                       "the camera has 300 blocks: --first must be "));
     ExpectNoFiles();
 }
 
@@ -76,7 +85,7 @@ TEST_F(OrvikctlBlocks, FolderThatIsNotThere) {
 
 TEST_F(OrvikctlBlocks, TargetThatIsAFolder) {
     std::filesystem::create_directory(folder / L"x");
-    EXPECT_TRUE(Failed(Read(L"", L"x"), 1, "cannot create "));
+    EXPECT_TRUE(Failed(Read(L"", L"x"), 1, "cannot rename "));
     EXPECT_EQ(Files(), std::vector<std::filesystem::path>{L"x"});
 }
 
@@ -85,7 +94,8 @@ TEST_F(OrvikctlBlocks, CameraThatReturnsLessThanItWasAskedFor) {
     few.maximumDataBytes = 10;  // enough for READ CAPACITY
     camera.Set(few);
     EXPECT_TRUE(
-        Failed(Read(L"", L"x"), 9, "the camera returned 10 bytes for 128 blocks from 0 on"));
+        Failed(Read(L"", L"x"), 9,
+               "the camera returned 10 bytes instead of 65536 for 128 blocks starting at block 0"));
     few.maximumDataBytes = 7;
     camera.Set(few);
     EXPECT_TRUE(Failed(Read(L"", L"x"), 9));
@@ -98,7 +108,7 @@ TEST_F(OrvikctlBlocks, WriteTakesTheWholeFile) {
     const Result result = Write(L"", L"x");
     EXPECT_EQ(result.exitCode, 0u);
     EXPECT_EQ(result.output, Lines{});
-    EXPECT_EQ(result.errors, Lines{"wrote 300 blocks from 0 on, 153600 bytes"});
+    EXPECT_EQ(result.errors, Lines{"wrote 300 blocks starting at block 0, 153600 bytes"});
     EXPECT_EQ(Memory(), whole);
 }
 
@@ -117,11 +127,13 @@ TEST_F(OrvikctlBlocks, WriteLeavesTheOtherBlocksAlone) {
 TEST_F(OrvikctlBlocks, WriteOfWhatDoesNotFit) {
     EXPECT_TRUE(Failed(Write(L"", L"none"), 1, "cannot open "));
     MakeFile(L"x", {});
-    EXPECT_TRUE(Failed(Write(L"", L"x"), 1, "the file has 0 bytes"));
+    EXPECT_TRUE(Failed(Write(L"", L"x"), 1, SizeOf("x") + "0 bytes, but must be a multiple of "));
     MakeFile(L"x", Bytes(513));
-    EXPECT_TRUE(Failed(Write(L"", L"x"), 1, "the file has 513 bytes"));
+    EXPECT_TRUE(Failed(Write(L"", L"x"), 1, SizeOf("x") + "513 bytes, but must be a multiple of "));
     MakeFile(L"x", Bytes(2 * vcam::kBlockSize));
-    EXPECT_TRUE(Failed(Write(L"--first 299", L"x"), 1, "the camera has 300 blocks"));
+    EXPECT_TRUE(Failed(Write(L"--first 299", L"x"), 1,
+                       "the camera has 300 blocks: starting at block 299, the number of blocks in "
+                       "the file must be at most 1, not 2"));
     EXPECT_EQ(Memory(), content);
 }
 
@@ -194,7 +206,8 @@ TEST_F(OrvikctlInTheMiddle, AnswersInTheWrongOrder) {
 TEST_F(OrvikctlInTheMiddle, CameraUnpluggedWhileReading) {
     StartReading();
     camera.Unplug();
-    EXPECT_TRUE(Failed(program->Finish(), 8, "the camera refused 128 blocks from 0 on"));
+    EXPECT_TRUE(Failed(program->Finish(), 8,
+                       "the camera refused the command for 128 blocks starting at block 0"));
     ExpectNoFiles();
     EXPECT_TRUE(service.IsRunning());
 }
@@ -208,7 +221,7 @@ TEST_F(OrvikctlInTheMiddle, ServiceKilledWhileReading) {
 
 TEST_F(OrvikctlInTheMiddle, CameraThatNeverAnswersWhileReading) {
     StartReading(L"-t 0.3");
-    EXPECT_TRUE(Failed(program->Finish(), 7, "camera 1 did not answer in time"));
+    EXPECT_TRUE(Failed(program->Finish(), 7, "camera 1 did not answer within 300 ms (--timeout)"));
     ExpectNoFiles();
     bus.ReleaseAll(camera.Id());
     EXPECT_TRUE(service.IsRunning());
@@ -225,8 +238,9 @@ TEST_F(OrvikctlInTheMiddle, CameraUnpluggedWhileWriting) {
     StartWriting();
     camera.Unplug();
     const Result result = program->Finish();
-    EXPECT_TRUE(Failed(result, 8, "the camera refused 128 blocks from 0 on"));
-    EXPECT_EQ(result.errors.at(0), "surely written: 0 blocks from 0 on");
+    EXPECT_TRUE(
+        Failed(result, 8, "the camera refused the command for 128 blocks starting at block 0"));
+    EXPECT_EQ(result.errors.at(0), "confirmed written: 0 blocks starting at block 0");
     EXPECT_TRUE(service.IsRunning());
 }
 
@@ -240,8 +254,8 @@ TEST_F(OrvikctlInTheMiddle, CameraThatStopsAnsweringWhileWriting) {
     StartWriting(L"-t 0.3");
     ReleaseFirst();
     const Result result = program->Finish();
-    EXPECT_TRUE(Failed(result, 7, "camera 1 did not answer in time"));
-    EXPECT_EQ(result.errors.at(0), "surely written: 128 blocks from 0 on");
+    EXPECT_TRUE(Failed(result, 7, "camera 1 did not answer within 300 ms (--timeout)"));
+    EXPECT_EQ(result.errors.at(0), "confirmed written: 128 blocks starting at block 0");
     bus.ReleaseAll(camera.Id());
     EXPECT_TRUE(service.IsRunning());
 }

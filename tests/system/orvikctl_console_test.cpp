@@ -82,7 +82,7 @@ TEST_F(OrvikctlOnConsole, ReadShowsItsProgress) {
     ASSERT_EQ(screen.size(), 2u) << testing::PrintToString(screen);
     EXPECT_TRUE(screen[0].starts_with("[" + std::string(40, '#') + "] 100 % ")) << screen[0];
     EXPECT_TRUE(screen[0].ends_with(" MB/s   0:00 left")) << screen[0];
-    EXPECT_EQ(screen[1], "read 300 blocks from 0 on, 153600 bytes");
+    EXPECT_EQ(screen[1], "read 300 blocks starting at block 0, 153600 bytes");
 }
 
 /// With so many blocks that one command carries a small part of them.

@@ -73,7 +73,7 @@ protected:
 
 /// `status` reports before it fails, and `watch` may have shown a camera.
 testing::AssertionResult FailedOrReported(Result result, DWORD exitCode, const std::string& why) {
-    const std::string pipe = "pipe          not reachable, " + why;
+    const std::string pipe = "pipe          not reachable: " + why;
     const auto says = [&pipe](const std::string& line) { return line.starts_with(pipe); };
     if (result.output == Lines{"attached 1"})
         result.output.clear();
@@ -172,7 +172,7 @@ TEST_F(OrvikctlLyingService, ThatLeavesInTheMiddleOfAWrite) {
     });
     const Result result = Run(L"write -i ");
     EXPECT_TRUE(Failed(result, 9, "the service has closed the connection"));
-    EXPECT_EQ(result.errors.at(0), "surely written: 0 blocks from 0 on");
+    EXPECT_EQ(result.errors.at(0), "confirmed written: 0 blocks starting at block 0");
 }
 
 TEST_F(OrvikctlLyingService, CameraThatGoesBetweenTwoCommandsOfARead) {
@@ -187,8 +187,9 @@ TEST_F(OrvikctlLyingService, CameraThatGoesBetweenTwoCommandsOfARead) {
         peer.Send(answer);
         peer.ReadToTheEnd();
     });
-    EXPECT_TRUE(Failed(Run(L"read --outstanding 1 -t 5 -o "), 8,
-                       "the camera was unplugged before 1 blocks from 1 on"));
+    EXPECT_TRUE(
+        Failed(Run(L"read --outstanding 1 -t 5 -o "), 8,
+               "the camera was unplugged before the command for 1 block starting at block 1"));
 }
 
 /// READ(6) and WRITE(6) reach the first 2^21 blocks.
@@ -200,8 +201,10 @@ TEST_F(OrvikctlLyingService, CameraWithMoreBlocksThanCanBeReached) {
             peer.Succeed(peer.ReadRequest(), CapacityOf((1U << 21) + 1, 512));
             peer.ReadToTheEnd();
         });
-        EXPECT_TRUE(Failed(Run(arguments), 1,
-                           "the camera has 2097153 blocks, only the first 2097152 can be reached"));
+        EXPECT_TRUE(
+            Failed(Run(arguments), 1,
+                   "the camera has 2097153 blocks, but READ(6) and WRITE(6) reach only the first "
+                   "2097152"));
     }
 }
 

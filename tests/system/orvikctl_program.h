@@ -15,7 +15,7 @@ using Bytes = std::vector<std::byte>;
 using Lines = std::vector<std::string>;
 using Json = nlohmann::json;
 
-/// What a run left.
+/// The result of a run.
 struct Result {
     DWORD exitCode;
     Lines output;
@@ -28,7 +28,7 @@ inline std::ostream& operator<<(std::ostream& stream, const Result& result) {
                   << testing::PrintToString(result.errors);
 }
 
-/// One that is under way. Its output is captured.
+/// A run of orvikctl in progress. Its output is captured.
 class OrvikctlProgram : public Program {
 public:
     explicit OrvikctlProgram(const std::wstring& arguments)
@@ -50,7 +50,7 @@ inline Result OrvikctlInForeground(const std::wstring& arguments) {
     return Orvikctl(kNoServerCheck + arguments);
 }
 
-/// The one line of output of a run with --json that went well.
+/// The one line of output of a successful run with --json.
 inline Json JsonOf(const Result& result) {
     EXPECT_EQ(result.exitCode, 0u) << result;
     EXPECT_EQ(result.output.size(), 1u) << result;
@@ -59,8 +59,8 @@ inline Json JsonOf(const Result& result) {
     return json;
 }
 
-/// That a run failed with an exit code and said so: its last line of talk says why. It has written
-/// nothing to standard output.
+/// That a run failed with an exit code and a message that starts with `why` as its last line on
+/// standard error, and has written nothing to standard output.
 inline testing::AssertionResult Failed(const Result& result, DWORD exitCode,
                                        const std::string& why = "") {
     Lines errors = result.errors;

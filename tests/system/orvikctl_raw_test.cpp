@@ -47,7 +47,8 @@ TEST_F(OrvikctlRaw, NoMoreThanAskedForIsTaken) {
     const Result result =
         OrvikctlInForeground(L"raw -r 10 -o " + Quoted(L"x") + L" 08 00 00 00 01 00");
     EXPECT_EQ(result.exitCode, 0u);
-    EXPECT_EQ(result.errors, Lines{"the camera returned 512 bytes, the first 10 bytes are taken"});
+    EXPECT_EQ(result.errors,
+              Lines{"the camera returned 512 bytes, of which the first 10 are kept"});
     EXPECT_EQ(ContentOf(L"x").size(), 10u);
 }
 
@@ -74,7 +75,7 @@ TEST_F(OrvikctlRaw, CameraIsToldFromTheCommandByItsLength) {
     EXPECT_TRUE(
         Failed(OrvikctlInForeground(L"raw 012 -n 00 00 00 00 00 00"), 6, "there is no camera 12"));
     EXPECT_TRUE(Failed(OrvikctlInForeground(L"raw 12 -n 00 00 00 00 00 00"), 2,
-                       "no SCSI command has 7 bytes"));
+                       "CDB has 7 bytes, but no SCSI command has. "));
 }
 
 TEST_F(OrvikctlRaw, AllEightBytesOfACommandArrive) {
@@ -105,7 +106,7 @@ TEST_F(OrvikctlRaw, InputThatIsTooShort) {
     MakeFile(L"x", Bytes(511));
     EXPECT_TRUE(
         Failed(OrvikctlInForeground(L"raw -s 512 -i " + Quoted(L"x") + L" 0a 00 00 03 01 00"), 1,
-               "only 511 bytes to send, not 512"));
+               "cannot send 512 bytes: " + Narrow((folder / L"x").wstring()) + " has only 511"));
     EXPECT_EQ(camera.Counters().requests, 0u);
 }
 
@@ -113,7 +114,7 @@ TEST_F(OrvikctlRaw, CommandWithoutData) {
     const Result result = OrvikctlInForeground(L"raw -n 00 00 00 00 00 00");
     EXPECT_EQ(result.exitCode, 0u);
     EXPECT_EQ(result.output, Lines{});
-    EXPECT_EQ(result.errors, Lines{"done"});
+    EXPECT_EQ(result.errors, Lines{"command completed"});
     EXPECT_EQ(JsonOf(OrvikctlInForeground(L"raw -n --json 00 00 00 00 00 00")).at("camera"), 1);
 }
 
@@ -143,7 +144,7 @@ protected:
 TEST_F(OrvikctlRawHeld, CameraThatNeverAnswers) {
     EXPECT_TRUE(
         Failed(OrvikctlInForeground(L"raw -t 0.1 -r 36 -o " + Quoted(L"x") + L" 12 00 00 00 24 00"),
-               7, "camera 1 did not answer in time"));
+               7, "camera 1 did not answer within 100 ms (--timeout)"));
     ExpectNoFiles();
     bus.ReleaseAll(camera.Id());
     EXPECT_TRUE(service.IsRunning());

@@ -99,8 +99,11 @@ TEST_F(OrvikctlTest, WrongArguments) {
 }
 
 TEST_F(OrvikctlTest, ControlCharactersDoNotReachTheTerminal) {
-    const Result result = Orvikctl(L"inquiry \"\x1B[31m\x07\u009B1m\"");
-    EXPECT_TRUE(Failed(result, 2, "?[31m??1m: ")) << result;
+    const Result result = Orvikctl(L"inquiry \"\x1B[31m\x07\u009B1m\u009F|\u00A0\"");
+    EXPECT_TRUE(Failed(result, 2,
+                       "CAMERA must be a number from 0 to 4294967295, not "
+                       "\"?[31m??1m?|\xC2\xA0\""))
+        << result;
 }
 
 TEST_F(OrvikctlTest, HelpGoesToStandardOutput) {
@@ -117,7 +120,7 @@ TEST_F(OrvikctlTest, Version) {
     EXPECT_EQ(JsonOf(Orvikctl(L"version --json")).at("version"), "4.0.4");
 }
 
-/// Runs it with a pipe for its standard output that nobody reads any more; what it says of that.
+/// Runs it with a pipe for its standard output whose reading end is closed; returns its message.
 class OrvikctlWithoutReader : public OrvikctlTest {
 protected:
     std::string ErrorOf(const std::wstring& arguments) const {
@@ -145,7 +148,7 @@ TEST_F(OrvikctlWithoutReader, SaysWhatTheSystemSays) {
          {L"version", L"--help", L"--no-server-check list", L"--no-server-check list --json",
           L"--no-server-check raw -r 36 12 00 00 00 24 00"}) {
         const std::string error = ErrorOf(arguments);
-        const std::string start = "orvikctl: error: the output could not be written: ";
+        const std::string start = "orvikctl: error: cannot write to standard output: ";
         EXPECT_TRUE(error.starts_with(start)) << error;
         const std::size_t code = error.find(" (error 232)");  // the pipe is being closed
         EXPECT_NE(code, std::string::npos) << error;
@@ -183,7 +186,7 @@ TEST_F(OrvikctlTest, OneOfTwoCamerasMustBeNamed) {
     EXPECT_EQ(JsonOf(OrvikctlInForeground(L"--json list")).at("cameras"), Json({1, 2}));
     for (const wchar_t* const command : {L"inquiry", L"read -o x", L"raw -n 00 00 00 00 00 00"})
         EXPECT_TRUE(Failed(OrvikctlInForeground(command), 2,
-                           "several cameras are present, name one of them: 1 2"));
+                           "CAMERA must be given, because several cameras are present: 1 2"));
     EXPECT_EQ(OrvikctlInForeground(L"inquiry 1").output.at(1), "product:     Virtual Camera");
     EXPECT_EQ(OrvikctlInForeground(L"inquiry 2").output.at(1), "product:     The other ? one");
     EXPECT_EQ(JsonOf(OrvikctlInForeground(L"inquiry 02 --json")).at("product"), "The other ? one");
@@ -253,8 +256,8 @@ TEST_F(OrvikctlWithCamera, InquiryOfAServiceThatIsKilledMeanwhile) {
 
 TEST_F(OrvikctlWithCamera, InquiryOfACameraThatNeverAnswers) {
     camera.Set(Holds());
-    EXPECT_TRUE(
-        Failed(OrvikctlInForeground(L"inquiry -t 0.1"), 7, "camera 1 did not answer in time"));
+    EXPECT_TRUE(Failed(OrvikctlInForeground(L"inquiry -t 0.1"), 7,
+                       "camera 1 did not answer within 100 ms (--timeout)"));
     bus.ReleaseAll(camera.Id());
     camera.Set({});
     EXPECT_EQ(OrvikctlInForeground(L"inquiry").exitCode, 0u);

@@ -57,7 +57,8 @@ TEST_P(OrvikctlWatch, EndsAfterItsTime) {
     const Result alone = OrvikctlInForeground(L"watch --timeout 0.2");
     EXPECT_EQ(alone.exitCode, 0u) << alone;
     EXPECT_EQ(alone.errors, Lines{});
-    EXPECT_TRUE(Failed(OrvikctlInForeground(L"watch --timeout 0.2 --count 1"), 7));
+    EXPECT_TRUE(Failed(OrvikctlInForeground(L"watch --timeout 0.2 --count 1"), 7,
+                       "timed out (--timeout) after 0 lines, fewer than --count"));
     EXPECT_TRUE(service.IsRunning());
 }
 
@@ -81,7 +82,7 @@ TEST_P(OrvikctlWatch, SecondOneIsToldOfNoEvent) {
 TEST_P(OrvikctlWatch, HelpTellsOfTheMainCommunicator) {
     const Result result = Orvikctl(L"watch --help");
     const std::string text = testing::PrintToString(result.output);
-    EXPECT_NE(text.find("main\", \"communicator: "), std::string::npos) << text;
+    EXPECT_NE(text.find("watch becomes the main communicator: "), std::string::npos) << text;
 }
 
 }  // namespace

@@ -4,12 +4,11 @@
 #include <vector>
 
 #include "cancellation.h"
-#include "exit_code.h"
 
 namespace {
 
-/// Ctrl-C does not end a call of the client library that waits for the service. It counts when the
-/// call has ended, however it did.
+/// Ctrl-C does not interrupt a call of the client library that waits for the service. It takes
+/// effect when the call has returned or thrown.
 template <class Call>
 auto ThenThrowIfCancelled(const Call& call) {
     try {
@@ -22,30 +21,45 @@ auto ThenThrowIfCancelled(const Call& call) {
     }
 }
 
+std::function<void(const std::string&)> StoreCamera(std::optional<orvik::CameraId>& camera) {
+    return Decimal<orvik::CameraId>("CAMERA", camera);
+}
+
 }  // namespace
 
 CLI::Option* AddCamera(CLI::App& command, std::optional<orvik::CameraId>& camera) {
     return command
-        .add_option_function<std::string>(
-            "CAMERA", Decimal<orvik::CameraId>(camera),
-            "Number of the camera, as list prints it; may be left out if there is only one")
+        .add_option_function<std::string>("CAMERA", StoreCamera(camera),
+                                          "Number of the camera, as printed by list (default: the "
+                                          "only camera present)")
         ->type_name("");
+}
+
+orvik::CameraId ParseCamera(const std::string& text) {
+    std::optional<orvik::CameraId> camera;
+    StoreCamera(camera)(text);
+    return *camera;
 }
 
 CLI::Option* AddTimeout(CLI::App& command, std::chrono::milliseconds& timeout) {
     return command
-        .add_option_function<std::string>("-t,--timeout", Seconds(timeout),
-                                          "How long the camera may take for one command")
+        .add_option_function<std::string>("-t,--timeout", Seconds("--timeout", timeout),
+                                          "Time limit for the camera's answer to one command")
         ->type_name("SECONDS")
         ->default_str("30");
 }
 
-std::function<void(const std::string&)> Seconds(std::chrono::milliseconds& target) {
-    return [&target](const std::string& text) {
-        constexpr double kMost = 1'000'000;  // which fits into what Windows can wait for
-        double seconds = 0;
-        Decimal<double>(seconds, 0.001, kMost)(text);
-        target = std::chrono::milliseconds(std::llround(seconds * 1000));
+std::function<void(const std::string&)> Seconds(const char* name,
+                                                std::chrono::milliseconds& target) {
+    return [name, &target](const std::string& text) {
+        // In milliseconds the largest number is below INFINITE.
+        const std::optional<double> seconds = ParseDecimal<double>(text, 0.001, 1'000'000);
+        if (!seconds)
+            throw Failure(ExitCode::kUsage,
+                          std::string(name) +
+                              " must be a number of seconds from 0.001 to 1000000, not \"" + text +
+                              "\"");
+        target = std::chrono::milliseconds(std::llround(*seconds * 1000));
     };
 }
 
@@ -73,12 +87,12 @@ double MillisecondsOfRoundTrip(orvik::Client& client) {
 orvik::CameraId ChooseCamera(const orvik::Client& client,
                              const std::optional<orvik::CameraId>& wanted) {
     if (wanted)
-        return *wanted;  // the client library refuses one that is not there
+        return *wanted;  // the client library refuses one that is not present
     const std::vector<orvik::CameraId> cameras = client.Cameras();
     if (cameras.empty())
         throw Failure(ExitCode::kNoSuchCamera, "no camera is present");
     if (cameras.size() > 1) {
-        std::string text = "several cameras are present, name one of them:";
+        std::string text = "CAMERA must be given, because several cameras are present:";
         for (const orvik::CameraId camera : cameras)
             text += " " + std::to_string(camera);
         throw Failure(ExitCode::kUsage, text);

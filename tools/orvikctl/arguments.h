@@ -12,49 +12,67 @@
 
 #include <CLI/CLI.hpp>
 
+#include "exit_code.h"
 #include "orvik/client.h"
 
-/// What holds for every command.
+/// The options of every command.
 struct Settings {
     bool json = false;
     bool checkServer = true;
 };
 
+/// Reads a whole text as a decimal number. Empty if it is not one from `least` to `most`.
+/// (CLI11 by itself takes 010 for 8.)
+template <class Number>
+std::optional<Number> ParseDecimal(const std::string& text, Number least, Number most) {
+    Number number{};
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    // Negated, because a NaN is neither above nor below anything.
+    if (error != std::errc() || rest != end || !(number >= least && number <= most))
+        return std::nullopt;
+    return number;
+}
+
 /// For CLI::App::add_option_function<std::string>(): stores a decimal number in `target`, which
-/// must outlive the parsing. (CLI11 by itself takes 010 for 8.)
+/// must outlive the parsing. `name` is the option's, for the text of the Failure that it throws.
 template <class Number, class Target>
-std::function<void(const std::string&)> Decimal(Target& target, Number least = 0,
+std::function<void(const std::string&)> Decimal(const char* name, Target& target, Number least = 0,
                                                 Number most = std::numeric_limits<Number>::max()) {
-    return [&target, least, most](const std::string& text) {
-        Number number{};
-        const char* const end = text.data() + text.size();
-        const auto [rest, error] = std::from_chars(text.data(), end, number);
-        // Negated, because a NaN is neither above nor below anything.
-        if (error != std::errc() || rest != end || !(number >= least && number <= most))
-            throw CLI::ValidationError(text, "is no number, or too small or too large");
-        target = number;
+    return [name, &target, least, most](const std::string& text) {
+        const std::optional<Number> number = ParseDecimal(text, least, most);
+        if (!number)
+            throw Failure(ExitCode::kUsage, std::string(name) + " must be a number from " +
+                                                std::to_string(least) + " to " +
+                                                std::to_string(most) + ", not \"" + text + "\"");
+        target = *number;
     };
 }
 
 /// Adds the argument CAMERA.
 CLI::Option* AddCamera(CLI::App& command, std::optional<orvik::CameraId>& camera);
 
-/// Adds -t, the time that a camera may take for one command.
+/// For the word of a command line that names the camera. Throws Failure.
+orvik::CameraId ParseCamera(const std::string& text);
+
+/// Adds -t, the time limit for the camera's answer to one command.
 CLI::Option* AddTimeout(CLI::App& command, std::chrono::milliseconds& timeout);
 
-/// Stores seconds, with or without a fraction, in `target`, which must outlive the parsing.
-std::function<void(const std::string&)> Seconds(std::chrono::milliseconds& target);
+/// As Decimal(), for a number of seconds with or without a fraction.
+std::function<void(const std::string&)> Seconds(const char* name,
+                                                std::chrono::milliseconds& target);
 
-/// The file that an argument names.
+/// The path of the file that an argument names.
 std::filesystem::path PathOf(const std::string& utf8);
 
 /// Throws orvik::Error, and Failure with ExitCode::kCancelled on Ctrl-C.
 orvik::Client Connect(const Settings& settings);
 
-/// What a request takes that asks no camera, to a thousandth.
+/// The duration of a round trip to the service that touches no camera, rounded to microseconds.
 /// Throws orvik::Error, and Failure with ExitCode::kCancelled on Ctrl-C.
 double MillisecondsOfRoundTrip(orvik::Client& client);
 
-/// The camera asked for, or the only one. Throws Failure if there is none or several.
+/// The wanted camera or, if none is wanted, the only one. Throws Failure if there is none or more
+/// than one.
 orvik::CameraId ChooseCamera(const orvik::Client& client,
                              const std::optional<orvik::CameraId>& wanted);

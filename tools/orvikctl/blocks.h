@@ -1,4 +1,4 @@
-// What `read` and `write` share: many blocks, carried by several commands at the same time.
+// Used by `read` and `write`: transfers many blocks with several commands outstanding at a time.
 #pragma once
 
 #include <chrono>
@@ -13,7 +13,7 @@
 #include "orvik/client.h"
 #include "transfers.h"
 
-/// The arguments of both.
+/// The arguments that both have.
 struct BlockOptions {
     std::optional<orvik::CameraId> camera;
     std::uint32_t first = 0;
@@ -23,29 +23,30 @@ struct BlockOptions {
 
 void AddBlockOptions(CLI::App& command, BlockOptions& options);
 
-/// Blocks that lie side by side.
+/// Consecutive blocks.
 struct Extent {
     std::uint32_t first;
     std::uint32_t count;
 };
 
-/// "3 blocks from 7 on"
+/// "3 blocks starting at block 7"
 std::string Words(const Extent& extent);
 
-/// Says what has been done with an extent: `done` is "read" or "wrote".
+/// Prints what was transferred. `done` is "read" or "wrote".
 void Report(const Settings& settings, const char* done, orvik::CameraId camera,
             const Extent& extent, const orvik::Capacity& capacity);
 
-/// Asks the camera.
+/// Reads the capacity from the camera.
 orvik::Capacity ReadCapacity(Transfers& transfers);
 
-/// The blocks from `first` on, `count` of them or all to the end. Throws Failure if the camera
-/// doesn't have them or no command can address them.
+/// `count` blocks starting at block `first`; without a count, all blocks up to the last.
+/// Throws Failure if the camera doesn't have them or if READ(6) cannot address them. Its message
+/// names where the count comes from: `countName`.
 Extent ChooseExtent(const orvik::Capacity& capacity, std::uint32_t first,
-                    std::optional<std::uint64_t> count);
+                    std::optional<std::uint64_t> count, const char* countName);
 
-/// Carries an extent in pieces, in order. `start` starts the command for a piece; `finished` gets
-/// what it returned. Shows the progress.
+/// Transfers an extent in pieces, in order, and shows the progress. `start` starts the command for
+/// a piece; `finished` is called with the data that the command returned.
 /// Throws Failure, and what `transfers`, `start` and `finished` throw.
 void Carry(Transfers& transfers, const orvik::Capacity& capacity, const Extent& extent,
            std::uint32_t outstanding, const std::function<void(const Extent& piece)>& start,

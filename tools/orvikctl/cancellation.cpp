@@ -13,7 +13,8 @@ BOOL WINAPI OnConsoleEvent(DWORD kind) {
     ::SetEvent(event.get());
     if (kind == CTRL_C_EVENT || kind == CTRL_BREAK_EVENT)
         return first;
-    // The console goes: the system ends the process when this returns, and waits some seconds.
+    // The console is being closed: the system ends the process when this function returns, or after
+    // some seconds. The main thread needs those to disconnect.
     ::Sleep(INFINITE);
     return TRUE;
 }
@@ -23,7 +24,7 @@ BOOL WINAPI OnConsoleEvent(DWORD kind) {
 void CatchCancellation() {
     event.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!event || !::SetConsoleCtrlHandler(OnConsoleEvent, TRUE))
-        throw SystemFailure("cannot wait for Ctrl-C");
+        throw SystemFailure("cannot install the handler of Ctrl-C");
 }
 
 HANDLE CancellationEvent() noexcept {

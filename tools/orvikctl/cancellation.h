@@ -2,14 +2,14 @@
 
 #include <windows.h>
 
-/// From now on Ctrl-C, Ctrl-Break and the closing of the console don't end the program: they ask it
-/// to end. A client that is torn away in the middle of a request can end the service's run, for
-/// everybody. A second Ctrl-C ends it all the same.
+/// From now on Ctrl-C, Ctrl-Break and closing the console request a cancellation instead of ending
+/// the process, because a client that disappears during a request can end the service's run for all
+/// clients. A second Ctrl-C ends the process at once.
 /// Throws Failure.
 void CatchCancellation();
 
-/// Signalled when it has been asked.
+/// Signalled when a cancellation has been requested.
 HANDLE CancellationEvent() noexcept;
 
-/// Throws Failure with ExitCode::kCancelled if it has been asked.
+/// Throws Failure with ExitCode::kCancelled if a cancellation has been requested.
 void ThrowIfCancelled();

@@ -7,21 +7,21 @@
 
 #include "orvik/client.h"
 
-/// What orvikctl returns to the shell. Scripts rely on the numbers.
+/// The exit code of orvikctl. Scripts rely on the numbers.
 enum class ExitCode {
     kSuccess = 0,
-    kFailure = 1,  // none of those below
+    kFailure = 1,  // any other failure
     kUsage = 2,
     kAccessDenied = 3,
     kCancelled = 4,
-    kNotReachable = 5,  // the service is not running, or takes no connection
+    kNotReachable = 5,  // the service is not running, or accepts no connection
     kNoSuchCamera = 6,
     kTimedOut = 7,
     kRefused = 8,    // by the camera
-    kTransport = 9,  // the connection to the service failed, or what came over it made no sense
+    kTransport = 9,  // the connection to the service failed, or an answer was invalid
 };
 
-/// Ends the command with a text and an exit code.
+/// Ends the command with a message and an exit code.
 class Failure : public std::runtime_error {
 public:
     Failure(ExitCode exitCode, const std::string& text)
@@ -34,7 +34,8 @@ private:
     ExitCode code;
 };
 
-/// A call of the system failed: ExitCode::kFailure, and what `systemCode` means in words.
+/// A system call failed. The exit code is ExitCode::kFailure; the system's words for `systemCode`
+/// and the code itself are appended to the message.
 class SystemFailure : public Failure {
 public:
     /// `systemCode` is that of the call that failed.

@@ -6,6 +6,7 @@
 
 #include "cancellation.h"
 #include "partial_file.h"
+#include "windows/utf.h"
 
 InputFile::InputFile(const std::filesystem::path& sourceFile)
     : path(sourceFile),
@@ -18,10 +19,14 @@ InputFile::InputFile(const std::filesystem::path& sourceFile)
 
 InputFile::InputFile() : path("standard input"), file(::GetStdHandle(STD_INPUT_HANDLE)) {}
 
+std::string InputFile::Name() const {
+    return ToUtf8(path.native());
+}
+
 std::uint64_t InputFile::Size() const {
     LARGE_INTEGER size{};
     if (!::GetFileSizeEx(file, &size))
-        throw FileError("cannot read", path);
+        throw FileError("cannot read the size of", path);
     return static_cast<std::uint64_t>(size.QuadPart);
 }
 
@@ -33,7 +38,7 @@ std::vector<std::byte> InputFile::Read(std::size_t length) {
         const BOOL read = ::ReadFile(file, bytes.data() + done, static_cast<DWORD>(length - done),
                                      &count, nullptr);
         const DWORD code = read ? ERROR_SUCCESS : ::GetLastError();
-        ThrowIfCancelled();  // which ends the reading of a console
+        ThrowIfCancelled();  // Ctrl-C makes ReadFile return if the input is a console
         if (code == ERROR_BROKEN_PIPE || (read && count == 0))
             break;
         if (!read)

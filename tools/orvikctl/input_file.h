@@ -3,11 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 #include "windows/unique_handle.h"
 
-/// A file to read from, which nobody can write meanwhile.
+/// A file to read from. No other process can write to it while it is open.
 class InputFile {
 public:
     /// Throws FileError.
@@ -16,14 +17,18 @@ public:
     /// Standard input.
     InputFile();
 
+    /// Its path, or "standard input", for messages. UTF-8.
+    std::string Name() const;
+
     /// In bytes. Throws FileError.
     std::uint64_t Size() const;
 
-    /// The next bytes: `length` of them, or fewer if it ends before. Throws FileError.
+    /// The next `length` bytes, or fewer if the file ends first. Throws FileError, and Failure with
+    /// ExitCode::kCancelled on Ctrl-C.
     std::vector<std::byte> Read(std::size_t length);
 
 private:
-    std::filesystem::path path;  // for texts
+    std::filesystem::path path;  // for messages
     UniqueHandle opened;         // empty if it is standard input
     HANDLE file;
 };

@@ -39,7 +39,8 @@ void Inquire(const Settings& settings, const Options& options) {
 }  // namespace
 
 void AddInquiry(CLI::App& app, const Settings& settings) {
-    auto* const command = app.add_subcommand("inquiry", "Print what a camera says it is");
+    auto* const command =
+        app.add_subcommand("inquiry", "Print the vendor, product and revision of a camera");
     auto options = std::make_shared<Options>();
     AddCamera(*command, options->camera);
     AddTimeout(*command, options->timeout);

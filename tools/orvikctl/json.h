@@ -6,7 +6,7 @@
 
 using Json = nlohmann::ordered_json;
 
-/// An object of the format that docs/orvikctl.md describes, to add to.
+/// The start of an object in the format described in docs/orvikctl.md.
 inline Json NewJson() {
     return {{"format_version", 1}};
 }

@@ -12,7 +12,7 @@
 #include "exit_code.h"
 #include "windows/unique_handle.h"
 
-/// Messages of the client's thread to the main thread, in order. Waiting for one ends on Ctrl-C.
+/// Passes messages from the client's thread to the main thread, in order. Ctrl-C ends a wait.
 template <class Message>
 class Mailbox {
 public:
@@ -30,7 +30,7 @@ public:
         ::SetEvent(filled.get());
     }
 
-    /// The oldest message; none if `deadline` passes first. Without a deadline it waits for ever.
+    /// Waits for the oldest message. Empty if `deadline` passes first; no deadline means no limit.
     /// Throws Failure with ExitCode::kCancelled on Ctrl-C.
     std::optional<Message> Take(const std::optional<Clock::time_point>& deadline) {
         const HANDLE handles[] = {CancellationEvent(), filled.get()};

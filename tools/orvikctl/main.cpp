@@ -1,4 +1,4 @@
-// orvikctl: shows whether OrvikService works, and carries SCSI commands to its cameras.
+// orvikctl: shows whether OrvikService works, and sends SCSI commands to its cameras.
 
 #include <exception>
 #include <string>
@@ -44,19 +44,20 @@ ExitCode ExitCodeOf(orvik::ErrorKind kind) noexcept {
 
 void Run(int argc, char** argv) {
     Settings settings;
-    CLI::App app("Shows whether OrvikService works, and carries SCSI commands to its cameras.",
+    CLI::App app("Shows whether OrvikService works, and sends SCSI commands to its cameras.",
                  "orvikctl");
     app.allow_windows_style_options(false);  // a path may begin with a slash
-    app.fallthrough();                       // the options of all commands may stand anywhere
+    app.fallthrough();                       // --json may stand before or after the command
     app.require_subcommand(1);
     app.footer(
-        "With every command:\n"
-        "  --json              Print JSON: docs/orvikctl.md describes it\n"
-        "  --no-server-check   Also talk to a service that runs in a console\n\n"
-        "Exit codes: 0 done, 1 another failure, 2 wrong arguments, 3 access denied, 4 cancelled,\n"
-        "5 the service cannot be reached, 6 no such camera, 7 no answer in time,\n"
+        "Options of every command:\n"
+        "  --json              Print JSON, as described in docs/orvikctl.md\n"
+        "  --no-server-check   Connect even if the pipe is not served by the installed service,\n"
+        "                      for example to a service that runs in a console\n\n"
+        "Exit codes: 0 success, 1 other failure, 2 wrong arguments, 3 access denied, 4 cancelled,\n"
+        "5 the service cannot be reached, 6 no such camera, 7 timed out,\n"
         "8 refused by the camera, 9 the connection to the service failed.");
-    app.add_flag("--json", settings.json)->group("");  // the footer tells of both
+    app.add_flag("--json", settings.json)->group("");  // the footer describes both
     app.add_flag("!--no-server-check", settings.checkServer)->group("");
 
     AddStatus(app, settings);

@@ -2,10 +2,10 @@
 
 #include <string>
 
-#include "streams.h"
+#include "windows/utf.h"
 
 FileError::FileError(const char* text, const std::filesystem::path& file, DWORD systemCode)
-    : SystemFailure(std::string(text) + " " + Utf8(file.native()), systemCode) {}
+    : SystemFailure(std::string(text) + " " + ToUtf8(file.native()), systemCode) {}
 
 PartialFile::PartialFile(const std::filesystem::path& targetFile)
     : target(targetFile),
@@ -31,11 +31,11 @@ void PartialFile::Write(std::span<const std::byte> bytes) {
 }
 
 void PartialFile::Commit() {
-    // Flushed first, or a power failure could leave the name with only a part of the bytes.
+    // Flushed first: after a power failure the name could otherwise refer to incomplete content.
     if (!::FlushFileBuffers(file.get()))
         throw FileError("cannot write", partial);
     file.reset();
     if (!::MoveFileExW(partial.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING))
-        throw FileError("cannot create", target);
+        throw FileError(("cannot rename " + ToUtf8(partial.native()) + " to").c_str(), target);
     committed = true;
 }

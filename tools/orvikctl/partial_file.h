@@ -9,22 +9,22 @@
 #include "exit_code.h"
 #include "windows/unique_handle.h"
 
-/// A file could not be made or written.
+/// An operation on a file failed.
 class FileError : public SystemFailure {
 public:
-    /// `systemCode` is that of the call that failed.
+    /// The message is `text`, the file's path and the system's words for `systemCode`.
     FileError(const char* text, const std::filesystem::path& file,
               DWORD systemCode = ::GetLastError());
 };
 
-/// A file that gets its name only when it is complete. Until then it lies beside its target under
-/// another name, which ends in ".part"; an existing target stays as it is.
+/// A file that appears under its name only when it is complete. Until then it is in the same folder
+/// under a name that ends in ".part", and an existing target is unchanged.
 class PartialFile {
 public:
     /// Throws FileError.
     explicit PartialFile(const std::filesystem::path& targetFile);
 
-    /// Removes what has been written, unless Commit() was called.
+    /// Deletes the partial file, unless Commit() has succeeded.
     ~PartialFile();
 
     PartialFile(const PartialFile&) = delete;
@@ -33,7 +33,7 @@ public:
     /// Appends. Throws FileError.
     void Write(std::span<const std::byte> bytes);
 
-    /// The file is complete: replaces the target. Throws FileError.
+    /// Declares the file complete: replaces the target. Throws FileError.
     void Commit();
 
 private:

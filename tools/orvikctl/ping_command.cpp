@@ -23,7 +23,6 @@ void Ping(const Settings& settings) {
 }  // namespace
 
 void AddPing(CLI::App& app, const Settings& settings) {
-    app.add_subcommand("ping", "Print how long the service takes to answer")->callback([&settings] {
-        Ping(settings);
-    });
+    app.add_subcommand("ping", "Print the time of a round trip to the service")
+        ->callback([&settings] { Ping(settings); });
 }

@@ -3,19 +3,20 @@
 #include <chrono>
 #include <cstdint>
 
-/// A line on standard error that says how far a long command is, how fast it goes and when it will
-/// be done. Says nothing if standard error is no terminal.
+/// A line on standard error that shows the progress, the rate and the time left of a long command.
+/// Prints nothing if standard error is not a console.
 class ProgressBar {
 public:
     explicit ProgressBar(std::uint64_t bytesInAll);
 
-    /// Leaves the line as it is and begins a new one.
+    /// Ends the line and leaves it on the console.
     ~ProgressBar();
 
     ProgressBar(const ProgressBar&) = delete;
     ProgressBar& operator=(const ProgressBar&) = delete;
 
-    /// Call as often as you like: it draws ten times a second, and when all bytes are done.
+    /// May be called often: the line is drawn at most ten times a second, and when all bytes are
+    /// done.
     void Show(std::uint64_t bytesDone);
 
 private:

@@ -12,8 +12,8 @@
 
 namespace {
 
-/// The service puts the data of a request into its memory, and ends its run if there is not enough.
-/// No camera takes so much with one command.
+/// The service copies the data of a request into its memory, and ends its run if that fails.
+/// No camera accepts this much with one command.
 constexpr std::uint32_t kSendLimit = 16 * 1024 * 1024;
 
 struct Options {
@@ -37,30 +37,31 @@ bool HasTwoHexDigits(const std::string& word) {
 
 std::byte ByteOf(const std::string& word) {
     if (!HasTwoHexDigits(word))
-        throw Failure(ExitCode::kUsage,
-                      "\"" + word + "\" is no byte of a command, which is two hex digits");
+        throw Failure(
+            ExitCode::kUsage,
+            "CDB must consist of bytes of two hexadecimal digits each, not \"" + word + "\"");
     unsigned value = 0;
     std::from_chars(word.data(), word.data() + word.size(), value, 16);
     return static_cast<std::byte>(value);
 }
 
-/// A byte always has two digits. So if the first word has one digit, or more than two, it is the
+/// A byte always has two digits. So a first word with one digit, or with more than two, is the
 /// camera.
 Command CommandOf(const std::vector<std::string>& words) {
     Command command;
     auto word = words.begin();
     if (word->size() != 2)
-        Decimal<orvik::CameraId>(command.camera)(*word++);
+        command.camera = ParseCamera(*word++);
     std::transform(word, words.end(), std::back_inserter(command.cdb), ByteOf);
     const std::size_t size = command.cdb.size();
     if (size == 0 || size > orvik::kCdbLimit)
-        throw Failure(ExitCode::kUsage, "a command has 1 to " + std::to_string(orvik::kCdbLimit) +
+        throw Failure(ExitCode::kUsage, "CDB must have 1 to " + std::to_string(orvik::kCdbLimit) +
                                             " bytes, not " + std::to_string(size));
-    // Nothing is lost by this: the service fills commands up with zeros to 8 bytes.
+    // The user can still send such a command: the service pads commands with zeros to 8 bytes.
     if (size == 7)
         throw Failure(ExitCode::kUsage,
-                      "no SCSI command has 7 bytes. If the first of them is meant to be the "
-                      "camera, write it with three digits: 0" +
+                      "CDB has 7 bytes, but no SCSI command has. If the first word is meant as "
+                      "CAMERA, write it with three digits: 0" +
                           words.front());
     return command;
 }
@@ -69,9 +70,9 @@ std::vector<std::byte> ReadInput(const Options& options) {
     InputFile file = options.input.empty() ? InputFile() : InputFile(PathOf(options.input));
     std::vector<std::byte> data = file.Read(*options.send);
     if (data.size() != *options.send)
-        throw Failure(ExitCode::kFailure, "only " + std::to_string(data.size()) +
-                                              " bytes to send, not " +
-                                              std::to_string(*options.send));
+        throw Failure(ExitCode::kFailure, "cannot send " + std::to_string(*options.send) +
+                                              " bytes: " + file.Name() + " has only " +
+                                              std::to_string(data.size()));
     return data;
 }
 
@@ -81,7 +82,7 @@ std::string Count(std::size_t bytes) {
 
 void Raw(const Settings& settings, const Options& options) {
     const Command command = CommandOf(options.words);
-    // Before the service is asked: these can take time, and fail.
+    // Before connecting to the service, because these can take time, and can fail.
     std::vector<std::byte> data;
     if (options.send)
         data = ReadInput(options);
@@ -103,12 +104,12 @@ void Raw(const Settings& settings, const Options& options) {
     Json json = NewJson();
     json["camera"] = camera;
     if (options.receive) {
-        std::string talk = "the camera returned " + Count(received.size());
+        std::string message = "the camera returned " + Count(received.size());
         if (received.size() > *options.receive) {
             received.resize(*options.receive);
-            talk += ", the first " + Count(received.size()) + " are taken";
+            message += ", of which the first " + std::to_string(received.size()) + " are kept";
         }
-        Say(talk + "\n");
+        Say(message + "\n");
         json["bytes_received"] = received.size();
         if (file) {
             file->Write(received);
@@ -124,7 +125,7 @@ void Raw(const Settings& settings, const Options& options) {
         json["bytes_sent"] = data.size();
         Say("sent " + Count(data.size()) + "\n");
     } else {
-        Say("done\n");
+        Say("command completed\n");
     }
     if (settings.json)
         PrintJson(json);
@@ -133,10 +134,10 @@ void Raw(const Settings& settings, const Options& options) {
 }  // namespace
 
 void AddRaw(CLI::App& app, const Settings& settings) {
-    auto* const command = app.add_subcommand("raw", "Carry one SCSI command to a camera");
+    auto* const command = app.add_subcommand("raw", "Send one SCSI command to a camera");
     command->footer(
-        "CDB are the 1 to 8 bytes of the command, each of exactly two hex digits. A first word\n"
-        "of another length is the camera: write 012 for camera 12.\n\n" +
+        "CDB is the command: 1 to 8 bytes of exactly two hexadecimal digits each. A first word of\n"
+        "another length is taken as CAMERA: write 012 for camera 12.\n\n" +
         command->get_footer());
     auto options = std::make_shared<Options>();
     auto* const direction = command->add_option_group("Data");
@@ -144,24 +145,27 @@ void AddRaw(CLI::App& app, const Settings& settings) {
         direction
             ->add_option_function<std::string>(
                 "-r,--receive",
-                Decimal<std::uint32_t>(options->receive, 1,
+                Decimal<std::uint32_t>("--receive", options->receive, 1,
                                        static_cast<std::uint32_t>(orvik::kTransferInLimit)),
-                "Take up to LEN bytes from the camera")
+                "Receive up to LEN bytes from the camera, at most 65536")
             ->type_name("LEN");
-    auto* const send = direction
-                           ->add_option_function<std::string>(
-                               "-s,--send", Decimal<std::uint32_t>(options->send, 1, kSendLimit),
-                               "Send LEN bytes to the camera")
-                           ->type_name("LEN");
-    direction->add_flag("-n,--no-data")->description("Neither");
+    auto* const send =
+        direction
+            ->add_option_function<std::string>(
+                "-s,--send", Decimal<std::uint32_t>("--send", options->send, 1, kSendLimit),
+                "Send LEN bytes to the camera, at most 16777216")
+            ->type_name("LEN");
+    direction->add_flag("-n,--no-data")->description("Transfer no data");
     direction->require_option(1);
-    command->add_option("-i,--input", options->input, "The bytes to send; else standard input")
+    command
+        ->add_option("-i,--input", options->input,
+                     "File with the bytes to send (default: standard input)")
         ->type_name("FILE")
         ->needs(send);
     command
         ->add_option("-o,--output", options->output,
-                     "For the bytes from the camera. Else they go to standard output, to a console "
-                     "as a hex dump")
+                     "File for the received bytes (default: standard output, as a hex dump if that "
+                     "is a console)")
         ->type_name("FILE")
         ->needs(receive);
     AddTimeout(*command, options->timeout);

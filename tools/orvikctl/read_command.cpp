@@ -8,7 +8,7 @@
 namespace {
 
 struct Options : BlockOptions {
-    std::optional<std::uint32_t> count;  // none: all to the end
+    std::optional<std::uint32_t> count;  // none: all up to the last
     std::string output;
 };
 
@@ -17,7 +17,7 @@ void Read(const Settings& settings, const Options& options) {
     const orvik::CameraId camera = ChooseCamera(client, options.camera);
     Transfers transfers(client, camera, options.timeout);
     const orvik::Capacity capacity = ReadCapacity(transfers);
-    const Extent extent = ChooseExtent(capacity, options.first, options.count);
+    const Extent extent = ChooseExtent(capacity, options.first, options.count, "--blocks");
 
     PartialFile file(PathOf(options.output));
     Carry(
@@ -25,9 +25,11 @@ void Read(const Settings& settings, const Options& options) {
         [&](const Extent& piece) { transfers.StartIn(orvik::Read6Cdb(piece.first, piece.count)); },
         [&](const Extent& piece, const std::vector<std::byte>& data) {
             if (data.size() != std::size_t{piece.count} * capacity.blockLength)
-                throw Failure(ExitCode::kTransport, "the camera returned " +
-                                                        std::to_string(data.size()) +
-                                                        " bytes for " + Words(piece));
+                throw Failure(ExitCode::kTransport,
+                              "the camera returned " + std::to_string(data.size()) +
+                                  " bytes instead of " +
+                                  std::to_string(std::size_t{piece.count} * capacity.blockLength) +
+                                  " for " + Words(piece));
             file.Write(data);
         });
     file.Commit();
@@ -41,12 +43,13 @@ void AddRead(CLI::App& app, const Settings& settings) {
     auto options = std::make_shared<Options>();
     AddBlockOptions(*command, *options);
     command
-        ->add_option_function<std::string>("--blocks", Decimal<std::uint32_t>(options->count, 1),
-                                           "How many blocks; all to the end if left out")
+        ->add_option_function<std::string>("--blocks",
+                                           Decimal<std::uint32_t>("--blocks", options->count, 1),
+                                           "Number of blocks (default: all up to the last)")
         ->type_name("COUNT");
     command
         ->add_option("-o,--output", options->output,
-                     "The file to write. It gets its name when it is complete")
+                     "File to write; it appears under this name when it is complete")
         ->type_name("FILE")
         ->required();
     command->callback([&settings, options] { Read(settings, *options); });

@@ -36,7 +36,8 @@ std::vector<std::byte> Transfers::Finish() {
         std::optional<Ended> ended = mailbox->Take(deadline);
         if (!ended)
             throw orvik::Error(orvik::ErrorKind::kTimedOut,
-                               "camera " + std::to_string(camera) + " did not answer in time");
+                               "camera " + std::to_string(camera) + " did not answer within " +
+                                   std::to_string(timeout.count()) + " ms (--timeout)");
         early.insert(std::move(*ended));
     }
     orvik::TransferResult result = std::move(early.extract(finished).mapped());

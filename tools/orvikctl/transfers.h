@@ -12,25 +12,25 @@
 #include "mailbox.h"
 #include "orvik/client.h"
 
-/// Commands on their way to one camera and back. Any number can be outstanding; their results are
-/// fetched in the order in which they were started.
+/// Sends commands to one camera. Any number can be outstanding; their results are returned in the
+/// order in which they were started.
 ///
-/// Those that are outstanding when this is destroyed, or when something was thrown, end with the
-/// client.
+/// Commands that are outstanding when this object is destroyed, or when a call has thrown, end when
+/// the client is destroyed.
 class Transfers {
 public:
-    /// `answerTime` is how long Finish() waits. `client` must outlive this.
+    /// `answerTime` is the time limit of each Finish(). `cameraClient` must outlive this object.
     Transfers(orvik::Client& cameraClient, orvik::CameraId cameraId,
               std::chrono::milliseconds answerTime);
 
-    // As the client's functions of these names. All throw orvik::Error.
+    // As StartTransferIn() etc. of the client. All throw orvik::Error.
     void StartIn(std::span<const std::byte> cdb);
     void StartOut(std::span<const std::byte> cdb, std::span<const std::byte> data);
     void StartNoData(std::span<const std::byte> cdb);
 
     std::uint64_t Outstanding() const noexcept { return started - finished; }
 
-    /// Waits for the oldest outstanding command; the data that it has returned.
+    /// Waits for the oldest outstanding command and returns the data that it received.
     /// Throws orvik::Error, and Failure with ExitCode::kCancelled on Ctrl-C.
     std::vector<std::byte> Finish();
 
@@ -42,9 +42,9 @@ private:
     orvik::Client& client;
     const orvik::CameraId camera;
     const std::chrono::milliseconds timeout;
-    // Shared with the completions, one of which may still be ending when this goes.
+    // Shared with the completions, one of which may still be running when this is destroyed.
     std::shared_ptr<Mailbox<Ended>> mailbox = std::make_shared<Mailbox<Ended>>();
-    std::map<std::uint64_t, orvik::TransferResult> early;  // ended before their turn
+    std::map<std::uint64_t, orvik::TransferResult> early;  // not yet returned by Finish()
     std::uint64_t started = 0;
     std::uint64_t finished = 0;
 };

@@ -31,14 +31,16 @@ void ShowEvents(const Settings& settings, const Options& options) {
     if (options.timeout)
         deadline = Events::Clock::now() + *options.timeout;
     orvik::Client client = Connect(settings);
-    // Shared, because a call of the handler may still be ending when this function is left.
+    // Shared, because a call of the handler may still be running when this function returns.
     const auto events = std::make_shared<Events>();
     const orvik::Subscription subscription =
         client.Subscribe([events](const orvik::Event& event) { events->Put(event); });
     for (std::uint64_t shown = 0; shown != options.count; ++shown) {
         const std::optional<orvik::Event> event = events->Take(deadline);
         if (!event)
-            throw Failure(ExitCode::kTimedOut, "the time is over");
+            throw Failure(ExitCode::kTimedOut, "timed out (--timeout) after " +
+                                                   std::to_string(shown) +
+                                                   " lines, fewer than --count");
         if (event->kind == orvik::Event::Kind::kServiceGone)
             throw orvik::Error(orvik::ErrorKind::kServiceGone,
                                "the service has closed the connection");
@@ -50,7 +52,7 @@ void Watch(const Settings& settings, const Options& options) {
     try {
         ShowEvents(settings, options);
     } catch (const Failure& end) {
-        // The ways to end a watch that doesn't wait for a number of lines.
+        // Without --count, these are the ordinary ways to end.
         const bool wanted = end.Code() == ExitCode::kTimedOut || end.Code() == ExitCode::kCancelled;
         if (options.count || !wanted)
             throw;
@@ -61,22 +63,25 @@ void Watch(const Settings& settings, const Options& options) {
 
 void AddWatch(CLI::App& app, const Settings& settings) {
     auto* const command = app.add_subcommand(
-        "watch", "Print a line for each camera present, then one for each that comes or goes");
+        "watch", "Print a line for each camera present, then for each one attached or detached");
     command->footer(
-        "While no desktop program is connected, this one takes its place as the main\n"
-        "communicator: the service tells it of cameras, and starts no desktop program until it\n"
-        "ends. While a desktop program is connected, that one is told, and this one sees only the\n"
-        "cameras present.\n\n" +
+        "While no desktop program is connected, watch becomes the main communicator: it receives\n"
+        "the service's notifications, and the service starts no desktop program until watch ends.\n"
+        "While a desktop program is connected, that program receives the notifications, and watch\n"
+        "prints only the cameras present when it starts.\n\n" +
         command->get_footer());
     auto options = std::make_shared<Options>();
     command
-        ->add_option_function<std::string>("--count", Decimal<std::uint64_t>(options->count, 1),
-                                           "End after so many lines")
+        ->add_option_function<std::string>("--count",
+                                           Decimal<std::uint64_t>("--count", options->count, 1),
+                                           "End after this number of lines")
         ->type_name("LINES");
     command
         ->add_option_function<std::string>(
             "--timeout",
-            [options](const std::string& text) { Seconds(options->timeout.emplace())(text); },
+            [options](const std::string& text) {
+                Seconds("--timeout", options->timeout.emplace())(text);
+            },
             "End after this time")
         ->type_name("SECONDS");
     command->callback([&settings, options] { Watch(settings, *options); });

@@ -15,9 +15,10 @@ struct Options : BlockOptions {
 std::uint64_t BlocksIn(const InputFile& file, std::uint32_t blockLength) {
     const std::uint64_t size = file.Size();
     if (size == 0 || size % blockLength != 0)
-        throw Failure(ExitCode::kFailure, "the file has " + std::to_string(size) +
-                                              " bytes, which are not whole blocks of " +
-                                              std::to_string(blockLength));
+        throw Failure(ExitCode::kFailure, "the size of " + file.Name() + " is " +
+                                              std::to_string(size) +
+                                              " bytes, but must be a multiple of the block size, " +
+                                              std::to_string(blockLength) + ", and not 0");
     return size / blockLength;
 }
 
@@ -28,7 +29,8 @@ void Write(const Settings& settings, const Options& options) {
     Transfers transfers(client, camera, options.timeout);
     const orvik::Capacity capacity = ReadCapacity(transfers);
     const Extent extent =
-        ChooseExtent(capacity, options.first, BlocksIn(file, capacity.blockLength));
+        ChooseExtent(capacity, options.first, BlocksIn(file, capacity.blockLength),
+                     "the number of blocks in the file");
 
     std::uint32_t blocksWritten = 0;
     try {
@@ -38,15 +40,16 @@ void Write(const Settings& settings, const Options& options) {
                 const std::size_t length = std::size_t{piece.count} * capacity.blockLength;
                 const std::vector<std::byte> data = file.Read(length);
                 if (data.size() != length)
-                    throw Failure(ExitCode::kFailure, "the file has become shorter");
+                    throw Failure(ExitCode::kFailure,
+                                  file.Name() + " has become shorter while it was read");
                 transfers.StartOut(orvik::Write6Cdb(piece.first, piece.count), data);
             },
             [&](const Extent& piece, const std::vector<std::byte>&) {
                 blocksWritten += piece.count;
             });
     } catch (...) {
-        // Those that were under way may have been written too.
-        Say("surely written: " + Words({extent.first, blocksWritten}) + "\n");
+        // The blocks of outstanding commands may have been written too.
+        Say("confirmed written: " + Words({extent.first, blocksWritten}) + "\n");
         throw;
     }
     Report(settings, "wrote", camera, extent, capacity);
@@ -60,7 +63,7 @@ void AddWrite(CLI::App& app, const Settings& settings) {
     AddBlockOptions(*command, *options);
     command
         ->add_option("-i,--input", options->input,
-                     "The file to read; its length must be a multiple of the block's")
+                     "File to read; its size must be a multiple of the block size")
         ->type_name("FILE")
         ->required();
     command->callback([&settings, options] { Write(settings, *options); });
