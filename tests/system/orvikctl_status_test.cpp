@@ -26,7 +26,7 @@ Facts FactsOf(const Result& result) {
 }
 
 bool IsUnknown(const std::string& fact) {
-    return fact.starts_with("unknown, because ");
+    return fact.starts_with("unknown: ");
 }
 
 /// Runs a program of the system; its exit code.
@@ -125,7 +125,7 @@ TEST_F(OrvikctlStatus, ServiceThatIsNotInstalled) {
         result.errors[0].starts_with("orvikctl: error: the service OrvikService is not installed"));
     Facts facts = FactsOf(result);
     EXPECT_EQ(facts["installed"], "no");
-    EXPECT_TRUE(facts["pipe"].starts_with("not reachable, ")) << result;
+    EXPECT_TRUE(facts["pipe"].starts_with("not reachable: ")) << result;
     facts.erase("installed");
     facts.erase("pipe");
     for (const auto& [label, fact] : facts)
@@ -142,7 +142,7 @@ TEST_F(OrvikctlStatus, ServiceThatWasNeverStarted) {
     EXPECT_TRUE(facts["state"].ends_with(" (error 1077)")) << result;
     EXPECT_EQ(facts["process"], "none");
     EXPECT_EQ(facts["version"], "4.0.4");
-    EXPECT_TRUE(facts["pipe"].starts_with("not reachable, the service is not running")) << result;
+    EXPECT_TRUE(facts["pipe"].starts_with("not reachable: the service is not running")) << result;
     EXPECT_TRUE(IsUnknown(facts["cameras"])) << result;
     EndLeftovers();
 }
@@ -168,7 +168,8 @@ TEST_F(OrvikctlStatus, CommandLineWithoutQuotes) {
     }
     InstallCommandLine((inside / L"another one.exe").wstring() + L" -x");
     Facts facts = FactsOf(Orvikctl(L"status"));
-    EXPECT_TRUE(facts["program"].starts_with("unknown, because no program is found in "))
+    EXPECT_TRUE(facts["program"].starts_with(
+        "unknown: cannot find the program in the service's command line "))
         << facts["program"];
     EXPECT_TRUE(IsUnknown(facts["version"])) << facts["version"];
     EndLeftovers();

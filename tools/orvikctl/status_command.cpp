@@ -6,26 +6,31 @@
 
 #include "commands.h"
 #include "json.h"
-#include "service_facts.h"
+#include "service_control.h"
+#include "service_dumps.h"
+#include "service_folders.h"
+#include "service_program.h"
+#include "windows/utf.h"
 
 namespace {
 
-/// One thing that status tells.
+/// One line of the report, in words and as JSON.
 struct Fact {
     std::string words;
     Json value;
 };
 
-/// All of them: each is true, or says why it is not known.
+/// The lines of the report. A fact that cannot be determined is reported as unknown, with the
+/// cause.
 class Report {
 public:
-    /// `find` throws if the fact cannot be known.
+    /// `find` throws if the fact cannot be determined.
     void Add(const char* key, const char* label, const std::function<Fact()>& find) {
         Fact fact;
         try {
             fact = find();
         } catch (const std::exception& error) {
-            fact.words = std::string("unknown, because ") + error.what();
+            fact.words = std::string("unknown: ") + error.what();
             unknown[key] = error.what();
         }
         std::array<char, 20> column{};
@@ -53,7 +58,7 @@ Fact FactOf(const std::string& text) {
 }
 
 Fact FactOf(const std::filesystem::path& path) {
-    return FactOf(Utf8(path.wstring()));
+    return FactOf(ToUtf8(path.wstring()));
 }
 
 Fact NoFact() {
@@ -67,13 +72,7 @@ Fact ProcessFact() {
 
 Fact RecoveryFact() {
     const std::vector<RecoveryAction> actions = ServiceRecovery();
-    Fact fact = {"", Json::array()};
-    for (const RecoveryAction& action : actions) {
-        fact.words += (fact.words.empty() ? "" : ", ") + action.words + " after " +
-                      std::to_string(action.delay) + " ms";
-        fact.value.push_back({{"action", action.words}, {"delay_ms", action.delay}});
-    }
-    return actions.empty() ? Fact{"none", Json::array()} : fact;
+    return {Words(actions), JsonOf(actions)};
 }
 
 std::string TimeOf(const FILETIME& time) {
@@ -89,14 +88,14 @@ Fact DumpFact() {
     const std::optional<Dump> dump = NewestDump(ServiceDumpFolder());
     if (!dump)
         return NoFact();
-    const std::string name = Utf8(dump->name.wstring());
+    const std::string name = ToUtf8(dump->name.wstring());
     const std::string time = TimeOf(dump->written);
     return {name + ", " + time, {{"name", name}, {"time", time}}};
 }
 
-/// What an attempt to connect has shown.
+/// The result of an attempt to connect.
 struct Connection {
-    std::exception_ptr error;  // none if it went well
+    std::exception_ptr error;  // null if it succeeded
     double milliseconds = 0;
     std::vector<orvik::CameraId> cameras;
 };
@@ -113,10 +112,10 @@ Connection TryToConnect(const Settings& settings) {
     return connection;
 }
 
-/// The facts beyond the first need a connection.
+/// Throws orvik::Error if the attempt failed.
 const Connection& Made(const Connection& connection) {
     if (connection.error)
-        throw orvik::Error(orvik::ErrorKind::kServiceGone, "the service cannot be reached");
+        throw orvik::Error(orvik::ErrorKind::kServiceGone, "there is no connection to the service");
     return connection;
 }
 
@@ -126,7 +125,7 @@ Fact PipeFact(const Connection& connection) {
             std::rethrow_exception(connection.error);
         return {"reachable", true};
     } catch (const orvik::Error& error) {
-        return {std::string("not reachable, ") + error.what(), false};
+        return {std::string("not reachable: ") + error.what(), false};
     }
 }
 
@@ -169,6 +168,6 @@ void Status(const Settings& settings) {
 }  // namespace
 
 void AddStatus(CLI::App& app, const Settings& settings) {
-    app.add_subcommand("status", "Print whether the service works, and if not, why")
+    app.add_subcommand("status", "Print whether the service works and, if not, why")
         ->callback([&settings] { Status(settings); });
 }

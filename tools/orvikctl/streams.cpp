@@ -1,52 +1,19 @@
 #include "streams.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 
-#include <fcntl.h>
-#include <io.h>
 #include <windows.h>
 
 #include <nlohmann/json.hpp>
 
+#include "console_output.h"
 #include "exit_code.h"
 
 namespace {
 
-bool IsTerminal(DWORD stream) noexcept {
-    DWORD mode = 0;
-    return ::GetConsoleMode(::GetStdHandle(stream), &mode) != FALSE;
-}
-
-bool WriteToConsole(DWORD stream, std::string_view text) {
-    const int length = static_cast<int>(text.size());
-    const int size = ::MultiByteToWideChar(CP_UTF8, 0, text.data(), length, nullptr, 0);
-    std::wstring wide(static_cast<std::size_t>(size), L'\0');
-    ::MultiByteToWideChar(CP_UTF8, 0, text.data(), length, wide.data(), size);
-    DWORD written = 0;
-    return ::WriteConsoleW(::GetStdHandle(stream), wide.data(), static_cast<DWORD>(wide.size()),
-                           &written, nullptr) != FALSE;
-}
-
-bool WriteToFile(std::FILE* file, std::span<const std::byte> bytes) noexcept {
-    return std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() &&
-           std::fflush(file) == 0;
-}
-
-std::span<const std::byte> BytesOf(std::string_view text) noexcept {
-    return std::as_bytes(std::span(text.data(), text.size()));
-}
-
-constexpr char kNotWritten[] = "the output could not be written";
-
-void WriteToOutput(std::span<const std::byte> bytes) {
-    if (WriteToFile(stdout, bytes))
-        return;
-    // Not every run-time library keeps the code.
-    const DWORD last = ::GetLastError();
-    const DWORD kept = _doserrno;
-    throw SystemFailure(kNotWritten, kept != 0 ? kept : last);
+void CheckWritten(DWORD code) {
+    if (code != ERROR_SUCCESS)
+        throw SystemFailure("cannot write to standard output", code);
 }
 
 bool IsControl(std::byte byte) noexcept {
@@ -56,35 +23,28 @@ bool IsControl(std::byte byte) noexcept {
 }  // namespace
 
 bool StandardOutputIsTerminal() noexcept {
-    return IsTerminal(STD_OUTPUT_HANDLE);
+    return IsConsole(STD_OUTPUT_HANDLE);
 }
 
 bool StandardErrorIsTerminal() noexcept {
-    return IsTerminal(STD_ERROR_HANDLE);
+    return IsConsole(STD_ERROR_HANDLE);
 }
 
 void Say(const std::string& text) noexcept {
-    if (StandardErrorIsTerminal())
-        WriteToConsole(STD_ERROR_HANDLE, text);
-    else
-        WriteToFile(stderr, BytesOf(text));
+    WriteText(STD_ERROR_HANDLE, text);
 }
 
 void Print(const std::string& text) {
-    if (!StandardOutputIsTerminal())
-        WriteToOutput(BytesOf(text));
-    else if (!WriteToConsole(STD_OUTPUT_HANDLE, text))
-        throw SystemFailure(kNotWritten);
+    CheckWritten(WriteText(STD_OUTPUT_HANDLE, text));
 }
 
 void PrintBytes(std::span<const std::byte> bytes) {
-    ::_setmode(::_fileno(stdout), _O_BINARY);
-    WriteToOutput(bytes);
+    CheckWritten(WriteBytes(bytes));
 }
 
 void PrintJson(const nlohmann::ordered_json& object) {
-    constexpr bool kAsciiAlone = true;  // which escapes all control characters
-    Print(object.dump(-1, ' ', kAsciiAlone, nlohmann::ordered_json::error_handler_t::replace) +
+    constexpr bool kAsciiOnly = true;  // which escapes all control characters
+    Print(object.dump(-1, ' ', kAsciiOnly, nlohmann::ordered_json::error_handler_t::replace) +
           "\n");
 }
 
@@ -129,14 +89,5 @@ std::string Printable(std::string_view text) {
         result += IsControl(byte) || twoBytes ? '?' : text[i];
         i += twoBytes ? 1 : 0;
     }
-    return result;
-}
-
-std::string Utf8(std::wstring_view text) {
-    const int length = static_cast<int>(text.size());
-    const int size =
-        ::WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
-    std::string result(static_cast<std::size_t>(size), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), length, result.data(), size, nullptr, nullptr);
     return result;
 }

@@ -1,5 +1,5 @@
-// Standard output is for data, standard error for talk. All texts are UTF-8, and readable on a
-// console of any code page.
+// Standard output is for data, standard error for messages. All texts are UTF-8; a console of any
+// code page shows them correctly.
 #pragma once
 
 #include <cstddef>
@@ -9,26 +9,23 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-/// True if someone may be looking: the stream is a console.
+/// Whether the stream is a console.
 bool StandardOutputIsTerminal() noexcept;
 bool StandardErrorIsTerminal() noexcept;
 
-/// Writes a text to standard error, as it is.
+/// Writes a text to standard error, unchanged. A failure to do so is ignored.
 void Say(const std::string& text) noexcept;
 
-/// Writes to standard output, at once. All throw Failure if that cannot be done: who reads it may
-/// have gone.
+/// Write to standard output without buffering. All throw Failure if that fails, for example because
+/// the reader of a pipe has closed it.
 void Print(const std::string& text);
-void PrintBytes(std::span<const std::byte> bytes);     // as they are
-void PrintJson(const nlohmann::ordered_json& object);  // one line, ASCII alone
+void PrintBytes(std::span<const std::byte> bytes);     // unchanged, in binary mode
+void PrintJson(const nlohmann::ordered_json& object);  // one line, ASCII only
 void PrintHexDump(std::span<const std::byte> bytes);
 
 /// Lower case, two digits each.
 std::string Hex(std::span<const std::byte> bytes);
 
-/// The text with '?' for each control character: what a camera, a file's name or an argument says
-/// must not steer the terminal.
+/// The text with '?' for each control character: a text from a camera, a file name or an argument
+/// must not control the terminal.
 std::string Printable(std::string_view text);
-
-/// From UTF-16.
-std::string Utf8(std::wstring_view text);

@@ -1,0 +1,100 @@
+#include "service_folders.h"
+
+#include <array>
+#include <cstddef>
+#include <memory>
+
+#include <windows.h>
+
+#include <sddl.h>
+#include <userenv.h>
+
+#include "exit_code.h"
+#include "protocol/message.h"
+#include "service_control.h"
+#include "service_program.h"
+#include "windows/unique_memory.h"
+#include "windows/utf.h"
+
+namespace {
+
+bool EqualIgnoringCase(const std::wstring& text, const wchar_t* other) {
+    return ::CompareStringOrdinal(text.c_str(), -1, other, -1, TRUE) == CSTR_EQUAL;
+}
+
+/// A text in HKEY_LOCAL_MACHINE.
+std::wstring RegistryText(const std::wstring& key, const wchar_t* value) {
+    std::array<wchar_t, 1024> text{};
+    DWORD size = sizeof(text);
+    const LSTATUS code = ::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), value,
+                                        RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND,
+                                        nullptr, text.data(), &size);
+    if (code != ERROR_SUCCESS)
+        throw SystemFailure(
+            "cannot read the registry value HKLM\\" + ToUtf8(key) + "\\" + ToUtf8(value),
+            static_cast<DWORD>(code));
+    return text.data();
+}
+
+bool IsLocalSystem(const std::wstring& account) {
+    return EqualIgnoringCase(account, L"LocalSystem");
+}
+
+/// The security identifier of an account, as a text.
+std::wstring IdentifierOf(const std::wstring& account) {
+    if (IsLocalSystem(account))
+        return L"S-1-5-18";
+    // ".\name" is an account of this machine.
+    const std::wstring name = account.starts_with(L".\\") ? account.substr(2) : account;
+    alignas(SID) std::array<std::byte, SECURITY_MAX_SID_SIZE> identifier{};
+    std::array<wchar_t, 256> domain{};
+    auto identifierSize = static_cast<DWORD>(identifier.size());
+    auto domainSize = static_cast<DWORD>(domain.size());
+    SID_NAME_USE use{};
+    LPWSTR text = nullptr;
+    if (!::LookupAccountNameW(nullptr, name.c_str(), identifier.data(), &identifierSize,
+                              domain.data(), &domainSize, &use) ||
+        !::ConvertSidToStringSidW(identifier.data(), &text))
+        throw SystemFailure("cannot look up the service's account " + ToUtf8(account));
+    const std::unique_ptr<wchar_t, LocalFreer> owner(text);
+    return text;
+}
+
+/// The folder that USERPROFILE names for the service.
+std::filesystem::path ProfileFolder() {
+    return ExpandForSystem(
+        RegistryText(LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\)" +
+                         IdentifierOf(ServiceAccount()),
+                     L"ProfileImagePath"));
+}
+
+}  // namespace
+
+std::wstring ExpandForSystem(const std::wstring& text) {
+    std::array<wchar_t, 4096> expanded{};
+    if (!::ExpandEnvironmentStringsForUserW(nullptr, text.c_str(), expanded.data(),
+                                            static_cast<DWORD>(expanded.size())))
+        throw SystemFailure("cannot expand the environment variables in " + ToUtf8(text));
+    return expanded.data();
+}
+
+std::filesystem::path ServiceLogFolder() {
+    return ProfileFolder() / L"AppData" / L"Local" / L"Orvik";
+}
+
+std::filesystem::path ServiceDumpFolder() {
+    const std::wstring account = ServiceAccount();
+    if (!IsLocalSystem(account))
+        throw Failure(ExitCode::kFailure, "the service runs as " + ToUtf8(account) +
+                                              ", and only processes of that account know its "
+                                              "temporary folder");
+    const std::wstring name = ServiceProgram().stem().wstring();
+    if (!EqualIgnoringCase(name, kServiceName))
+        throw Failure(ExitCode::kFailure,
+                      "the service's program is named " + ToUtf8(name) + " instead of " +
+                          ToUtf8(kServiceName) +
+                          ", so a crash server writes the dumps, to the root of its current drive");
+    ProfileFolder();  // where LocalSystem has none, its variables are not those of the system
+    return ExpandForSystem(
+        RegistryText(LR"(SYSTEM\CurrentControlSet\Control\Session Manager\Environment)", L"TMP"));
+}

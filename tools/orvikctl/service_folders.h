@@ -1,0 +1,15 @@
+// The folders that the service writes to, as the registry defines them for its account. Each
+// function throws Failure, whose text says why the fact cannot be determined.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+/// Replaces the environment variables in `text` by the values that they have for LocalSystem.
+std::wstring ExpandForSystem(const std::wstring& text);
+
+/// The folder of the log. The log is created when the first record is written.
+std::filesystem::path ServiceLogFolder();
+
+/// The folder of the dumps of the service itself.
+std::filesystem::path ServiceDumpFolder();
