@@ -1,6 +1,6 @@
-// What the control library and the driver say to each other over the control link: one device
-// control code per request, fixed little-endian records, METHOD_BUFFERED. Both sides are built
-// from the same tree, so there is no version field.
+// The protocol of the control link between the control library and the driver: one device control
+// code per request, fixed little-endian records, METHOD_BUFFERED. Both sides are built from the
+// same tree, so there is no version field.
 //
 // Include after <windows.h> and <winioctl.h>, or after <ntddk.h>.
 #pragma once

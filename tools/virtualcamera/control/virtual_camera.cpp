@@ -10,6 +10,8 @@
 #include <utility>
 
 #include "control_protocol.h"
+#include "windows/unique_device_info_list.h"
+#include "windows/unique_handle.h"
 
 namespace vcam {
 namespace {
@@ -17,24 +19,13 @@ namespace {
 static_assert(kRequestsKept == protocol::kRequestsKept);
 static_assert(kRequestBytesKept == protocol::kRequestBytesKept);
 static_assert(kBlockSize == protocol::kBlockBytes);
+static_assert(kBlockLimit == protocol::kBlockLimit);
 
-/// How long the PnP manager may take to start or remove a camera.
+/// Time limit for the PnP manager to start or remove a camera.
 constexpr DWORD kPnpMilliseconds = 30'000;
 
-/// The most memory bytes moved by one control request.
+/// Most bytes of memory that one control request transfers.
 constexpr std::size_t kMemoryChunk = 0x40000;
-
-struct HandleCloser {
-    using pointer = HANDLE;
-    void operator()(HANDLE handle) const noexcept { ::CloseHandle(handle); }
-};
-using UniqueHandle = std::unique_ptr<void, HandleCloser>;
-
-struct DeviceListCloser {
-    using pointer = HDEVINFO;
-    void operator()(HDEVINFO list) const noexcept { ::SetupDiDestroyDeviceInfoList(list); }
-};
-using UniqueDeviceList = std::unique_ptr<void, DeviceListCloser>;
 
 [[noreturn]] void Fail(DWORD code, const std::string& what) {
     throw std::system_error(static_cast<int>(code), std::system_category(), what);
@@ -53,7 +44,10 @@ protocol::StringRecord Encode(const std::optional<std::string>& text, const char
     record.length = protocol::kNone;
     if (text) {
         if (text->size() > protocol::kStringBytes)
-            Fail(ERROR_INVALID_PARAMETER, std::string("the ") + name + " string is too long");
+            Fail(ERROR_INVALID_PARAMETER, std::string("the ") + name +
+                                              " string must have at most " +
+                                              std::to_string(protocol::kStringBytes) +
+                                              " bytes, not " + std::to_string(text->size()));
         record.length = static_cast<ULONG>(text->size());
         std::memcpy(record.bytes, text->data(), text->size());
     }
@@ -73,11 +67,13 @@ bool RunsOnWine() {
 
 void CheckInstanceId(const std::wstring& id) {
     if (id.size() > protocol::kInstanceIdCharacters)
-        Fail(ERROR_INVALID_PARAMETER, "the instance id is too long");
+        Fail(ERROR_INVALID_PARAMETER, "the instance id must have at most " +
+                                          std::to_string(protocol::kInstanceIdCharacters) +
+                                          " characters, not " + std::to_string(id.size()));
     const bool ascii = std::all_of(id.begin(), id.end(), [](wchar_t c) { return c < 0x80; });
-    // Windows stops the whole machine when a bus driver reports such an id.
+    // Windows stops the machine when a bus driver reports such an id.
     if (!ascii && !RunsOnWine())
-        Fail(ERROR_INVALID_PARAMETER, "Windows allows ASCII only in an instance id");
+        Fail(ERROR_INVALID_PARAMETER, "the instance id must be ASCII on Windows");
 }
 
 bool EqualIgnoringCase(const std::wstring& a, const std::wstring& b) {
@@ -90,12 +86,12 @@ std::wstring PathOf(HDEVINFO list, SP_DEVICE_INTERFACE_DATA* interfaceData) {
     DWORD size = 0;
     ::SetupDiGetDeviceInterfaceDetailW(list, interfaceData, nullptr, 0, &size, nullptr);
     if (size < sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W))
-        FailLast("SetupDiGetDeviceInterfaceDetailW failed");
+        FailLast("cannot read the path of a device interface");
     const auto memory = std::make_unique<std::byte[]>(size);
     auto* const detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(memory.get());
     detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W);
     if (!::SetupDiGetDeviceInterfaceDetailW(list, interfaceData, detail, size, nullptr, nullptr))
-        FailLast("SetupDiGetDeviceInterfaceDetailW failed");
+        FailLast("cannot read the path of a device interface");
     return detail->DevicePath;
 }
 
@@ -115,7 +111,7 @@ struct Bus::Link {
                void* output, std::size_t outputLength, DWORD milliseconds = INFINITE) const {
         const UniqueHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
         if (!event)
-            FailLast("CreateEventW failed");
+            FailLast("cannot create an event");
         OVERLAPPED overlapped = {};
         overlapped.hEvent = event.get();
         DWORD returned = 0;
@@ -129,8 +125,8 @@ struct Bus::Link {
         const bool timedOut = ::WaitForSingleObject(event.get(), milliseconds) == WAIT_TIMEOUT;
         if (timedOut)
             ::CancelIoEx(device.get(), &overlapped);
-        // After a cancel too: the buffers belong to the driver until the request has ended, and
-        // it may have succeeded in the last moment.
+        // Also after a cancel: the buffers belong to the driver until the request has ended, and
+        // it may have succeeded just before the cancel.
         if (!::GetOverlappedResult(device.get(), &overlapped, &returned, TRUE)) {
             const DWORD error = ::GetLastError();
             Fail(timedOut && error == ERROR_OPERATION_ABORTED ? ERROR_TIMEOUT : error, what);
@@ -140,12 +136,11 @@ struct Bus::Link {
 };
 
 Bus::Bus() : link(std::make_unique<Link>()) {
-    const HANDLE device = ::CreateFileW(protocol::kControlPath, GENERIC_READ | GENERIC_WRITE,
-                                        FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                        FILE_FLAG_OVERLAPPED, nullptr);
-    if (device == INVALID_HANDLE_VALUE)
-        FailLast("cannot open the virtual camera bus (is its driver installed?)");
-    link->device.reset(device);
+    link->device = OwnFile(::CreateFileW(protocol::kControlPath, GENERIC_READ | GENERIC_WRITE,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                         FILE_FLAG_OVERLAPPED, nullptr));
+    if (!link->device)
+        FailLast("cannot open the virtual camera bus, which vcamctl install installs");
 }
 
 Bus::~Bus() = default;
@@ -171,7 +166,7 @@ CameraId Bus::Plug(const PlugOptions& options) {
         try {
             Unplug(id);
         } catch (const std::system_error&) {
-            // Why it could not be plugged says more.
+            // The first failure is the one to report.
         }
         throw;
     }
@@ -191,7 +186,7 @@ void Bus::UnplugAll() {
         } catch (const std::system_error& error) {
             if (error.code().value() != ERROR_DEVICE_NOT_CONNECTED)
                 throw;
-            // Somebody else has unplugged it meanwhile.
+            // Another process has unplugged it meanwhile.
         }
     }
 }
@@ -229,19 +224,19 @@ std::wstring Bus::InterfacePath(CameraId id) {
     protocol::InfoRecord record;
     const std::string what = "cannot find the path of " + CameraText(id);
     link->Call(what, protocol::kInfo, &input, sizeof(input), &record, sizeof(record));
-    // The driver knows the kernel's name of the link; programs write "\\?\" for its "\??\".
+    // The driver reports the kernel's name of the link; programs write "\\?\" for its "\??\".
     std::wstring name = record.interfaceName;
     if (name.size() < 4)
         Fail(ERROR_NOT_READY, what);
     name.replace(0, 4, L"\\\\?\\");
 
-    // The enumeration may spell it in other letter case.
+    // The enumeration may use different letter case.
     const GUID& guid = record.plug.interfaceClass;
     const HDEVINFO list =
         ::SetupDiGetClassDevsW(&guid, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
     if (list == INVALID_HANDLE_VALUE)
         FailLast(what);
-    const UniqueDeviceList owner(list);
+    const UniqueDeviceInfoList owner(list);
     SP_DEVICE_INTERFACE_DATA data = {};
     data.cbSize = sizeof(data);
     for (DWORD index = 0; ::SetupDiEnumDeviceInterfaces(list, nullptr, &guid, index, &data);
@@ -257,7 +252,9 @@ void Bus::SetBehaviour(CameraId id, const Behaviour& behaviour) {
     const std::string what = "cannot set the behaviour of " + CameraText(id);
     const auto milliseconds = behaviour.delay.count();
     if (milliseconds < 0 || milliseconds >= protocol::kNone)
-        Fail(ERROR_INVALID_PARAMETER, what + ": bad delay");
+        Fail(ERROR_INVALID_PARAMETER, what + ": the delay must be from 0 to " +
+                                          std::to_string(protocol::kNone - 1) + " ms, not " +
+                                          std::to_string(milliseconds));
     protocol::BehaviourRecord record = {};
     record.id = id;
     record.completionStatus = behaviour.completionStatus;
@@ -272,7 +269,10 @@ void Bus::SetBehaviour(CameraId id, const Behaviour& behaviour) {
     record.descriptorBytes = LimitOf(behaviour.descriptorBytes);
     if (behaviour.descriptor) {
         if (behaviour.descriptor->size() > protocol::kDescriptorBytes)
-            Fail(ERROR_INVALID_PARAMETER, what + ": the descriptor is too long");
+            Fail(ERROR_INVALID_PARAMETER, what + ": the descriptor must have at most " +
+                                              std::to_string(protocol::kDescriptorBytes) +
+                                              " bytes, not " +
+                                              std::to_string(behaviour.descriptor->size()));
         record.hasDescriptor = 1;
         record.descriptorLength = static_cast<ULONG>(behaviour.descriptor->size());
         std::memcpy(record.descriptor, behaviour.descriptor->data(), behaviour.descriptor->size());
@@ -334,10 +334,10 @@ void Bus::WaitFor(CameraId id, Counter counter, std::uint64_t count,
     static constexpr std::array<const char*, 4> kNames = {"requests", "opens", "closes",
                                                           "pending requests"};
     const protocol::WaitRecord record = {count, id, static_cast<protocol::CounterKind>(counter)};
-    // 49 days at most: INFINITE itself would be for ever.
+    // 49 days at most, because INFINITE would have no limit.
     const auto milliseconds =
         std::clamp<std::chrono::milliseconds::rep>(timeout.count(), 0, INFINITE - 1);
-    link->Call("waiting for " + std::to_string(count) + " " +
+    link->Call("cannot wait for " + std::to_string(count) + " " +
                    kNames.at(static_cast<std::size_t>(counter)) + " of " + CameraText(id),
                protocol::kWait, &record, sizeof(record), nullptr, 0,
                static_cast<DWORD>(milliseconds));
@@ -346,7 +346,7 @@ void Bus::WaitFor(CameraId id, Counter counter, std::uint64_t count,
 std::vector<std::byte> Bus::ReadMemory(CameraId id, std::uint64_t offset, std::size_t length) {
     std::vector<std::byte> bytes(length);
     std::size_t done = 0;
-    do {  // once for no bytes too: the offset and the camera are still checked
+    do {  // also once for 0 bytes, to check the offset and the camera
         const std::size_t part = std::min(length - done, kMemoryChunk);
         const protocol::MemoryRecord record = {offset + done, id, static_cast<ULONG>(part)};
         link->Call("cannot read the memory of " + CameraText(id), protocol::kReadMemory, &record,

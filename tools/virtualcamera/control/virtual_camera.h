@@ -1,5 +1,5 @@
-// Control of the virtual cameras from C++: what tests and vcamctl use to plug, steer and observe
-// them. Needs the virtual camera driver to be installed (`vcamctl install`).
+// Controls the virtual cameras from C++: tests and vcamctl use it to plug, control and observe
+// them. The virtual camera driver must be installed (`vcamctl install`).
 #pragma once
 
 #include <windows.h>
@@ -15,20 +15,23 @@
 
 namespace vcam {
 
-/// Names one plugged camera. Given by the driver, never used twice while it is loaded.
+/// Identifies one plugged camera. Assigned by the driver, and not reused while it is loaded.
 using CameraId = std::uint32_t;
 
 /// An NTSTATUS value as <ntstatus.h> defines them.
 using NtStatus = long;
 
-/// How many of the last requests of a camera the driver keeps, and how many bytes of each block.
+/// The number of a camera's last requests that the driver keeps, and of the bytes of each block.
 inline constexpr std::uint32_t kRequestsKept = 64;
 inline constexpr std::uint32_t kRequestBytesKept = 128 * 1024;
 
 /// The size of one block of a camera's memory, in bytes.
 inline constexpr std::uint32_t kBlockSize = 512;
 
-/// The device interface classes that cameras usually have.
+/// Most blocks of a camera's memory: 64 MiB.
+inline constexpr std::uint32_t kBlockLimit = 131'072;
+
+/// The device interface classes of real cameras.
 /// {53F56308-B6BF-11D0-94F2-00A0C91EFB8B}
 inline constexpr GUID kCdromInterface = {
     0x53f56308, 0xb6bf, 0x11d0, {0x94, 0xf2, 0x00, 0xa0, 0xc9, 0x1e, 0xfb, 0x8b}};
@@ -36,7 +39,7 @@ inline constexpr GUID kCdromInterface = {
 inline constexpr GUID kDiskInterface = {
     0x53f56307, 0xb6bf, 0x11d0, {0x94, 0xf2, 0x00, 0xa0, 0xc9, 0x1e, 0xfb, 0x8b}};
 
-/// What kind of camera to plug. The defaults make a camera that the service accepts.
+/// The properties of a camera. The defaults describe a camera that the service accepts.
 struct PlugOptions {
     /// The strings of the storage device descriptor, byte for byte (padding is kept; at most 255
     /// bytes each). No value: the descriptor has no such string, its offset is 0. INQUIRY shows
@@ -45,23 +48,23 @@ struct PlugOptions {
     std::optional<std::string> product = "Virtual Camera";
     std::optional<std::string> revision = "F01";
 
-    /// The device interface that the camera offers.
+    /// The class of the camera's device interface.
     GUID interfaceClass = kCdromInterface;
 
     /// The instance id, which becomes a part of the device path; at most 60 characters, no
     /// blanks, commas, slashes or backslashes. Empty: the lowest free number, so that a camera
-    /// plugged after another was unplugged may have its path. An id that is plugged already is
-    /// refused. Windows stops the machine for characters outside ASCII, so those are refused
-    /// there; Wine takes them.
+    /// plugged after another was unplugged may get its path. An id that is already plugged is
+    /// refused. Characters outside ASCII are accepted on Wine and refused on Windows, which
+    /// stops the machine for them.
     std::wstring instanceId;
 
-    /// The size of the memory, in blocks of kBlockSize; at least 1, at most 131072 (64 MiB).
+    /// The size of the memory, in blocks of kBlockSize; from 1 to kBlockLimit.
     std::uint32_t blockCount = 2048;
 };
 
-/// How a camera treats the pass-through requests that arrive from now on. Requests that are
-/// pending already keep what was set when they came. The default is an ordinary camera that
-/// answers at once.
+/// How a camera treats the pass-through requests that arrive after the change. Requests that are
+/// already pending keep the behaviour that was set when they arrived. The default is an ordinary
+/// camera that answers at once.
 ///
 /// Order of the checks for one request: `immediateStatus`; then, if any of `hold`, `delay` and
 /// `completionStatus` is set, the request is pended; when it ends, `completionStatus`, then
@@ -78,18 +81,18 @@ struct Behaviour {
     /// Warnings such as STATUS_BUFFER_OVERFLOW and STATUS_CANCELLED are possible too.
     NtStatus immediateStatus = 0;
 
-    /// More than 0: the request is pended and ends after this time by itself. Whole milliseconds.
+    /// More than 0: the request is pended and completed after this time. Whole milliseconds.
     std::chrono::milliseconds delay{0};
 
-    /// The request is pended until Release() or ReleaseAll() names it (`delay` is not used).
+    /// The request is pended until Release() or ReleaseAll() completes it (`delay` is not used).
     bool hold = false;
 
-    /// A pended request has no cancel routine: cancelling changes nothing until it ends by
-    /// delay, release or unplug. Otherwise cancelling ends it with STATUS_CANCELLED. A process
-    /// that ends with such a request pending waits for it.
+    /// A pended request has no cancel routine: it ends only by delay, release or unplug.
+    /// Otherwise cancelling ends it with STATUS_CANCELLED. A process that ends with such a request
+    /// pending waits for it.
     bool ignoreCancel = false;
 
-    /// The most data bytes that one read-in command returns; fewer than the command asked for is
+    /// Most data bytes that one read-in command returns; fewer than the command asked for is
     /// a success with a shorter answer.
     std::optional<std::uint32_t> maximumDataBytes;
 
@@ -102,7 +105,7 @@ struct Behaviour {
     std::optional<std::uint32_t> descriptorHeaderBytes;
     std::optional<std::uint32_t> descriptorBytes;
 
-    /// These bytes (at most 4096) are the storage device descriptor, whatever they say.
+    /// These bytes (at most 4096) are the storage device descriptor, valid or not.
     std::optional<std::vector<std::byte>> descriptor;
 };
 
@@ -114,7 +117,7 @@ struct Request {
     std::vector<std::byte> block;      ///< the input bytes, at most kRequestBytesKept of them
 };
 
-/// What has happened to a camera since it was plugged.
+/// Counters since the camera was plugged.
 struct CameraCounters {
     std::uint64_t requests = 0;  ///< pass-through requests that reached the driver
     std::uint64_t opens = 0;     ///< handles opened
@@ -122,7 +125,7 @@ struct CameraCounters {
     std::uint32_t pending = 0;   ///< pass-through requests pending in the driver now
 };
 
-/// What WaitFor() can wait for.
+/// The counter that WaitFor() waits for.
 enum class Counter : std::uint32_t { kRequests, kOpens, kCloses, kPending };
 
 /// One line of List().
@@ -133,9 +136,9 @@ struct CameraInfo {
 
 /// The link to the virtual bus. Closing it leaves the cameras plugged.
 ///
-/// Thread: any, several at once. Every call waits until the driver has done what it asks. All
-/// throw std::system_error whose text says what failed and whose code is the system's; a camera
-/// id that is not plugged gives ERROR_DEVICE_NOT_CONNECTED (1167).
+/// Thread: any, several at once. Every call returns when the driver has done the work. All throw
+/// std::system_error, whose text says what failed and whose code is that of the system: for an id
+/// of no plugged camera ERROR_DEVICE_NOT_CONNECTED (1167).
 class Bus {
 public:
     /// Opens the link. Throws ERROR_FILE_NOT_FOUND when the driver is not installed.
@@ -144,15 +147,15 @@ public:
     Bus(Bus&&) noexcept;
     Bus& operator=(Bus&&) noexcept;
 
-    /// Plugs a camera; on return its interface is enabled and can be opened. One that does not
-    /// get that far is unplugged again.
+    /// Plugs a camera; on return its interface is enabled and can be opened. If that fails, the
+    /// camera is unplugged again.
     CameraId Plug(const PlugOptions& options = {});
 
     /// Unplugs a camera; on return its interface is gone and requests that were pending on it
     /// have ended with STATUS_DEVICE_NOT_CONNECTED (error 1167). Handles may still be open.
     void Unplug(CameraId id);
 
-    /// Unplugs all that are plugged when it is called.
+    /// Unplugs all cameras that are plugged at the call.
     void UnplugAll();
 
     /// The plugged cameras in the order of their ids.
@@ -163,19 +166,21 @@ public:
 
     void SetBehaviour(CameraId id, const Behaviour& behaviour);
 
-    /// Ends exactly the held request with this sequence number, in the way that was set when it
-    /// came. On return it has been completed. Throws ERROR_NOT_FOUND when no such request is held.
+    /// Completes only the held request with this sequence number, with the behaviour that was set
+    /// when it arrived. Returns when it is completed. Throws ERROR_NOT_FOUND when no such request
+    /// is held.
     void Release(CameraId id, std::uint64_t sequenceNumber);
 
-    /// Ends all held requests, oldest first. Behaviour is unchanged: later ones are held again.
+    /// Completes all held requests, oldest first. Later requests are held again.
     void ReleaseAll(CameraId id);
 
-    /// The last `count` requests (at most kRequestsKept), oldest first, pended and failed ones too.
+    /// The last `count` requests (at most kRequestsKept), oldest first, including pended and failed
+    /// ones.
     std::vector<Request> LastRequests(CameraId id, std::uint32_t count = kRequestsKept);
 
     CameraCounters Counters(CameraId id);
 
-    /// Returns once the counter is at least `count`; the driver says so, nothing is polled.
+    /// Returns when the counter is at least `count`. The driver reports it; nothing is polled.
     /// Throws ERROR_TIMEOUT when that takes longer than `timeout` (at most 49 days), and
     /// ERROR_DEVICE_NOT_CONNECTED when the camera is unplugged meanwhile.
     void WaitFor(CameraId id, Counter counter, std::uint64_t count,

@@ -1,4 +1,4 @@
-// The bus: its device, its children, and the thread that ends delayed requests.
+// The bus: its device, its children, and the thread that completes delayed requests.
 
 #include "virtual_bus.h"
 
@@ -53,7 +53,7 @@ NTSTATUS StartDelayThread(Bus* bus) {
     status =
         ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &bus->thread, nullptr);
     if (!NT_SUCCESS(status)) {
-        // It runs, and would use the bus after its end.
+        // The thread runs, and would use the bus after the bus is deleted.
         bus->thread = nullptr;
         AskThreadToStop(bus);
         ZwWaitForSingleObject(handle, FALSE, nullptr);
@@ -98,7 +98,7 @@ NTSTATUS Start(Bus* bus, IRP* irp) {
     if (NT_SUCCESS(status)) {
         UNICODE_STRING link = NameOf(kBusLinkName);
         UNICODE_STRING name = NameOf(kBusDeviceName);
-        // Starting again after a stop finds the link as it was.
+        // On a restart after a stop, the link still exists.
         if (!bus->started)
             status = IoCreateSymbolicLink(&link, &name);
         if (NT_SUCCESS(status))
@@ -107,14 +107,14 @@ NTSTATUS Start(Bus* bus, IRP* irp) {
     return Complete(irp, status);
 }
 
-/// Tells the PnP manager which cameras are plugged.
+/// Reports the plugged cameras to the PnP manager.
 NTSTATUS QueryCameras(Bus* bus, IRP* irp) {
     ULONG capacity = 0;
     {
         SpinLockGuard guard(&bus->lock);
         capacity = bus->cameraCount;
     }
-    // A camera that is plugged from here on causes a query of its own.
+    // A camera that is plugged after this point causes another query.
     const auto* const before = reinterpret_cast<DEVICE_RELATIONS*>(irp->IoStatus.Information);
     const ULONG others = before != nullptr ? before->Count : 0;
     auto* const relations = static_cast<DEVICE_RELATIONS*>(ExAllocatePoolWithTag(
@@ -157,7 +157,7 @@ NTSTATUS QueryCameras(Bus* bus, IRP* irp) {
     return Forward(bus, irp);
 }
 
-/// Takes the first camera off the bus, which takes no more; null when there is none.
+/// Removes the first camera from the bus, which accepts no more; null when there is none.
 Camera* TakeCamera(Bus* bus) {
     SpinLockGuard guard(&bus->lock);
     bus->removed = true;
@@ -174,8 +174,8 @@ NTSTATUS Remove(Bus* bus, IRP* irp) {
         IoDeleteSymbolicLink(&link);
     }
     StopDelayThread(bus);
-    // The PnP manager has removed the cameras before the bus, but was not told that they are
-    // missing, so they are still here.
+    // The PnP manager has removed the cameras before the bus, but they were not reported as
+    // missing, so they are still on the bus.
     while (Camera* const camera = TakeCamera(bus))
         DropCamera(camera);
     CheckWaiters(bus);

@@ -1,4 +1,4 @@
-// A camera's device: made on "plug", run by the PnP manager, deleted after "unplug".
+// A camera's device: created by "plug", started by the PnP manager, deleted after "unplug".
 
 #include "virtual_bus.h"
 
@@ -50,7 +50,7 @@ NTSTATUS QueryDeviceText(IRP* irp) {
 NTSTATUS QueryCapabilities(IRP* irp) {
     DEVICE_CAPABILITIES* const capabilities =
         IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceCapabilities.Capabilities;
-    capabilities->RawDeviceOK = TRUE;  // there is no function driver: this device is all there is
+    capabilities->RawDeviceOK = TRUE;  // usable without a function driver
     capabilities->SilentInstall = TRUE;
     capabilities->Removable = TRUE;
     capabilities->SurpriseRemovalOK = TRUE;
@@ -64,7 +64,7 @@ NTSTATUS QueryCapabilities(IRP* irp) {
     return Complete(irp, STATUS_SUCCESS);
 }
 
-/// "Target device": a physical device names itself.
+/// "Target device": a physical device returns itself.
 NTSTATUS QueryRelations(Camera* camera, IRP* irp) {
     if (IoGetCurrentIrpStackLocation(irp)->Parameters.QueryDeviceRelations.Type !=
         TargetDeviceRelation)
@@ -95,8 +95,8 @@ NTSTATUS EnableInterface(Camera* camera) {
 NTSTATUS Start(Camera* camera, IRP* irp) {
     Bus* const bus = camera->bus;
     {
-        // Before the interface is enabled: that is announced, and programs open the camera, before
-        // the start has ended.
+        // Before the interface is enabled, because programs can open the camera as soon as it is,
+        // before this function returns.
         SpinLockGuard guard(&bus->lock);
         camera->refuses = false;
         camera->gone = false;
@@ -112,16 +112,16 @@ NTSTATUS Start(Camera* camera, IRP* irp) {
     return status;
 }
 
-/// The camera can no longer be used: ends what is pending, then takes the interface away.
+/// Makes the camera unusable: ends its pending requests, then disables its interface.
 /// `forGood` is false when the device was only disabled and may be started again. Does
-/// nothing to a camera that is gone already.
+/// nothing to a camera that is already gone.
 void TakeAway(Camera* camera, bool forGood) {
     bool disable = false;
     {
         SpinLockGuard guard(&camera->bus->lock);
         if (camera->gone)
             return;
-        camera->refuses = true;  // nothing is pended behind the end of all requests
+        camera->refuses = true;  // no request is pended after all requests have ended
         disable = camera->started;
         camera->started = false;
     }
@@ -190,7 +190,7 @@ void NumberInstance(Camera* camera, ULONG number) {
         camera->plug.instanceId[i] = kDigits[number >> (12 - 4 * i) & 0xf];
     camera->plug.instanceId[4] = 0;
     camera->plug.instanceIdLength = 4;
-    // Digits and capitals are their own upper case.
+    // Digits and capitals need no conversion to upper case.
     RtlCopyMemory(camera->foldedInstanceId, camera->plug.instanceId, 5 * sizeof(wchar_t));
 }
 
@@ -213,7 +213,7 @@ bool IsInUse(Bus* bus, const Camera* camera) {
     return false;
 }
 
-/// Puts a new camera on the bus, under an instance id that no other one has.
+/// Adds a new camera to the bus, with an instance id that no other camera has.
 NTSTATUS AddToBus(Bus* bus, Camera* camera) {
     SpinLockGuard guard(&bus->lock);
     if (bus->removed)
@@ -221,8 +221,8 @@ NTSTATUS AddToBus(Bus* bus, Camera* camera) {
     if (bus->cameraCount >= protocol::kCameraLimit)
         return STATUS_TOO_MANY_NODES;
     if (camera->plug.instanceIdLength == 0) {
-        // The lowest free number: the registry keeps an entry for every id that there ever was,
-        // and plugging gets slower with each.
+        // The lowest free number: the registry keeps an entry of each id that was ever used, and
+        // each entry makes plugging slower.
         ULONG number = 0;
         do {
             NumberInstance(camera, ++number);
@@ -276,7 +276,7 @@ NTSTATUS CreateCamera(Bus* bus, const protocol::PlugRecord& plug, ULONG* id) {
     status =
         camera->unit.memory != nullptr ? FoldInstanceId(camera) : STATUS_INSUFFICIENT_RESOURCES;
     if (NT_SUCCESS(status)) {
-        // Before the PnP manager can find it on the bus.
+        // Before the PnP manager can see it on the bus.
         device->Flags |= DO_BUFFERED_IO | DO_POWER_PAGABLE;
         device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
         status = AddToBus(bus, camera);
@@ -371,7 +371,7 @@ NTSTATUS CameraCreate(Camera* camera, IRP* irp) {
 
 NTSTATUS CameraClose(Camera* camera, IRP* irp) {
     Bus* const bus = camera->bus;
-    // Wine hands out a handle even if the open was failed, and closes it here.
+    // Wine returns a handle even if the open failed, and closes it here.
     const bool counted = IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext != nullptr;
     if (counted) {
         SpinLockGuard guard(&bus->lock);

@@ -1,4 +1,4 @@
-// The control link: what the control library asks for.
+// The control link: the requests of the control library.
 
 #include "virtual_bus.h"
 
@@ -48,7 +48,7 @@ NTSTATUS Unplug(Bus* bus, IRP* irp, const ControlBuffers& buffers) {
     ULONG id = 0;
     if (!ReadRecord(buffers, &id))
         return Complete(irp, STATUS_INVALID_PARAMETER);
-    Camera* unseen = nullptr;  // by the PnP manager, which so will not remove it
+    Camera* unseen = nullptr;  // not yet reported to the PnP manager, which will not remove it
     {
         SpinLockGuard guard(&bus->lock);
         Camera* const camera = FindCamera(bus, id);

@@ -1,4 +1,4 @@
-// The driver's entry, and which device answers which request.
+// The driver's entry point, and the dispatch of requests to the devices.
 
 #include "virtual_bus.h"
 
@@ -26,9 +26,8 @@ NTSTATUS NTAPI DispatchClose(DEVICE_OBJECT* device, IRP* irp) {
     return CameraClose(CameraOf(device), irp);
 }
 
-/// The last handle of an open file is closed. Its pended requests go on: they end by their delay,
-/// by a release, a cancel or the unplugging, so that a test can watch completions that come after
-/// the close.
+/// The last handle of an open file is closed. Its pended requests stay pending until their delay, a
+/// release, a cancel or the unplugging, so that a test can observe completions after the close.
 NTSTATUS NTAPI DispatchCleanup(DEVICE_OBJECT*, IRP* irp) {
     return Complete(irp, STATUS_SUCCESS);
 }
@@ -67,7 +66,7 @@ NTSTATUS NTAPI DispatchSystemControl(DEVICE_OBJECT* device, IRP* irp) {
 }
 
 /// On Windows every device is gone by now. Wine unloads the driver even if cameras have open
-/// handles; once their devices are deleted, none of their closes comes here.
+/// handles; closing those after their devices are deleted does not call the driver.
 void NTAPI Unload(DRIVER_OBJECT* driver) {
     for (DEVICE_OBJECT* device = driver->DeviceObject; device != nullptr;) {
         DEVICE_OBJECT* const next = device->NextDevice;

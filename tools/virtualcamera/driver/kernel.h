@@ -1,9 +1,9 @@
-// The kernel's headers, and the few helpers that all of the driver uses. There is no C++ runtime
+// The kernel's headers, and helpers for the whole driver. There is no C++ runtime
 // in a driver: no exceptions, no new, no static objects with constructors.
 #pragma once
 
 #ifdef __MINGW32__
-// mingw-w64's wdm.h defines these two once more, in a way that C++ refuses: it gets other names.
+// mingw-w64's wdm.h defines these two again, in a way that is invalid in C++: rename its versions.
 #include <intrin.h>
 #define InterlockedBitTestAndSet WdmInterlockedBitTestAndSet
 #define InterlockedBitTestAndReset WdmInterlockedBitTestAndReset
@@ -34,8 +34,8 @@ inline void FreePool(void* memory) {
         ExFreePoolWithTag(memory, kPoolTag);
 }
 
-/// Holds a spin lock for a scope. The code in the scope runs at DISPATCH_LEVEL: it touches
-/// non-paged memory only, waits for nothing and completes no IRP.
+/// Holds a spin lock for a scope. The code in the scope runs at DISPATCH_LEVEL: it must access only
+/// non-paged memory, and must not wait or complete an IRP.
 class SpinLockGuard {
 public:
     explicit SpinLockGuard(KSPIN_LOCK* held) : lock(held) { KeAcquireSpinLock(lock, &irql); }
@@ -48,7 +48,7 @@ private:
     KIRQL irql;
 };
 
-/// Ends an IRP that nobody else can reach any more. The IRP is gone on return.
+/// Completes an IRP to which no other thread has access. The IRP is gone on return.
 inline NTSTATUS Complete(IRP* irp, NTSTATUS status, ULONG_PTR information = 0) {
     irp->IoStatus.Status = status;
     irp->IoStatus.Information = information;

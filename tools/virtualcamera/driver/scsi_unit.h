@@ -1,5 +1,5 @@
-// The camera as a SCSI device: a small direct-access unit with memory behind it. Knows nothing of
-// the kernel; the caller gives it checked buffers and keeps calls apart from each other.
+// The camera as a SCSI device: a small direct-access unit backed by memory. Uses no kernel
+// function; the caller passes checked buffers and serializes the calls.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ struct ScsiCommand {
     std::uint8_t cdb[16];  // bytes that were not sent are 0
     DataPhase phase;
     std::uint8_t* data;        // not owned; `dataLength` bytes
-    std::uint32_t dataLength;  // the most bytes to transfer
+    std::uint32_t dataLength;  // most bytes to transfer
 };
 
 struct ScsiResult {

@@ -1,4 +1,4 @@
-// What a camera answers to the device-control calls of its users.
+// The answers of a camera to device-control requests.
 
 #include "virtual_bus.h"
 
@@ -8,7 +8,7 @@ namespace {
 constexpr LONGLONG kTicksPerSecond = 10'000'000;  // units of 100 ns
 constexpr LONGLONG kTicksPerMillisecond = kTicksPerSecond / 1000;
 
-/// How one pass-through request is to end: what was set when it came.
+/// How one pass-through request is to end: the behaviour set when it arrived.
 struct Answer {
     LONG completionStatus;
     UCHAR scsiStatus;
@@ -24,7 +24,7 @@ struct PendedRequest {
     ULONGLONG sequenceNumber;
     bool held;
     bool cancellable;  // has a cancel routine
-    LONGLONG due;      // if not held: when it ends, by Now()
+    LONGLONG due;      // if not held: its end, in the time of Now()
     Answer answer;
 };
 
@@ -121,8 +121,8 @@ NTSTATUS QueryProperty(Camera* camera, IRP* irp) {
 
 // --- pass-through requests ---
 
-/// What the caller sent is checked here, once: after this every offset and length in the block
-/// lies inside the IRP's buffer.
+/// Checks the caller's input, once: after this every offset and length in the block is inside the
+/// IRP's buffer.
 NTSTATUS CheckBlock(const SCSI_PASS_THROUGH* block, ULONG inputLength, ULONG outputLength) {
     constexpr ULONG kHead = sizeof(SCSI_PASS_THROUGH);
     if (inputLength < kHead || outputLength < kHead || block->Length != kHead)
@@ -172,7 +172,7 @@ void Execute(Camera* camera, IRP* irp, const Answer& answer) {
             IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.OutputBufferLength);
 }
 
-/// Ends a request that is on no list any more, and frees it.
+/// Completes a request that has been removed from all lists, and frees it.
 void End(PendedRequest* request) {
     Camera* const camera = request->camera;
     IRP* const irp = request->irp;
@@ -182,8 +182,8 @@ void End(PendedRequest* request) {
     ReleaseUser(camera);
 }
 
-/// Under the lock: takes a request off its camera into `ended`, unless its cancel routine is
-/// about to.
+/// Under the lock: moves a request from its camera to `ended`, unless its cancel routine is about
+/// to run.
 bool Take(PendedRequest* request, LIST_ENTRY* ended) {
     if (request->cancellable && IoSetCancelRoutine(request->irp, nullptr) == nullptr)
         return false;
@@ -212,7 +212,7 @@ void NTAPI CancelRequest(DEVICE_OBJECT*, IRP* irp) {
     End(request);
 }
 
-/// A copy of the request's input block, to be read back later. Null without memory.
+/// A copy of the request's input block, to be read back later. Null if out of memory.
 KeptRequest* Keep(const IRP* irp, ULONG inputLength, ULONG outputLength) {
     const ULONG count = Smaller(inputLength, protocol::kRequestBytesKept);
     auto* const kept = static_cast<KeptRequest*>(
@@ -224,8 +224,8 @@ KeptRequest* Keep(const IRP* irp, ULONG inputLength, ULONG outputLength) {
     return kept;
 }
 
-/// Under the lock: counts a request and keeps its copy. Returns the copy that made room for it,
-/// which the caller frees.
+/// Under the lock: counts a request and keeps its copy. Returns the oldest copy if it was removed
+/// to make room; the caller frees it.
 KeptRequest* Count(Camera* camera, KeptRequest* kept) {
     kept->sequenceNumber = ++camera->requests;
     InsertTailList(&camera->kept, &kept->link);
@@ -334,7 +334,7 @@ NTSTATUS PassThrough(Camera* camera, IRP* irp) {
 
 NTSTATUS CameraControl(Camera* camera, IRP* irp) {
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(irp);
-    // Wine hands out a handle even if the open was failed. The camera does not wait for its close.
+    // Wine returns a handle even if the open failed. The camera does not wait for its close.
     if (stack->FileObject == nullptr || stack->FileObject->FsContext == nullptr)
         return Complete(irp, STATUS_DEVICE_NOT_CONNECTED);
     switch (stack->Parameters.DeviceIoControl.IoControlCode) {

@@ -1,14 +1,14 @@
 // The objects of the driver: one bus (the function device of the root-enumerated device) and the
 // cameras plugged into it (its child devices).
 //
-// One spin lock, Bus::lock, protects all of it: this is a test tool, and one lock has no order to
-// get wrong. Fields that are written before others can see the object, and never after, are read
-// without it.
+// One spin lock, Bus::lock, protects all of them: this is a test tool, and a single lock cannot be
+// taken in a wrong order. Fields that are written only before other threads can see the object are
+// read without it.
 //
-// An IRP that is pended has a cancel routine unless its caller asked for none. Whoever takes it
-// off its list under the lock, and (where there is a cancel routine) gets that back from
-// IoSetCancelRoutine, completes it after the lock is released. Whoever finds the cancel routine
-// already taken leaves the IRP to it.
+// A pended IRP has a cancel routine unless its caller asked for none. The code that removes the IRP
+// from its list under the lock and, if there is a cancel routine, gets that back from
+// IoSetCancelRoutine, completes the IRP after the lock is released. If IoSetCancelRoutine returns
+// null, the cancel routine has been called and completes the IRP.
 #pragma once
 
 #include "kernel.h"
@@ -25,10 +25,10 @@ enum class DeviceKind : ULONG { kBus, kCamera };
 
 /// One camera. Lives in the extension of its physical device object.
 ///
-/// A removal takes it off the bus once the PnP manager has been told that it is missing; before
-/// that the PnP manager still counts on the device, which is only disabled. What is on a bus that
-/// is itself removed goes with it. The device is deleted when it is off the bus and neither a
-/// handle nor a request uses it: Windows removes no device with handles open, Wine does.
+/// A removal takes it off the bus after it has been reported to the PnP manager as missing. Before
+/// that the device is only disabled, because the PnP manager still uses it. The removal of the bus
+/// removes all cameras on it. The device is deleted when it is off the bus and neither a handle nor
+/// a request uses it: Windows removes no device with open handles, Wine does.
 struct Camera {
     DeviceKind kind;
     ULONG id;
@@ -38,14 +38,14 @@ struct Camera {
     bool onBus;       // it is in that list
 
     protocol::PlugRecord plug;
-    wchar_t foldedInstanceId[protocol::kInstanceIdCharacters + 1];  // upper case, to compare
+    wchar_t foldedInstanceId[protocol::kInstanceIdCharacters + 1];  // upper case, for comparison
     UNICODE_STRING interfaceName;  // empty before the first start; RtlFreeUnicodeString
 
-    bool reported;         // the PnP manager has been told of it
+    bool reported;         // to the PnP manager
     bool started;          // its interface is enabled
     bool unplugged;        // no longer reported
-    bool reportedMissing;  // the PnP manager has been told that it is unplugged
-    bool refuses;          // opens and requests; nothing is pended any more
+    bool reportedMissing;  // reported to the PnP manager as unplugged
+    bool refuses;          // opens and requests fail; no request is pended
     bool gone;             // all its requests have ended, its interface is disabled for good
     NTSTATUS startStatus;  // why it could not be started
     ULONG users;           // the bus, open handles and pended requests
@@ -73,12 +73,12 @@ struct Bus {
     ULONG cameraCount;
     ULONG lastId;
     bool removed;        // takes no more cameras
-    LIST_ENTRY waiters;  // of Waiter: control requests that wait for something to happen
+    LIST_ENTRY waiters;  // of Waiter: control requests that wait for a condition
 
-    // The thread that ends delayed requests.
+    // The thread that completes delayed requests.
     KEVENT wake;
     bool stopThread;
-    void* thread;  // referenced; null when it does not run
+    void* thread;  // referenced; null if it does not run
 };
 
 // --- bus.cpp ---
@@ -88,8 +88,8 @@ NTSTATUS BusPnp(Bus* bus, IRP* irp);
 
 // --- control.cpp and waiter.cpp ---
 
-/// Completes the waiters whose condition holds now. Call after every change that a waiter may be
-/// waiting for, without the lock.
+/// Completes the waiters whose condition holds. Call without the lock, after every change that a
+/// waiter may wait for.
 void CheckWaiters(Bus* bus);
 
 /// One request of the control link.
@@ -97,17 +97,17 @@ NTSTATUS BusControl(Bus* bus, IRP* irp);
 
 // --- camera.cpp ---
 
-/// Makes a camera and puts it on the bus, not yet reported. IRQL: PASSIVE_LEVEL.
+/// Creates a camera and adds it to the bus, not yet reported. IRQL: PASSIVE_LEVEL.
 NTSTATUS CreateCamera(Bus* bus, const protocol::PlugRecord& plug, ULONG* id);
 
-/// Frees everything of a camera that is on no list any more. IRQL: PASSIVE_LEVEL.
+/// Frees all memory of a camera that has been removed from all lists. IRQL: PASSIVE_LEVEL.
 void DeleteCamera(Camera* camera);
 
-/// Under the lock: takes a camera off the bus, which remains its user. False if it is off already.
+/// Under the lock: removes a camera from the bus, which remains its user. False if not on it.
 bool TakeOffBus(Camera* camera);
 
-/// Ends all that is pending on a camera that was taken off the bus, and deletes it as soon as
-/// nobody uses it. IRQL: PASSIVE_LEVEL.
+/// Ends all pending requests of a camera that was removed from the bus, and deletes the camera when
+/// its last user is gone. IRQL: PASSIVE_LEVEL.
 void DropCamera(Camera* camera);
 
 /// Under the lock: the camera with this id that is still plugged, or null.
@@ -122,13 +122,13 @@ NTSTATUS CameraClose(Camera* camera, IRP* irp);
 /// IOCTL_STORAGE_QUERY_PROPERTY and IOCTL_SCSI_PASS_THROUGH.
 NTSTATUS CameraControl(Camera* camera, IRP* irp);
 
-/// Ends the held request with this sequence number, or with 0 all that are held.
+/// Ends the held request with this sequence number, or with 0 all held requests.
 NTSTATUS ReleaseHeld(Bus* bus, ULONG id, ULONGLONG sequenceNumber);
 
 /// Ends all pended requests of a camera that is going away.
 void EndAllRequests(Camera* camera);
 
-/// Ends the delayed requests whose time has come. Returns the time until the next one in units of
+/// Ends the delayed requests that are due. Returns the time until the next one in units of
 /// 100 ns, or a negative number when there is none.
 LONGLONG EndDueRequests(Bus* bus);
 

@@ -1,4 +1,4 @@
-// Control requests that are answered when something has happened to a camera.
+// Control requests that are completed when a condition of a camera holds.
 #pragma once
 
 #include "virtual_bus.h"
@@ -7,8 +7,8 @@ namespace vcam {
 
 enum class WaitFor : ULONG { kStarted, kGone, kCounter };
 
-/// Pends a control request until its condition holds. A request that waits for a counter of a
-/// camera that is unplugged, or for the start of one that cannot be started, fails.
+/// Pends a control request until its condition holds. It fails if it waits for a counter and the
+/// camera is unplugged, or for the start of a camera that cannot be started.
 /// `wait.atLeast` and `wait.counter` matter for kCounter only.
 NTSTATUS PendWaiter(Bus* bus, IRP* irp, WaitFor what, const protocol::WaitRecord& wait);
 

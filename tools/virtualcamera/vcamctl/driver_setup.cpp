@@ -6,13 +6,18 @@
 #include <setupapi.h>
 
 #include <array>
-#include <memory>
 #include <optional>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
+#include "failure.h"
 #include "virtual_camera.h"
+#include "windows/unique_device_info_list.h"
+#include "windows/unique_registry_key.h"
+#include "windows/unique_service_handle.h"
+#include "windows/utf.h"
 
 namespace vcam {
 namespace {
@@ -21,36 +26,10 @@ constexpr wchar_t kHardwareId[] = L"ROOT\\OrvikVirtualCamera";
 constexpr wchar_t kServiceName[] = L"orvikvcam";
 constexpr wchar_t kDriverFile[] = L"orvikvcam.sys";
 
-struct DeviceListCloser {
-    using pointer = HDEVINFO;
-    void operator()(HDEVINFO list) const noexcept { ::SetupDiDestroyDeviceInfoList(list); }
-};
-using UniqueDeviceList = std::unique_ptr<void, DeviceListCloser>;
-
-struct ServiceCloser {
-    using pointer = SC_HANDLE;
-    void operator()(SC_HANDLE handle) const noexcept { ::CloseServiceHandle(handle); }
-};
-using UniqueService = std::unique_ptr<void, ServiceCloser>;
-
-struct KeyCloser {
-    using pointer = HKEY;
-    void operator()(HKEY key) const noexcept { ::RegCloseKey(key); }
-};
-using UniqueKey = std::unique_ptr<void, KeyCloser>;
-
-[[noreturn]] void Fail(DWORD code, const std::string& what) {
-    throw std::system_error(static_cast<int>(code), std::system_category(), what);
-}
-
-[[noreturn]] void FailLast(const std::string& what) {
-    Fail(::GetLastError(), what);
-}
-
-UniqueDeviceList OwnList(HDEVINFO list, const std::string& what) {
+UniqueDeviceInfoList OwnList(HDEVINFO list, const std::string& what) {
     if (list == INVALID_HANDLE_VALUE)
         FailLast(what);
-    return UniqueDeviceList(list);
+    return UniqueDeviceInfoList(list);
 }
 
 /// Whether the first hardware id of this device is ours.
@@ -62,12 +41,12 @@ bool IsOurBus(HDEVINFO list, SP_DEVINFO_DATA* device) {
            ::CompareStringOrdinal(ids.data(), -1, kHardwareId, -1, TRUE) == CSTR_EQUAL;
 }
 
-/// Calls `action` for each of our bus devices, present or not. Normally there is one or none.
+/// Calls `action` for each of our bus devices, present or not. Usually there is one or none.
 template <typename Action>
 void ForEachBus(Action action) {
-    const UniqueDeviceList list =
+    const UniqueDeviceInfoList list =
         OwnList(::SetupDiGetClassDevsW(nullptr, L"ROOT", nullptr, DIGCF_ALLCLASSES),
-                "cannot list the root devices");
+                "cannot list the root-enumerated devices");
     SP_DEVINFO_DATA device = {};
     device.cbSize = sizeof(device);
     for (DWORD index = 0; ::SetupDiEnumDeviceInfo(list.get(), index, &device); ++index) {
@@ -87,14 +66,14 @@ void CreateBus(const std::wstring& infPath) {
     std::array<wchar_t, 64> className = {};
     if (!::SetupDiGetINFClassW(infPath.c_str(), &classGuid, className.data(),
                                static_cast<DWORD>(className.size()), nullptr))
-        FailLast("cannot read the INF file of the driver");
-    const UniqueDeviceList list = OwnList(::SetupDiCreateDeviceInfoList(&classGuid, nullptr),
-                                          "SetupDiCreateDeviceInfoList failed");
+        FailLast("cannot read the INF file " + ToUtf8(infPath));
+    const UniqueDeviceInfoList list = OwnList(::SetupDiCreateDeviceInfoList(&classGuid, nullptr),
+                                              "cannot create a list of devices");
     SP_DEVINFO_DATA device = {};
     device.cbSize = sizeof(device);
     if (!::SetupDiCreateDeviceInfoW(list.get(), className.data(), &classGuid, nullptr, nullptr,
                                     DICD_GENERATE_ID, &device))
-        FailLast("cannot make the bus device");
+        FailLast("cannot create the bus device");
 
     std::vector<wchar_t> ids(std::begin(kHardwareId), std::end(kHardwareId));
     ids.push_back(L'\0');  // a list of strings ends with an empty one
@@ -111,13 +90,13 @@ void RemoveBus(HDEVINFO list, SP_DEVINFO_DATA* device) {
         FailLast("cannot remove the bus device");
 }
 
-/// Unplugs every camera of a bus that runs; one that doesn't has none.
+/// Unplugs every camera if the bus runs; a bus that does not run has no cameras.
 void UnplugAll() {
     std::optional<Bus> bus;
     try {
         bus.emplace();
     } catch (const std::system_error&) {
-        return;  // what there may be of it can be removed as well
+        return;  // the bus does not run
     }
     bus->UnplugAll();
 }
@@ -127,7 +106,7 @@ std::wstring InstalledInf(HDEVINFO list, SP_DEVINFO_DATA* device) {
     const HKEY key = ::SetupDiOpenDevRegKey(list, device, DICS_FLAG_GLOBAL, 0, DIREG_DRV, KEY_READ);
     if (key == INVALID_HANDLE_VALUE)
         return {};
-    const UniqueKey owner(key);
+    const UniqueRegistryKey owner(key);
     std::array<wchar_t, MAX_PATH> name = {};
     DWORD size = sizeof(name) - sizeof(wchar_t);
     if (::RegQueryValueExW(key, L"InfPath", nullptr, nullptr, reinterpret_cast<BYTE*>(name.data()),
@@ -137,27 +116,28 @@ std::wstring InstalledInf(HDEVINFO list, SP_DEVINFO_DATA* device) {
 }
 
 void RemoveService() {
-    const UniqueService manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+    const UniqueServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
     if (!manager)
-        FailLast("cannot open the service control manager");
-    const UniqueService service(::OpenServiceW(manager.get(), kServiceName, SERVICE_STOP | DELETE));
+        FailLast("cannot connect to the service control manager");
+    const UniqueServiceHandle service(
+        ::OpenServiceW(manager.get(), kServiceName, SERVICE_STOP | DELETE));
     if (!service) {
         if (::GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST)
             return;
-        FailLast("cannot open the driver's service");
+        FailLast("cannot open the driver's service " + ToUtf8(kServiceName));
     }
     // A driver whose last device is gone has stopped by itself on Windows, then this fails.
     SERVICE_STATUS status = {};
     ::ControlService(service.get(), SERVICE_CONTROL_STOP, &status);
     if (!::DeleteService(service.get()) && ::GetLastError() != ERROR_SERVICE_MARKED_FOR_DELETE)
-        FailLast("cannot delete the driver's service");
+        FailLast("cannot delete the driver's service " + ToUtf8(kServiceName));
 }
 
 std::wstring InstalledDriverPath() {
     std::array<wchar_t, MAX_PATH> folder = {};
     const UINT length = ::GetSystemDirectoryW(folder.data(), static_cast<UINT>(folder.size()));
     if (length == 0 || length >= folder.size())
-        FailLast("cannot find the system folder");
+        FailLast("cannot determine the system folder");
     return std::wstring(folder.data()) + L"\\drivers\\" + kDriverFile;
 }
 
@@ -172,11 +152,12 @@ void InstallDriver(const std::wstring& infPath) {
                                               INSTALLFLAG_FORCE, &reboot)) {
         const DWORD error = ::GetLastError();
         if (!existed)
-            ForEachBus(RemoveBus);  // a device without a driver would be in the way next time
-        Fail(error, "cannot install the driver");
+            ForEachBus(RemoveBus);  // a device without a driver would prevent the next installation
+        FailLast("cannot install the driver " + ToUtf8(infPath), error);
     }
     if (reboot)
-        Fail(ERROR_SUCCESS_REBOOT_REQUIRED, "the driver is installed");
+        FailLast("the driver is installed, but Windows must be restarted",
+                 ERROR_SUCCESS_REBOOT_REQUIRED);
     Bus{};  // throws when the driver does not run
 }
 
@@ -192,10 +173,11 @@ void UninstallDriver() {
     for (const std::wstring& inf : infs) {
         if (!::SetupUninstallOEMInfW(inf.c_str(), SUOI_FORCEDELETE, nullptr) &&
             ::GetLastError() != ERROR_FILE_NOT_FOUND)
-            FailLast("cannot remove the driver's INF file");
+            FailLast("cannot remove the driver's INF file " + ToUtf8(inf));
     }
-    if (!::DeleteFileW(InstalledDriverPath().c_str()) && ::GetLastError() != ERROR_FILE_NOT_FOUND)
-        FailLast("cannot delete the driver file");
+    const std::wstring driver = InstalledDriverPath();
+    if (!::DeleteFileW(driver.c_str()) && ::GetLastError() != ERROR_FILE_NOT_FOUND)
+        FailLast("cannot delete the driver file " + ToUtf8(driver));
 }
 
 }  // namespace vcam

@@ -1,19 +1,19 @@
-// Installing the virtual camera driver on this machine, and taking it off again.
+// Installs the virtual camera driver on this machine, and removes it.
 #pragma once
 
 #include <string>
 
 namespace vcam {
 
-/// Makes the root-enumerated bus device and installs the driver for it from this INF file, or
-/// updates the driver when the device is there already. The .sys file lies beside the INF.
-/// On return the bus can be opened. Needs administrator rights; on Windows the driver must be
-/// signed (or test signing be on).
+/// Creates the root-enumerated bus device and installs its driver from this INF file, or updates
+/// the driver if the device exists. `infPath` is a full path; the .sys file is in the same folder.
+/// On return the bus can be opened. Requires administrator rights; on Windows the driver must be
+/// signed, or test signing switched on.
 /// Throws std::system_error.
 void InstallDriver(const std::wstring& infPath);
 
 /// Unplugs every camera and removes the bus device, the driver's service and its files. Does
-/// nothing where nothing is installed. Throws std::system_error.
+/// nothing if the driver is not installed. Throws std::system_error.
 void UninstallDriver();
 
 }  // namespace vcam
