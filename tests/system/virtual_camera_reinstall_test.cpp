@@ -1,0 +1,46 @@
+// The driver removed and installed again while cameras are in use.
+
+#include <utility>
+
+#include "vcamctl_program.h"
+#include "virtual_camera_fixture.h"
+
+namespace camera_test {
+namespace {
+
+/// Installs the driver again at the end of a test, also if the test fails.
+struct Reinstalling {
+    ~Reinstalling() { EXPECT_EQ(system_test::Vcamctl(L"install").exitCode, 0u); }
+};
+
+TEST_F(VirtualCamera, UninstallWithAHandleOpenAndARequestPending) {
+    if (!RunsOnWine())
+        GTEST_SKIP() << "Windows keeps a driver whose devices are in use until the next start";
+    for (int round = 0; round < 3; ++round) {
+        PlugAndOpen();
+        SetHold();
+        Transfer read = ReadIn(Read6(0, 1));
+        ASSERT_EQ(read.Issue(device.get()), DWORD{ERROR_IO_PENDING});
+        bus.WaitForPending(id, 1, kPatience);
+        {
+            const Reinstalling reinstalling;
+            EXPECT_EQ(system_test::Vcamctl(L"uninstall").exitCode, 0u);
+            EXPECT_EQ(read.Await(), DWORD{ERROR_DEVICE_NOT_CONNECTED});
+            Transfer late = ReadIn(Read6(0, 1));
+            EXPECT_NE(late.Run(device.get()), 0u);
+            EXPECT_EQ(CodeThrownBy([] { vcam::Bus(); }), ERROR_FILE_NOT_FOUND);
+            if (round == 1)
+                device.reset();  // between the drivers
+        }
+        bus = vcam::Bus();
+        UniqueHandle old = std::move(device);
+        PlugAndOpen();
+        old.reset();  // with the next driver in place
+        Transfer inquiry = ReadIn(Cdb({0x12, 0, 0, 0, 36}), 36);
+        EXPECT_EQ(inquiry.Run(device.get()), 0u);
+        EXPECT_EQ(bus.Counters(id).closes, 0u);
+    }
+}
+
+}  // namespace
+}  // namespace camera_test
