@@ -34,7 +34,7 @@ protected:
         bus.WaitForPending(camera.Id(), pending, kDeadline);
     }
 
-    /// That the service goes on and the camera answers.
+    /// That the service still runs and the camera answers.
     void ExpectNoHarm() {
         bus.ReleaseAll(camera.Id());
         camera.Set({});
@@ -72,6 +72,21 @@ TEST_F(OrvikctlOnConsole, BytesBeyondAsciiAreDotsInTheHexDump) {
     EXPECT_EQ(console.WaitForEnd(), 0u);
     EXPECT_EQ(console.Screen().at(1),
               "0000  1b 7f 80 9b ff 0a 7e 20 78                       ......~ x");
+}
+
+TEST_F(OrvikctlOnConsole, LongHexDumpIsShownToItsEnd) {
+    Start(L"raw -r 65536 08 00 00 00 80 00");
+    EXPECT_EQ(console.WaitForEnd(), 0u);
+    const Lines screen = console.Screen();
+    ASSERT_FALSE(screen.empty());
+    std::string last = "fff0  ";
+    for (const std::byte byte : Bytes(content.begin() + 0xFFF0, content.begin() + 0x10000)) {
+        constexpr char kDigits[] = "0123456789abcdef";
+        last += kDigits[std::to_integer<int>(byte >> 4)];
+        last += kDigits[std::to_integer<int>(byte & std::byte{15})];
+        last += ' ';
+    }
+    EXPECT_TRUE(screen.back().starts_with(last)) << screen.back();
 }
 
 TEST_F(OrvikctlOnConsole, ReadShowsItsProgress) {
@@ -127,6 +142,14 @@ TEST_F(OrvikctlOnConsole, CtrlCEndsAReadAndLeavesNoFile) {
     StartHeldInBlocks(L"read -o " + Quoted(L"x"));
     ExpectCancelled();
     ExpectNoFiles();
+}
+
+TEST_F(OrvikctlOnConsole, ClosingTheWindowEndsAReadCleanlyAndLeavesNoFile) {
+    StartHeldInBlocks(L"read -o " + Quoted(L"x"));
+    console.CloseWindow();
+    EXPECT_EQ(console.WaitForEnd(), 4u);
+    ExpectNoFiles();
+    ExpectNoHarm();
 }
 
 TEST_F(OrvikctlOnConsole, CtrlCEndsAWrite) {

@@ -208,6 +208,84 @@ TEST_F(OrvikctlLyingService, CameraWithMoreBlocksThanCanBeReached) {
     }
 }
 
+/// The command block of a request, up to the control byte of a 6-byte command.
+Bytes Cdb6Of(const Request& request) {
+    return {request.body.begin(),
+            request.body.begin() + std::min<std::ptrdiff_t>(6, std::ssize(request.body))};
+}
+
+/// READ(6) or WRITE(6).
+Bytes Cdb6(int operation, std::uint32_t block, int count) {
+    return {static_cast<std::byte>(operation),  static_cast<std::byte>(block >> 16),
+            static_cast<std::byte>(block >> 8), static_cast<std::byte>(block),
+            static_cast<std::byte>(count),      std::byte{}};
+}
+
+TEST_F(OrvikctlLyingService, LastBlocksThatCanBeReached) {
+    const auto play = [](const Bytes& cdb, const Bytes& answer) {
+        return Play([=](Peer& peer) {
+            peer.Welcome({1});
+            peer.Succeed(peer.ReadRequest(), CapacityOf(1U << 21, 512));
+            const Request request = peer.ReadRequest();
+            EXPECT_EQ(Cdb6Of(request), cdb);
+            peer.Succeed(request, answer);
+            peer.ReadToTheEnd();
+        });
+    };
+    {
+        const auto service = play(Cdb6(0x08, 0x1FFFFF, 1), Bytes(512));
+        EXPECT_EQ(Run(L"read --first 2097151 -o ").exitCode, 0u);
+        EXPECT_EQ(ContentOf(L"made").size(), 512u);
+        std::filesystem::remove(folder / L"made");
+    }
+    const auto service = play(Cdb6(0x0A, 0x1FFFFE, 2), {});
+    EXPECT_EQ(Run(L"write --first 2097150 -i ").exitCode, 0u);
+}
+
+/// 64 KiB would hold 512 of these blocks, but READ(6) and WRITE(6) have one byte for the number.
+TEST_F(OrvikctlLyingService, CommandsForSmallBlocksHaveAtMost255) {
+    constexpr std::uint32_t kSmall = 128;
+    const auto play = [](int operation, std::uint32_t bytesPerBlock) {
+        return Play([=](Peer& peer) {
+            peer.Welcome({1});
+            peer.Succeed(peer.ReadRequest(), CapacityOf(600, kSmall));
+            std::uint32_t first = 0;
+            for (const int count : {255, 255, 90}) {
+                const Request request = peer.ReadRequest();
+                EXPECT_EQ(Cdb6Of(request), Cdb6(operation, first, count));
+                peer.Succeed(request, Bytes(static_cast<std::size_t>(count) * bytesPerBlock));
+                first += static_cast<std::uint32_t>(count);
+            }
+            peer.ReadToTheEnd();
+        });
+    };
+    {
+        const auto service = play(0x08, kSmall);
+        EXPECT_EQ(Run(L"read -o ").exitCode, 0u);
+        EXPECT_EQ(ContentOf(L"made").size(), 600u * kSmall);
+        std::filesystem::remove(folder / L"made");
+    }
+    MakeFile(L"given", Bytes(std::size_t{600} * kSmall));
+    const auto service = play(0x0A, 0);
+    EXPECT_EQ(Run(L"write -i ").exitCode, 0u);
+}
+
+/// One instance of the pipe, which another client has.
+TEST_F(OrvikctlLyingService, ThatIsBusy) {
+    const UniqueHandle pipe = OwnFile(::CreateNamedPipeW(
+        kCameraPipeName, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 4096, 4096, 0, nullptr));
+    ASSERT_TRUE(pipe);
+    const UniqueHandle other = OwnFile(::CreateFileW(kCameraPipeName, GENERIC_READ | GENERIC_WRITE,
+                                                     0, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(other);
+    OrvikctlProgram list(Arguments(L"list"));
+    OrvikctlProgram status(Arguments(L"status"));
+    const Result result = list.Finish();
+    EXPECT_TRUE(Failed(result, 5)) << result;
+    EXPECT_TRUE(result.errors.at(0).ends_with("(error 231)")) << result;
+    EXPECT_EQ(status.Finish().exitCode, 5u);
+}
+
 /// Ctrl-C while the command waits for a service that is silent.
 class OrvikctlSilentService : public OrvikctlLyingService {
 protected:
@@ -253,14 +331,17 @@ TEST_F(OrvikctlSilentService, CtrlCDuringARoundTrip) {
 
 TEST_F(OrvikctlSilentService, AnotherCtrlCEndsItAtOnce) {
     StartPing();
-    // Two that come close together may be told as one.
+    // Two events in quick succession may be delivered as one.
     const UniqueHandle ended(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     std::thread finger([this, event = ended.get()] {
         do
             console.PressCtrlC();
         while (::WaitForSingleObject(event, 50) == WAIT_TIMEOUT);
     });
-    EXPECT_NE(console.WaitForEnd(), 4u);
+    // The system's own handler ends the process, on Wine with 0.
+    const bool wine =
+        ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+    EXPECT_EQ(console.WaitForEnd(), wine ? 0u : static_cast<DWORD>(STATUS_CONTROL_C_EXIT));
     ::SetEvent(ended.get());
     finger.join();
     EXPECT_EQ(console.Screen(), Lines{});

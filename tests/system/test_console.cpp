@@ -5,6 +5,7 @@
 #include "test_console.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -53,7 +54,7 @@ struct TestConsole::PseudoConsole {
     HPCON handle = nullptr;
     UniqueHandle keeper;
     DWORD keeperId = 0;
-    std::thread reader;  // nobody wants what a terminal would draw, but it must be taken
+    std::thread reader;  // discards the output for a terminal, which must be read
 
     PseudoConsole() {
         if (FAILED(::CreatePseudoConsole(kSize, input.readEnd.get(), output.writeEnd.get(), 0,
@@ -158,6 +159,18 @@ DWORD TestConsole::WaitForEnd() {
 void TestConsole::PressCtrlC() {
     if (!::GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0))
         FailLast("GenerateConsoleCtrlEvent");
+}
+
+void TestConsole::CloseWindow() {
+    // The system starts this function in the program, too. ClosePseudoConsole cannot be used: Wine
+    // then ends the programs without the event.
+    const auto deliver = reinterpret_cast<LPTHREAD_START_ROUTINE>(reinterpret_cast<void*>(
+        ::GetProcAddress(::GetModuleHandleW(L"kernelbase.dll"), "CtrlRoutine")));
+    const auto event = reinterpret_cast<void*>(std::uintptr_t{CTRL_CLOSE_EVENT});
+    const UniqueHandle thread(
+        ::CreateRemoteThread(process.get(), nullptr, 0, deliver, event, 0, nullptr));
+    if (!thread)
+        FailLast("CreateRemoteThread");
 }
 
 std::vector<std::string> TestConsole::Screen() const {

@@ -1,4 +1,4 @@
-// A console that nobody sees, with this process and the programs that it starts on it.
+// A console without a window, for this process and the programs that it starts.
 #pragma once
 
 #include <memory>
@@ -26,8 +26,11 @@ public:
     /// Waits for its end; its exit code.
     DWORD WaitForEnd();
 
-    /// As if the user pressed it: the program is told, and this process ignores it.
+    /// As if the user pressed Ctrl-C. This process ignores it.
     void PressCtrlC();
+
+    /// As if the user closed the window, for the program. The console itself stays.
+    void CloseWindow();
 
     /// What the screen shows, line by line, without trailing blanks and empty lines at the end.
     std::vector<std::string> Screen() const;
