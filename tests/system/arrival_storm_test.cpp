@@ -59,7 +59,7 @@ private:
 using ArrivalStormTest = WatchingTest;
 ORVIK_IN_BOTH_MODES(ArrivalStormTest);
 
-TEST_P(ArrivalStormTest, ArrivalsAndRemovalsUnderTrafficAreToldOnceInOrderAndLeaveNothing) {
+TEST_P(ArrivalStormTest, ArrivalsAndRemovalsUnderTrafficAreSentOnceInOrderAndLeaveNothingBehind) {
     constexpr int kWarmUp = 50;
     const int cycles = GetParam() == RunMode::kForeground ? 1000 : 200;  // it takes its time
     RawClient main;
@@ -85,7 +85,7 @@ TEST_P(ArrivalStormTest, ArrivalsAndRemovalsUnderTrafficAreToldOnceInOrderAndLea
     EXPECT_GT(handles, 0u);
     for (int count = 0; count < cycles && !HasFailure(); ++count)
         cycle();
-    EXPECT_TRUE(main.RoundTrip()) << "nobody is told twice";
+    EXPECT_TRUE(main.RoundTrip()) << "no client got a second message";
     // Some come and go while the last event is being handled; a leak would show as hundreds.
     EXPECT_LE(HandleCount(service.ProcessId()), handles + 10);
     EXPECT_LE(WorkingSet(service.Process()), workingSet + (1 << 20));

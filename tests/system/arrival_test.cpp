@@ -34,7 +34,7 @@ std::vector<Message> ReceiveSorted(RawClient& client, std::size_t count) {
     return messages;
 }
 
-TEST_P(ArrivalTest, OnlyTheMainCommunicatorIsToldOfACameraThatComesAndGoes) {
+TEST_P(ArrivalTest, OnlyTheMainCommunicatorGetsMessagesAboutACameraThatComesAndGoes) {
     RawClient main;
     RawClient pipe;
     EXPECT_TRUE(main.RoundTrip());
@@ -61,7 +61,7 @@ TEST_P(ArrivalTest, OnlyCdRomsWithTheRightIdentityAreTaken) {
     ExpectAttached(main);
     EXPECT_EQ(main.Ask(kTransferNoData, 1, id, TestUnitReady()), Succeeded(1, id));
     EXPECT_EQ(camera.Counters().requests, 1u);
-    // Nobody misses the others.
+    // No message comes for the others.
     disk.Unplug();
     tape.Unplug();
     stranger.Unplug();
@@ -84,7 +84,7 @@ TEST_P(ArrivalTest, CameraThatComesBackGetsANewIdentifierInWhateverCaseItsPathIs
     }
 }
 
-TEST_P(ArrivalTest, TenCamerasAtOnceAreEachToldOnceComingAndGoing) {
+TEST_P(ArrivalTest, TenCamerasAtOnceAreEachAnnouncedOnceComingAndGoing) {
     constexpr std::uint32_t kCameras = 10;
     RawClient main;
     const std::uint32_t first = nextId;
@@ -111,7 +111,7 @@ TEST_P(ArrivalTest, TenCamerasAtOnceAreEachToldOnceComingAndGoing) {
     EXPECT_TRUE(pipe.RoundTrip());
 }
 
-TEST_P(ArrivalTest, TheClientThatConnectsAfterTheMainCommunicatorHasLeftIsToldNext) {
+TEST_P(ArrivalTest, ClientThatConnectsAfterTheMainCommunicatorHasLeftGetsTheNextMessages) {
     PluggedCamera anchor(bus);
     RawClient first;
     ExpectAttached(first);
@@ -122,7 +122,7 @@ TEST_P(ArrivalTest, TheClientThatConnectsAfterTheMainCommunicatorHasLeftIsToldNe
     EXPECT_EQ(second.ReceiveMessage(), Attached(nextId - 1));
     PluggedCamera camera(bus);
     ExpectAttached(second);
-    EXPECT_TRUE(pipe.RoundTrip()) << "a camera pipe takes nobody's place";
+    EXPECT_TRUE(pipe.RoundTrip()) << "a camera pipe does not become the main communicator";
 }
 
 TEST_P(ArrivalTest, UnplugWithTransfersPendingAnswersEachAndTellsOnce) {

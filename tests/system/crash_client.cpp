@@ -101,7 +101,7 @@ int GoHalfWay() {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    ::SetErrorMode(SEM_NOGPFAULTERRORBOX);  // nobody is there to be told
+    ::SetErrorMode(SEM_NOGPFAULTERRORBOX);  // no user sees a dialog
     const std::string_view command = argc > 1 ? argv[1] : "";
     if (command == "register")
         return Register(1) ? 0 : 1;

@@ -155,6 +155,14 @@ protected:
         return file;
     }
 
+    /// The report of an executable with another name whose dump a crash server has written: the
+    /// server does not pass on the dump's name.
+    static void ExpectReportWithoutAName(const CrashRecord& record, const std::wstring& reporter) {
+        EXPECT_EQ(
+            Narrow(record.commandLine),
+            Narrow(L"\"" + reporter + L"\" |*|1|*|\\.dmp|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
+    }
+
     CrashFolder folder;
     ReporterStarts reporters;
 };
@@ -227,10 +235,7 @@ TEST_F(CrashTest, ExecutableNamedOtherwiseAsksTheCrashServerForALargerDump) {
     const RawClient client;
     const CrashRecord record = reporters.Receive();
     EXPECT_EQ(service.WaitForEnd(kCrashDeadline), DWORD{EXCEPTION_ACCESS_VIOLATION});
-    // The server does not tell the dump's name.
-    EXPECT_EQ(
-        Narrow(record.commandLine),
-        Narrow(L"\"" + reporter + L"\" |*|1|*|\\.dmp|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
+    ExpectReportWithoutAName(record, reporter);
     ExpectDetachedOnTheDesktop(record);
     EXPECT_TRUE(fs::is_directory(fs::path(record.localFolder) / L"Orvik" / L"Crash Reports"));
     EXPECT_EQ(folder.Log(), "");
@@ -250,9 +255,7 @@ TEST_F(CrashTest, ExecutableNamedOtherwiseThatIsItsOwnCrashServerStartsTheReport
     const RawClient client;
     const CrashRecord record = reporters.Receive();
     EXPECT_EQ(service.WaitForEnd(kCrashDeadline), DWORD{EXCEPTION_ACCESS_VIOLATION});
-    EXPECT_EQ(
-        Narrow(record.commandLine),
-        Narrow(L"\"" + reporter + L"\" |*|1|*|\\.dmp|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
+    ExpectReportWithoutAName(record, reporter);
     EXPECT_EQ(folder.Log(), "");
 }
 
@@ -295,7 +298,7 @@ TEST_F(CrashTest, ReporterWhosePathIsTooLongIsLogged) {
     EXPECT_EQ(folder.Log(), "[ERROR][crash]:\tNo path to crashreporter\n");
 }
 
-/// The crash server's pipe, so that it is another's, who answers nobody.
+/// Holds the crash server's pipe and answers no client.
 class DeafCrashServer {
 public:
     DeafCrashServer() {

@@ -93,7 +93,7 @@ void WINAPI Run(DWORD argc, LPWSTR* argv) {
 }  // namespace
 
 int main() {
-    ::SetErrorMode(SEM_NOGPFAULTERRORBOX);  // nobody is there to be told
+    ::SetErrorMode(SEM_NOGPFAULTERRORBOX);  // no user sees a dialog
     int count = 0;
     wchar_t** arguments = ::CommandLineToArgvW(::GetCommandLineW(), &count);
     if (count > 1 && std::wstring(arguments[1]) == L"--commandline") {

@@ -50,8 +50,8 @@ struct ChildPipe {
 };
 
 /// Holds a window from the first call on. Wine ends the process of its desktop soon after the last
-/// window has gone, and whoever makes the next one starts that process anew and hands it its
-/// output: were that a program of the tests, its output would not end with it.
+/// window has gone. The process that makes the next window starts it anew and passes its output on.
+/// If that were a program of the tests, its output would not end with it.
 void KeepDesktop() {
     static const HWND window = ::CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, HWND_MESSAGE,
                                                  nullptr, nullptr, nullptr);

@@ -47,7 +47,7 @@ TEST_F(ProtocolTest, AnswerCarriesTheRequestsIdentifiers) {
     }
 }
 
-TEST_F(ProtocolTest, MessageOfUnknownTypeIsSwallowedWhole) {
+TEST_F(ProtocolTest, MessageOfUnknownTypeIsDiscardedWhole) {
     RawClient client = ConnectAndTakeCamera();
     const Bytes body = Pattern(70'000);
     for (const std::uint32_t type : {0u, 1u, 5u, 6u, 7u, 0x80000002u, 0xFFFFFFFFu}) {
@@ -100,7 +100,7 @@ TEST_F(ProtocolTest, SplitHeaderStallsOnlyItsOwnSession) {
             "IoOperation::Complete expected status == kPending, instead status = 1",
             stalled.size());
     }
-    // Whatever they send now, nobody reads it.
+    // The service reads nothing that they send now.
     for (RawClient& client : stalled)
         client.Send(RequestBytes(kTransferNoData, 2, kCamera, TestUnitReady()));
     Settle(bystander);
@@ -287,7 +287,7 @@ protected:
     RunningService service;
 };
 
-TEST_F(TwoCameras, ClientIsToldOfBothInAscendingOrderBeforeAnyAnswer) {
+TEST_F(TwoCameras, ClientGetsBothInAscendingOrderBeforeAnyAnswer) {
     for (int round = 0; round < 10; ++round) {
         RawClient client;
         client.SendRequest(kTransferNoData, 7, 2, TestUnitReady());  // without waiting for them

@@ -32,7 +32,7 @@ UniqueHandle Connect(DWORD accessRights) {
         const DWORD error = ::GetLastError();
         if (error != ERROR_PIPE_BUSY || deadline.Over())
             Fail(error, "connecting");
-        // Its result does not matter: somebody else may be faster all the same.
+        // Its result does not matter: another client may be faster all the same.
         ::WaitNamedPipeW(kCameraPipeName, deadline.MillisecondsLeft());
     }
 }

@@ -81,7 +81,7 @@ private:
     DWORD Finish(BOOL started, OVERLAPPED& overlapped, const Deadline& deadline, DWORD* count);
 
     UniqueHandle pipe;
-    UniqueHandle event;  // of the one operation that is under way
+    UniqueHandle event;  // of the one operation in progress
 };
 
 /// Closes the connections of the clients that were destroyed without having left. The service must

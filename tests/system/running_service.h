@@ -41,7 +41,7 @@ public:
                             std::wstring arguments = {});
 
     /// Ends it, and removes it from the service control manager. The test fails if it has ended by
-    /// itself before, and nobody has waited for that.
+    /// itself before without a WaitForEnd().
     ~RunningService();
 
     RunningService(const RunningService&) = delete;

@@ -172,7 +172,7 @@ TEST_F(TransferTest, ClientThatDiesWithTransfersPendingLeavesTheServiceWhole) {
     client.Leave();
     service.Output().WaitFor("ServerClient shutdown.");
 
-    // The packets come when nobody wants them any more.
+    // The packets come after the end of their session.
     camera.Set({});
     bus.ReleaseAll(camera.Id());
     EXPECT_EQ(bystander.Ask(kTransferNoData, 1, kCamera, TestUnitReady()), Succeeded(1, kCamera));

@@ -1,4 +1,4 @@
-// Many clients, much data, long runs: nobody is lost, nothing is left behind.
+// Many clients, much data, long runs: no client is lost, nothing is left behind.
 
 #include <algorithm>
 #include <atomic>

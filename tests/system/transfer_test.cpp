@@ -61,7 +61,7 @@ TEST_P(PassThroughBlock, ReachesTheDriverByteByByte) {
     EXPECT_EQ(request.inputLength, expected.size());
     EXPECT_EQ(request.outputLength, expected.size());
     if (messageType == kTransferIn) {
-        // The driver is to fill the data area; what it holds before is nobody's business.
+        // The driver fills the data area; its content before that does not matter.
         request.block.resize(65);
         expected.resize(65);
     }

@@ -14,7 +14,7 @@ namespace {
 
 using LaunchCrashReporterTest = CrashSetupTest;
 
-TEST_F(LaunchCrashReporterTest, ServiceTellsItsModeAndName) {
+TEST_F(LaunchCrashReporterTest, ServicePassesItsModeAndName) {
     fake.RunAsService();
     SetUpWith(fake);
     EXPECT_TRUE(Launch());
@@ -25,7 +25,7 @@ TEST_F(LaunchCrashReporterTest, ServiceTellsItsModeAndName) {
     EXPECT_EQ(Logged(), Lines());
 }
 
-TEST_F(LaunchCrashReporterTest, ProgramTellsItsModeAndName) {
+TEST_F(LaunchCrashReporterTest, ProgramPassesItsModeAndName) {
     SetUpWith(fake);
     EXPECT_TRUE(Launch());
     EXPECT_STREQ(fake.commandLine.data(),

@@ -27,7 +27,7 @@ extern decltype(&::WriteFile) __imp_WriteFile;
 namespace {
 
 constexpr char kLaunched[] = "Launching application...\n";
-constexpr char kNobodyToTell[] = "No main communicator found on device detach.\n";
+constexpr char kNoMainCommunicator[] = "No main communicator found on device detach.\n";
 
 class DeviceEventsTest : public InProcessService {
 protected:
@@ -78,7 +78,7 @@ TEST_F(DeviceEventsTest, StartFindsCamerasAmongDisksFirstAndThenCdRoms) {
     EXPECT_EQ(Cameras(), (Ids{1, 2}));
     EXPECT_EQ(server->FindDevice(1)->Path(), bus.InterfacePath(disk));
     EXPECT_EQ(server->FindDevice(2)->Path(), bus.InterfacePath(cdrom));
-    EXPECT_EQ(Launches(), 2u) << "once for each: nobody can be connected yet";
+    EXPECT_EQ(Launches(), 2u) << "once for each: no client can be connected yet";
     EXPECT_EQ(bus.Counters(disk).opens, bus.Counters(disk).closes) << "recorded, not opened";
 }
 
@@ -177,7 +177,7 @@ TEST_F(DeviceEventsTest, OtherEventsAndRecordsDoNothing) {
     EXPECT_EQ(output.Wide(), L"");
 }
 
-TEST_F(DeviceEventsTest, RemovalIsToldToTheMainCommunicatorAlone) {
+TEST_F(DeviceEventsTest, RemovalIsSentToTheMainCommunicatorAlone) {
     const vcam::CameraId camera = Plug();
     StartServer();
     const auto main = Connect();
@@ -231,7 +231,7 @@ TEST_F(DeviceEventsTest, RemovalWithoutAMainCommunicatorErasesAndSaysSo) {
     StartServer();
     GoAway(camera);
     EXPECT_EQ(Cameras(), Ids{});
-    EXPECT_EQ(output.Error(), kNobodyToTell);
+    EXPECT_EQ(output.Error(), kNoMainCommunicator);
 }
 
 TEST_F(DeviceEventsTest, RemovalOfAnUnknownPathChangesNothingAndWritesNothing) {
@@ -267,7 +267,7 @@ TEST_F(DeviceEventsTest, CameraThatComesBackGetsANewIdentifier) {
     }
 }
 
-TEST_F(DeviceEventsTest, GivenUpCameraIsMarkedErasedAndTold) {
+TEST_F(DeviceEventsTest, CameraThatIsGivenUpIsMarkedErasedAndReported) {
     Plug();
     Plug();
     StartServer();
@@ -287,7 +287,7 @@ TEST_F(DeviceEventsTest, GivingUpWithoutAMainCommunicatorSaysSo) {
     StartServer();
     server->RemoveDevice(server->FindDevice(1));
     EXPECT_EQ(Cameras(), Ids{});
-    EXPECT_EQ(output.Error(), kNobodyToTell);
+    EXPECT_EQ(output.Error(), kNoMainCommunicator);
 }
 
 TEST_F(DeviceEventsTest, GivingUpNothingDoesNothing) {

@@ -116,8 +116,8 @@ LONG CALLBACK NameAccess(EXCEPTION_POINTERS* exception) {
 
 LPTOP_LEVEL_EXCEPTION_FILTER nextFilter = nullptr;
 
-/// What nobody handles ends the program as an error of this heap does: Wine's debugger, which
-/// would get it else, ends it with exit code 0, and the test would have passed.
+/// An unhandled exception ends the program as an error of this heap does. Without this, Wine's
+/// debugger would end it with exit code 0, and the test would have passed.
 LONG WINAPI EndOnCrash(EXCEPTION_POINTERS* exception) {
     constexpr DWORD kErrorSeverity = 3;  // in the two highest bits; GCC's own have not these
     const EXCEPTION_RECORD& record = *exception->ExceptionRecord;

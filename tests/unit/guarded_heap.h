@@ -4,7 +4,7 @@
 //
 // - Each block ends at a page that can't be touched: an overrun faults. Blocks are aligned to 16
 //   bytes, so up to 15 bytes may lie between; they hold a pattern that free() checks.
-// - A freed block's pages are given back and its addresses never used again: whoever touches it
+// - A freed block's pages are given back and its addresses never used again: an access
 //   faults, however late.
 // - free() of what is no live block stops the program too, and so does any other crash.
 //

@@ -10,7 +10,7 @@
 /// the same table, so a test sees its calls, or does something at just that moment.
 ///
 /// `entry` is the function's place in the import table, which the linker calls __imp_<function>.
-/// Thread: made and destroyed while nobody calls the function.
+/// Thread: made and destroyed while no other thread calls the function.
 template <typename Function>
 class ImportHook {
 public:

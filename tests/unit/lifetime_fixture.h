@@ -58,7 +58,7 @@ protected:
         InProcessService::TearDown();
     }
 
-    /// Connects a client that knows of the camera; nothing is under way for it but its read.
+    /// Connects a client that knows of the camera; its read is the only operation in progress.
     std::unique_ptr<PipeClient> ConnectQuietly(Reading reading = Reading::kNever) {
         auto client = Connect(reading);
         if (reading == Reading::kAtOnce)

@@ -85,7 +85,7 @@ TEST_F(LifetimeTest, ServerDestroyedWithEverythingPending) {
     ExpectServing();
 }
 
-TEST_F(LifetimeTest, ServerDestroyedWhileNobodyTakesItsPacketsAnyMore) {
+TEST_F(LifetimeTest, ServerDestroyedAfterTheDispatcherHasStopped) {
     main = ConnectQuietly();
     LeavePending(*main, 2, HeldUntil(TransferEnd::kError));
     server->PostQuit();

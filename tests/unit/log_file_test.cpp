@@ -173,7 +173,7 @@ TEST(LogFile, FailedWriteThrowsUntilTheFileIsClosed) {
     LogFile file(profile.Log().native(), 0);
     file.Write("a\n");
     {
-        // As the C runtime tells of a full disk.
+        // As the C runtime reports a full disk.
         const ImportHook<decltype(&::_write)> full(&__imp_write,
                                                    [](int, const void*, unsigned) noexcept {
                                                        errno = ENOSPC;
@@ -198,8 +198,8 @@ TEST(LogFile, FullDiskThrows) {
 }
 
 TEST(LogFolder, LiesBelowTheProfileOfTheUser) {
-    const EnvironmentVariable profile(L"USERPROFILE", LR"(C:\users\somebody)");
-    EXPECT_EQ(LogFolder().native(), LR"(C:\users\somebody/AppData/Local/Orvik)");
+    const EnvironmentVariable profile(L"USERPROFILE", LR"(C:\users\tester)");
+    EXPECT_EQ(LogFolder().native(), LR"(C:\users\tester/AppData/Local/Orvik)");
 }
 
 TEST(LogFolder, LiesBelowTheRootWithoutAProfile) {

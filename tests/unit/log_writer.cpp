@@ -66,7 +66,7 @@ void Run(const std::string& meeting, const std::vector<std::string>& command) {
         LogPrintf(kLogError, "m", kFile, kLine, "lost %ls", L"\u65e5");
     } else if (command[0] == "variable") {  // NAME VALUE
         ::SetEnvironmentVariableA(text(1), text(2));
-    } else if (command[0] == "full") {  // from now on, as the C runtime tells of a full disk
+    } else if (command[0] == "full") {  // from now on, as the C runtime reports a full disk
         static const ImportHook<decltype(&::_write)> full(&__imp_write,
                                                           [](int, const void*, unsigned) noexcept {
                                                               errno = ENOSPC;

@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t kBlock = vcam::kBlockSize;
 
-TEST_F(SessionTest, MessagesOfUnknownTypesAreSwallowedWhole) {
+TEST_F(SessionTest, MessagesOfUnknownTypesAreDiscardedWhole) {
     Start();
     Bytes all;
     for (const std::uint32_t type : {0u, 1u, 5u, 7u, 0x80000002u, 0xFFFFFFFFu}) {
@@ -134,7 +134,7 @@ TEST_F(SessionTest, ContinuationReadAsksForTheWholeLengthAndWhatHasCome) {
     EXPECT_EQ(service, "Q R1000 Q R1300 Q R1700 Q R16");
 }
 
-TEST_F(SessionTest, WhatFollowsABodyInPiecesIsSwallowedWithItsLastPiece) {
+TEST_F(SessionTest, BytesBehindABodyInPiecesAreDiscardedWithItsLastPiece) {
     Start();
     const Bytes body = Pattern(100);
     const Bytes message = MessageBytes(7, 60, 0, body);

@@ -101,7 +101,7 @@ TEST_F(WindowThreadTest, RegistersForAllInterfacesThenForTheDrivesAndUndoesBothA
 TEST_F(WindowThreadTest, ARealArrivalReachesTheServer) {
     theServer = server.get();
     const WindowThread thread;
-    // The system may take a moment until it tells of devices; nothing says when.
+    // The system may take a moment until it reports devices, and it does not say when.
     while (output.Wide().find(L"DeviceArrival: ") == std::wstring::npos) {
         ASSERT_FALSE(thread.HasEnded(1));
         bus.Unplug(bus.Plug());

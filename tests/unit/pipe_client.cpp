@@ -26,7 +26,7 @@ struct PipeClient::State : boost::enable_shared_from_this<State> {
     UniqueHandle pipe;
     std::size_t pendingWrites = 0;
     bool ended = false;
-    Bytes buffer;  // of the read that is under way
+    Bytes buffer;  // of the read in progress
     Bytes received;
 
     void Read() {
@@ -69,7 +69,7 @@ PipeClient::PipeClient(TestPort& port, Reading reading) : state(boost::make_shar
 }
 
 PipeClient::~PipeClient() {
-    Close();  // packets that are under way keep the rest alive
+    Close();  // packets still to come keep the rest alive
 }
 
 void PipeClient::Write(std::span<const std::byte> bytes) {

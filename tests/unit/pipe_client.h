@@ -20,7 +20,7 @@ public:
     /// dispatched.
     explicit PipeClient(TestPort& port, Reading reading = Reading::kAtOnce);
 
-    /// Leaves, whatever is under way.
+    /// Closes the pipe, also with operations in progress.
     ~PipeClient();
 
     PipeClient(const PipeClient&) = delete;
@@ -32,7 +32,7 @@ public:
     /// For a client made with kNever.
     void StartReading();
 
-    /// Closes the pipe. Packets of what was under way still come.
+    /// Closes the pipe. The packets of operations in progress still come.
     void Close();
 
     std::size_t PendingWrites() const noexcept;
@@ -47,5 +47,5 @@ public:
 
 private:
     struct State;
-    boost::shared_ptr<State> state;  // shared with the callbacks of what is under way
+    boost::shared_ptr<State> state;  // shared with the callbacks of operations in progress
 };

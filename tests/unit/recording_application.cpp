@@ -1,5 +1,5 @@
-// Stands in for the desktop application: tells the test through a pipe how it was started, waits
-// until the test has heard it, and ends.
+// Registered as the desktop application: sends the test a record of its start through a pipe, waits
+// until the test has read it, and ends.
 
 #include <string>
 
@@ -42,7 +42,7 @@ int wmain() {
     DWORD count = 0;
     ::WriteFile(pipe, record.data(), static_cast<DWORD>(record.size() * sizeof(wchar_t)), &count,
                 nullptr);
-    char heard = 0;
-    ::ReadFile(pipe, &heard, 1, &count, nullptr);
+    char received = 0;
+    ::ReadFile(pipe, &received, 1, &count, nullptr);
     return 0;
 }

@@ -1,4 +1,4 @@
-// What the stand-in for the desktop application and its test agree on.
+// Pipe and variables of recording_application and its test.
 #pragma once
 
 namespace recording {

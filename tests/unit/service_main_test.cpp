@@ -1,6 +1,6 @@
-// ServiceMain from its start to its end, and the control handler. The test stands in for the
+// ServiceMain from its start to its end, and the control handler. The test takes the calls to the
 // service control manager. The status record, the checkpoints and the server's address last as long
-// as the process, so each run has a process of its own, and what is compared is the text that it
+// as the process, so each run has a process of its own, and the test compares the text that it
 // leaves on standard error.
 #include "service/service_main.h"
 
@@ -122,7 +122,7 @@ public:
         if (actor.joinable())
             actor.join();
         if (port != nullptr)
-            Say("quit packets left: " + std::to_string(QuitPacketsLeft()));
+            Say("quit packets left: " + std::to_string(QuitPacketsLeft());
         EndProcess(kReturned);
     }
 
@@ -283,18 +283,22 @@ const ::testing::ExitedWithCode kHasReturned(kReturned);
 const ::testing::ExitedWithCode kHasFaulted(kFaulted);
 
 /// All of standard error.
-::testing::Matcher<const std::string&> Is(const char* text) {
-    return {std::string(text)};
+::testing::Matcher<const std::string&> Is(const std::string& text) {
+    return {text};
 }
+
+/// How each run as a service begins, up to the creation of the port.
+const std::string kServiceStart =
+    "crash server\n"
+    "registers\n"
+    "crash handler\n"
+    "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
+    "port\n";
 
 TEST(ServiceMain, ReportsItsStatesAndBeingStoppedBeforeAnythingIsTakenDown) {
     vcam::Bus().UnplugAll();
     EXPECT_EXIT(Serve(true, Failing::kNothing, BeStoppedTwice), kHasReturned,
-                Is("crash server\n"
-                   "registers\n"
-                   "crash handler\n"
-                   "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
-                   "port\n"
+                Is(kServiceStart +
                    "window thread\n"
                    "state 4: type 16, controls 1, exit 0 0, checkpoint 0, hint 0; server set\n"
                    "state 3: type 16, controls 1, exit 0 0, checkpoint 2, hint 0; server set, "
@@ -322,25 +326,16 @@ TEST(ServiceMain, FailedStartEndsTheServiceWithoutAReportOfStopped) {
                 Is("crash server\n"
                    "registers\n"
                    "faults: RegisterServiceCtrlHandler() failed.  GetLastError() = 0x5\n"));
-    EXPECT_EXIT(Serve(true, Failing::kPort, Quit), kHasFaulted,
-                Is("crash server\n"
-                   "registers\n"
-                   "crash handler\n"
-                   "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
-                   "port\n"
-                   "crash handler\n"  // the old one goes, the new one is installed
-                   "crash handler\n"
-                   "faults: CreateIoCompletionPort() failed.  GetLastError() = 0x5\n"));
+    EXPECT_EXIT(
+        Serve(true, Failing::kPort, Quit), kHasFaulted,
+        Is(kServiceStart + "crash handler\n"  // the old one goes, the new one is installed
+                           "crash handler\n"
+                           "faults: CreateIoCompletionPort() failed.  GetLastError() = 0x5\n"));
     EXPECT_EXIT(Serve(true, Failing::kThread, Quit), kHasFaulted,
-                Is("crash server\n"
-                   "registers\n"
-                   "crash handler\n"
-                   "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
-                   "port\n"
-                   "window thread\n"
-                   "crash handler\n"
-                   "crash handler\n"
-                   "faults: CreateThread() failed.  GetLastError() = 0x5\n"));
+                Is(kServiceStart + "window thread\n"
+                                   "crash handler\n"
+                                   "crash handler\n"
+                                   "faults: CreateThread() failed.  GetLastError() = 0x5\n"));
 }
 
 TEST(ServiceMain, FailedStartInTheForegroundIsThrown) {
@@ -359,11 +354,7 @@ TEST(ServiceMain, FailedStartInTheForegroundIsThrown) {
 TEST(ServiceMain, FailureOfAHandlerEndsTheServiceOnceTheServerIsDestroyed) {
     vcam::Bus().UnplugAll();
     EXPECT_EXIT(Serve(true, Failing::kNothing, FailInAHandler), kHasFaulted,
-                Is("crash server\n"
-                   "registers\n"
-                   "crash handler\n"
-                   "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
-                   "port\n"
+                Is(kServiceStart +
                    "window thread\n"
                    "state 4: type 16, controls 1, exit 0 0, checkpoint 0, hint 0; server set\n"
                    "crash handler\n"

@@ -120,7 +120,7 @@ TEST_F(SessionTest, TransferThatCannotStartFailsFirstAndThenTheCameraIsGone) {
     EXPECT_TRUE(device->Removed());
     answers = 3;
 
-    // Whoever still has it attached gets a failure without any device call.
+    // A client that still has it attached gets a failure without any device call.
     bus.SetBehaviour(camera, {});
     const std::uint64_t seen = RequestsSeen();
     EXPECT_EQ(Ask(3, Read6(0, 1)).header.messageType, 3u);

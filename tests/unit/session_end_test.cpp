@@ -53,6 +53,8 @@ protected:
         ExpectServing();
     }
 
+    const Bytes request = MessageBytes(3, 1, 0, {});  // that touches no camera
+
 private:
     void RoundTripIfAlive() {
         if (std::get<End>(GetParam()) == End::kClientLeaves)
@@ -172,26 +174,23 @@ TEST_P(SessionEndedByTheServiceTest, WithAWritePacketQueuedButNotTaken) {
 
 TEST_P(SessionEndedByTheServiceTest, StalledByASplitHeaderWithItsSecondReadPending) {
     ConnectSubject();
-    const Bytes message = MessageBytes(3, 1, 0, {});
-    WriteAndDispatch(Subject(), std::span(message).first(5));
+    WriteAndDispatch(Subject(), std::span(request).first(5));
     EndSession();
     ExpectServingOthers();
 }
 
 TEST_P(SessionEndedByTheServiceTest, StalledByASplitHeaderWithItsSecondReadQueued) {
     ConnectSubject();
-    const Bytes message = MessageBytes(3, 1, 0, {});
-    WriteAndDispatch(Subject(), std::span(message).first(5));
-    WriteAndQueue(Subject(), std::span(message).subspan(5));
+    WriteAndDispatch(Subject(), std::span(request).first(5));
+    WriteAndQueue(Subject(), std::span(request).subspan(5));
     EndSession();
     ExpectServingOthers();
 }
 
 TEST_P(SessionEndedByTheServiceTest, StalledByASplitHeaderWithItsSecondReadRefused) {
     ConnectSubject();
-    const Bytes message = MessageBytes(3, 1, 0, {});
-    WriteAndDispatch(Subject(), std::span(message).first(5));
-    WriteAndQueue(Subject(), std::span(message).subspan(5));
+    WriteAndDispatch(Subject(), std::span(request).first(5));
+    WriteAndQueue(Subject(), std::span(request).subspan(5));
     port.DispatchQueued();
     EXPECT_EQ(output.CountError("IoOperation::Complete expected"), 1u);
     EndSession();

@@ -17,7 +17,7 @@ std::system_error LastError(const char* what) {
     return {static_cast<int>(::GetLastError()), std::system_category(), what};
 }
 
-/// IoCompletionBasicInformation: the packets on a completion port that nobody has taken yet.
+/// IoCompletionBasicInformation: the packets that are still on a completion port.
 std::size_t QueuedPackets(HANDLE port) {
     using Query = LONG(WINAPI*)(HANDLE, int, void*, ULONG, ULONG*);
     static const auto query = reinterpret_cast<Query>(reinterpret_cast<void (*)()>(

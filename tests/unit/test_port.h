@@ -49,7 +49,7 @@ public:
     void WaitForPackets(std::size_t count);
 
     /// Dispatches until no IoOperation is left but those that were there when this port was made.
-    /// Then the port must be empty too. A failed expectation tells of what is left.
+    /// Then the port must be empty too. A failed expectation lists the rest.
     void Drain();
 
     /// IoOperation objects that exist now, without those that were there before this port.

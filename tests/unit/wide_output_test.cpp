@@ -98,7 +98,7 @@ TEST(WideOutput, StreamsAreAsBeforeAfterwards) {
 }
 
 TEST(WideOutput, FailingOutputIsNoError) {
-    // As a service has it: nobody takes what is written.
+    // As in a service: every write fails.
     class Closed : public std::streambuf {};
     Closed closed;
     std::streambuf* const previous = std::cout.rdbuf(&closed);
