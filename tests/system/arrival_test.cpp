@@ -1,4 +1,5 @@
-// Cameras that come and go while the service runs: who is told what, and in which order.
+// Cameras that come and go while the service runs: which client gets which messages, in which
+// order.
 
 #include <algorithm>
 #include <cstddef>
@@ -42,7 +43,7 @@ TEST_P(ArrivalTest, OnlyTheMainCommunicatorGetsMessagesAboutACameraThatComesAndG
     PluggedCamera camera(bus);
     const std::uint32_t id = nextId;
     ExpectAttached(main);
-    // A camera pipe is not told, but may ask.
+    // A camera pipe gets no message, but may use the camera.
     EXPECT_TRUE(pipe.RoundTrip());
     EXPECT_EQ(pipe.Ask(kTransferNoData, 1, id, TestUnitReady()), Succeeded(1, id));
     camera.Unplug();
@@ -152,7 +153,7 @@ TEST_P(ArrivalTest, UnplugWithTransfersPendingAnswersEachAndTellsOnce) {
     }
     EXPECT_EQ(told[kTransfers], Detached(id));
 
-    // The main communicator still has it open: it is refused, and nothing more is told.
+    // The main communicator still has it open: it is refused, and no further message comes.
     EXPECT_EQ(main.Ask(kTransferNoData, 9, id, TestUnitReady()), Failed(9, id));
     EXPECT_TRUE(main.RoundTrip());
     // The other camera is not touched by any of this.
@@ -160,9 +161,11 @@ TEST_P(ArrivalTest, UnplugWithTransfersPendingAnswersEachAndTellsOnce) {
     EXPECT_EQ(pipe.Ask(kTransferNoData, 10, id + 1, TestUnitReady()), Succeeded(10, id + 1));
 }
 
-// A camera pipe isn't told that its camera has gone. If it asks for it once more, the service finds
-// that no transfer can be started, gives the camera up, and tells the main communicator again.
-TEST_P(ArrivalTest, RequestOfACameraPipeToAnUnpluggedCameraFailsAndTellsTheMainCommunicatorAgain) {
+// A camera pipe gets no message when its camera goes. When it uses the camera once more, the
+// service cannot start the transfer, gives the camera up, and sends the main communicator its
+// message again.
+TEST_P(ArrivalTest,
+       RequestOfACameraPipeToAnUnpluggedCameraFailsAndIsReportedToTheMainCommunicatorAgain) {
     RawClient main;
     PluggedCamera camera(bus);
     const std::uint32_t id = nextId;

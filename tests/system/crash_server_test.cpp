@@ -1,4 +1,4 @@
-// Programs that are not the service, and what the service's crash server does for them.
+// The service's crash server, used by other programs.
 
 #include <cstddef>
 #include <filesystem>

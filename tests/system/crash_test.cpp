@@ -41,7 +41,7 @@ std::wstring LongPath(const fs::path& path) {
     return LR"(\\?\)" + path.wstring();
 }
 
-/// A folder for a service that is to crash, and for what it leaves. Removed in the end.
+/// A folder for a service that crashes, and for its files. Removed in the end.
 class CrashFolder {
 public:
     CrashFolder() : path(fs::temp_directory_path() / L"orvik crash test"), programs(path) {
@@ -76,7 +76,7 @@ public:
         return Put(fs::path(TestFolder()) / L"crash_recorder.exe", L"crashreporter.exe");
     }
 
-    /// What crashing_service is told.
+    /// The arguments of crashing_service.
     std::wstring Arguments(const wchar_t* kind) const {
         return std::wstring(kind) + L" \"" + path.wstring() + L"\"";
     }

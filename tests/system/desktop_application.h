@@ -18,8 +18,8 @@ bool MayStartApplication();
 /// The test program that is registered as the desktop application.
 std::wstring RecorderPath();
 
-/// What the registry says of the desktop application while this lives; afterwards it says what it
-/// said before. Throws std::runtime_error.
+/// The registration of the desktop application while this lives; afterwards the registry has what
+/// it said before. Throws std::runtime_error.
 class RegisteredApplication {
 public:
     /// Registers `value`, all of its characters and nothing more. Without a value, none is there.

@@ -26,7 +26,7 @@ using Identifiers = std::vector<std::uint32_t>;
 
 class EnumerationTest : public SystemTest {
 protected:
-    /// Starts the service and tells how many cameras it has found.
+    /// Starts the service; the number of cameras that it has found.
     Identifiers Found() {
         const RunningService service;
         return AnnouncedCameras();
@@ -190,7 +190,7 @@ class DescriptorAnswer : public EnumerationTest, public testing::WithParamInterf
 TEST_P(DescriptorAnswer, DecidesWhetherItIsACamera) {
     PluggedCamera camera(bus);
     camera.Set(GetParam().behaviour);
-    PluggedCamera other(bus);  // found whatever the first one answers
+    PluggedCamera other(bus);  // found with every answer of the first one
     EXPECT_EQ(Found().size(), GetParam().isCamera ? 2u : 1u);
 }
 

@@ -246,7 +246,7 @@ TEST_P(LaunchTest, CamerasThatComeAndGoWithoutAClientAreKnownToTheNextOne) {
         launches.Receive();
     goes.Unplug();
     PluggedCamera comes(bus);
-    launches.Receive();  // what was before it is done too
+    launches.Receive();  // everything before it is done too
     RawClient main;
     EXPECT_EQ(main.ReceiveMessage(), Attached(id));
     EXPECT_EQ(main.ReceiveMessage(), Attached(id + 2));
@@ -278,7 +278,7 @@ protected:
         RawClient main;
         others.push_back(std::make_unique<PluggedCamera>(bus));
         const std::uint32_t id = nextId++;
-        // It may be faster than the removal of the one that went, and be told of that too.
+        // The removal of the one that went may come later, as a message too.
         while (main.ReceiveMessage() != Attached(id)) {
         }
         Leave(main, id);
@@ -345,7 +345,7 @@ TEST_P(DriveLaunchTest, NothingIsStartedWhileAMainCommunicatorIsConnected) {
     ExpectAttached(main);
     RemovableDrive drive(L'E', RemovableDrive::Kind::kRemovable, {kLibrary, false});
     SomethingComes();
-    PluggedCamera later(bus);  // the drive has been looked at when this one is told
+    PluggedCamera later(bus);  // the drive has been looked at when this one is announced
     ExpectAttached(main);
     Leave(main, id);
     ExpectLaunchForAnother();

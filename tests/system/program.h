@@ -1,4 +1,4 @@
-// Programs that the tests start, and what those print.
+// Programs that the tests start, and their output.
 #pragma once
 
 #include <chrono>

@@ -108,7 +108,7 @@ TEST_F(ProtocolTest, SplitHeaderStallsOnlyItsOwnSession) {
         EXPECT_EQ(client.Available(), 0u);
     EXPECT_EQ(bystander.Ask(kTransferNoData, 3, kCamera, TestUnitReady()), Succeeded(3, kCamera));
 
-    // Nor is it noticed when they leave: no read waits that could tell.
+    // Nor does the service notice when they leave, because no read is pending.
     stalled.clear();
     Settle(bystander);
     EXPECT_EQ(service.Output().Text().find("ServerClient shutdown."), std::string::npos);

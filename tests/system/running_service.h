@@ -1,4 +1,4 @@
-// The built OrvikService.exe, started in either run mode, and what it prints.
+// The built OrvikService.exe, started in either run mode, and its output.
 #pragma once
 
 #include <chrono>

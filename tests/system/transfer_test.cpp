@@ -33,7 +33,7 @@ TEST_P(PassThroughBlock, ReachesTheDriverByteByByte) {
     const auto [messageType, extra, transferLength, dataIn] = GetParam();
     constexpr std::uint32_t kRequestId = 0xA1B2C3D4;
     const Bytes data = Pattern(extra);
-    Cdb cdb;  // all 16 bytes are carried, although the camera is told of 8
+    Cdb cdb;  // all 16 bytes are carried, although the length given is 8
     std::iota(reinterpret_cast<std::uint8_t*>(cdb.data()),
               reinterpret_cast<std::uint8_t*>(cdb.data()) + cdb.size(), std::uint8_t{0xE1});
     RawClient client = Connect();

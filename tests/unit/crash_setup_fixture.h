@@ -36,7 +36,7 @@ extern decltype(&::SHGetKnownFolderPath) __imp_SHGetKnownFolderPath;
 
 inline constexpr std::size_t kLongestText = 1200;
 
-/// Whether a new process is told its desktop and nothing else.
+/// Whether the start of a new process sets its desktop and nothing else.
 inline bool SaysOnlyTheDesktop(const STARTUPINFOW& startup) {
     return startup.cb == 104 && startup.lpReserved == nullptr && startup.lpTitle == nullptr &&
            startup.dwX == 0 && startup.dwY == 0 && startup.dwXSize == 0 && startup.dwYSize == 0 &&

@@ -1,4 +1,4 @@
-// Looking for cameras at the start: what is asked of Windows, and each of its calls made to fail.
+// The look for cameras at the start: its calls of Windows, each of them made to fail.
 
 #include <functional>
 #include <memory>

@@ -36,7 +36,7 @@ private:
     Function original;
 };
 
-/// The same with something to call that may keep what it has seen:
+/// The same with a callable that may have state:
 ///     const HookedImport<&__imp_CloseHandle> close([&](HANDLE handle) { ... });
 /// One at a time for each function. Thread: as ImportHook.
 template <auto* entry>

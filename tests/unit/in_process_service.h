@@ -21,8 +21,8 @@
 
 /// A `Server` on a port that the test serves itself, pipe clients, and virtual cameras.
 ///
-/// Each test ends by destroying the server and dispatching what is still to come; then no operation
-/// and no block of memory may be left, and no camera handle open.
+/// Each test ends by destroying the server and dispatching the packets still to come; then no
+/// operation and no block of memory may be left, and no camera handle open.
 class InProcessService : public ::testing::Test {
 protected:
     InProcessService();
@@ -44,7 +44,7 @@ protected:
     /// kTransferFailed: everything that the client sent before has been handled then.
     void RoundTrip(PipeClient& client);
 
-    /// Writes, and dispatches until the service has read it and has done what it makes it do.
+    /// Writes, and dispatches until the service has read and handled it.
     void WriteAndDispatch(PipeClient& client, std::span<const std::byte> bytes);
 
     /// Dispatches until the client has at least so many messages; returns the last of those.
@@ -66,7 +66,7 @@ protected:
     /// The test has unplugged its cameras itself.
     void ForgetPlugged() { plugged.clear(); }
 
-    /// Posts what Windows says when a device interface comes (DBT_DEVICEARRIVAL) or goes.
+    /// Posts the event of a device interface that comes (DBT_DEVICEARRIVAL) or goes.
     void PostInterfaceEvent(WPARAM eventCode, const std::wstring& path,
                             const GUID& interfaceClass = vcam::kCdromInterface);
 
@@ -77,7 +77,7 @@ protected:
     /// The service still accepts a client and answers it.
     void ExpectServing();
 
-    /// Destroys the server and dispatches what is still to come.
+    /// Destroys the server and dispatches the packets still to come.
     void StopServer();
 
     static constexpr std::uint32_t kFirstCamera = 1;  // identifiers count from 1

@@ -123,7 +123,7 @@ inline std::vector<std::string> Lines(const std::string& text) {
 
 class LogSystemTest : public ::testing::Test {
 protected:
-    /// What the writer has put out and what is in the file then, both without times.
+    /// The output of the writer and the content of the file then, both without times.
     struct Result {
         std::string output;
         std::string file;

@@ -13,7 +13,6 @@
 
 #include "device/device.h"
 #include "device/io_operation.h"
-#include "device/windows_exception.h"
 #include "import_hook.h"
 #include "in_process_service.h"
 #include "pipe_creation.h"
@@ -21,6 +20,7 @@
 #include "server/server.h"
 #include "service/dispatcher.h"
 #include "session/server_client.h"
+#include "windows_error.h"
 
 extern "C" {
 extern decltype(&::CloseHandle) __imp_CloseHandle;
@@ -146,7 +146,7 @@ TEST_F(ServerTest, QuitEndsTheLoopAndLeavesWhatIsQueuedBehindIt) {
 TEST_F(ServerTest, QuitThatCannotBePostedIsThrownAndFreed) {
     StartServer();
     const std::size_t operations = port.Operations();
-    try {
+    {
         const HookedImport<&__imp_PostQueuedCompletionStatus> post(
             [&](HANDLE target, DWORD bytes, ULONG_PTR key, OVERLAPPED* overlapped) {
                 EXPECT_EQ(target, port.Get());
@@ -156,13 +156,8 @@ TEST_F(ServerTest, QuitThatCannotBePostedIsThrownAndFreed) {
                 ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
                 return FALSE;
             });
-        server->PostQuit();
-        FAIL() << "no exception";
-    } catch (const WindowsException& exception) {
-        EXPECT_EQ(std::string(exception.what())
-                      .find("PostQueuedCompletionStatus failed.  GetLastError() = 0x8 ("),
-                  0u)
-            << exception.what();
+        EXPECT_TRUE(StartsWith(WindowsErrorOf([&] { server->PostQuit(); }),
+                               "PostQueuedCompletionStatus failed.  GetLastError() = 0x8 ("));
     }
     EXPECT_EQ(port.Operations(), operations);
     ExpectServing();

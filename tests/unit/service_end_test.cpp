@@ -1,4 +1,4 @@
-// How the service is told to stop, and in which order it is taken down.
+// The stop of the service, and the order in which its parts end.
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>

@@ -40,7 +40,7 @@ extern decltype(&::SetUnhandledExceptionFilter) __imp_SetUnhandledExceptionFilte
 
 namespace {
 
-constexpr DWORD kFailure = 5;  // what a call that is to fail leaves as the last error
+constexpr DWORD kFailure = 5;  // last error of a call that is made to fail
 constexpr int kReturned = 0;
 constexpr int kFaulted = 3;
 
@@ -51,7 +51,7 @@ void Say(const std::string& line) {
 
 [[noreturn]] void EndProcess(int code) {
     std::fflush(stderr);
-    std::_Exit(code);  // whatever threads there are
+    std::_Exit(code);  // with all its threads
 }
 
 /// Without the system's message, which differs between systems.
@@ -122,7 +122,7 @@ public:
         if (actor.joinable())
             actor.join();
         if (port != nullptr)
-            Say("quit packets left: " + std::to_string(QuitPacketsLeft());
+            Say("quit packets left: " + std::to_string(QuitPacketsLeft()));
         EndProcess(kReturned);
     }
 
@@ -219,7 +219,7 @@ private:
         if (code >> 28 != kProgramsOwnError)
             return EXCEPTION_CONTINUE_SEARCH;
         try {
-            throw;  // what the service has caught
+            throw;  // the exception that the service has caught
         } catch (const std::exception& exception) {
             Say("faults: " + TextOf(exception) + current->State());
         }

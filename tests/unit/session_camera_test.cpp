@@ -14,6 +14,7 @@
 #include "device/device.h"
 #include "device/windows_exception.h"
 #include "session_fixture.h"
+#include "windows_error.h"
 
 namespace {
 
@@ -44,14 +45,9 @@ TEST_F(SessionTest, CameraThatCannotBeOpenedEndsTheRun) {
     Start();
     bus.Unplug(camera);
     client->Write(MessageBytes(3, 1, kFirstCamera, Read6(0, 1)));
-    try {
-        port.DispatchUntil("the error", [] { return false; });
-        FAIL() << "no exception";
-    } catch (const WindowsException& exception) {
-        EXPECT_EQ(std::string(exception.what()).find("Device::Open() failed.  GetLastError() = 0x"),
-                  0u)
-            << exception.what();
-    }
+    EXPECT_TRUE(
+        StartsWith(WindowsErrorOf([&] { port.DispatchUntil("the error", [] { return false; }); }),
+                   "Device::Open() failed.  GetLastError() = 0x"));
     // The session closes what it has not opened; that ends at once.
     output.Clear();
     server.reset();

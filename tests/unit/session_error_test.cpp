@@ -8,16 +8,16 @@
 #include <windows.h>
 
 #include "call_log.h"
-#include "device/windows_exception.h"
 #include "import_hook.h"
 #include "session_fixture.h"
+#include "windows_error.h"
 
 namespace {
 
 /// As Windows says it for a pipe; not one of the errors of a client that has hung up.
 constexpr DWORD kOtherError = ERROR_NETNAME_DELETED;
 
-/// The next packet of the service's own pipes ends with this error, whatever it was.
+/// The next packet of the service's own pipes ends with this error.
 class FailingPacket {
 public:
     explicit FailingPacket(DWORD code)
@@ -49,12 +49,8 @@ protected:
     /// Dispatches until a WindowsException comes, whose text starts so, and the client is still
     /// the main communicator: nothing was made of it but the exception.
     void ExpectError(const std::string& start) {
-        try {
-            port.DispatchUntil("the error", [] { return false; });
-            FAIL() << "no exception";
-        } catch (const WindowsException& exception) {
-            EXPECT_EQ(std::string(exception.what()).find(start), 0u) << exception.what();
-        }
+        EXPECT_TRUE(StartsWith(
+            WindowsErrorOf([&] { port.DispatchUntil("the error", [] { return false; }); }), start));
         EXPECT_EQ(Shutdowns(), 0u);
         EXPECT_TRUE(server->GetMainCommunicator());
         EXPECT_EQ(output.Error(), "");

@@ -34,7 +34,7 @@ public:
     HANDLE Get() const noexcept { return port.get(); }
 
     /// Dispatches packets until `condition` holds, which is looked at before each.
-    /// Throws TestTimeout after the deadline, and what the handlers throw.
+    /// Throws TestTimeout after the deadline, and the exceptions of the handlers.
     void DispatchUntil(const std::string& what, const std::function<bool()>& condition);
 
     /// Dispatches exactly one packet. Throws as DispatchUntil().

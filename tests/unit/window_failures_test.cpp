@@ -77,7 +77,7 @@ TEST_F(WindowFailuresTest, MessagesBehindAFailureAreNeitherPostedNorUsedForTheDr
             EXPECT_EQ(Send(event), TRUE);
         EXPECT_EQ(calls, "post ") << "calls for a message behind the failure";
     }
-    // The loop of this thread throws what the procedure kept.
+    // The loop of this thread throws the exception that the procedure kept.
     try {
         RunNotificationWindow();
         ADD_FAILURE() << "no exception";
