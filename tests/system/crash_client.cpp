@@ -4,15 +4,21 @@
 //   crash_client crash EVENT  registers, and crashes when the event is set
 //   crash_client silent       connects and says nothing, until it is ended
 //   crash_client half         asks to be registered, and ends without taking the answer
+//   crash_client die MILLIS   registers, asks for a dump, and ends so many milliseconds later,
+//                             whether the dump has been written or not
 //
 // It prints a line when it has come that far. Links little: each DLL adds to the time of a dump.
 
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string_view>
+#include <thread>
 
 #include <windows.h>
 
+#include <client/windows/crash_generation/crash_generation_client.h>
 #include <client/windows/handler/exception_handler.h>
 
 #include "protocol/message.h"
@@ -21,6 +27,8 @@
 namespace {
 
 using google_breakpad::ExceptionHandler;
+
+constexpr int kAttemptsBesideOthers = 30;  // which get in between
 
 void Say(const char* line) {
     std::puts(line);
@@ -49,7 +57,7 @@ std::unique_ptr<ExceptionHandler> Register(int attempts) {
 
 int Crash(const char* eventName) {
     const UniqueHandle event(::OpenEventA(SYNCHRONIZE, FALSE, eventName));
-    const auto handler = Register(30);  // others get in between
+    const auto handler = Register(kAttemptsBesideOthers);
     if (!event || !handler)
         return 1;
     Say("registered");
@@ -98,6 +106,26 @@ int GoHalfWay() {
     return 1;
 }
 
+/// The exception that it reports is in memory that it has given back. The rest of its memory
+/// follows when it ends, but few clients would end at just the moment when the server has opened
+/// the file of the dump and reads the exception.
+int Die(std::chrono::milliseconds time) {
+    google_breakpad::CrashGenerationClient client(kCrashPipeName, MiniDumpNormal, nullptr);
+    for (int attempt = 0; !client.Register(); ++attempt) {
+        if (attempt == kAttemptsBesideOthers)
+            return 1;
+    }
+    std::thread([time] {
+        std::this_thread::sleep_for(time);
+        ::TerminateProcess(::GetCurrentProcess(), 0);
+    }).detach();
+    void* const memory = ::VirtualAlloc(nullptr, 1, MEM_COMMIT, PAGE_READWRITE);
+    ::VirtualFree(memory, 0, MEM_RELEASE);
+    client.RequestDump(static_cast<EXCEPTION_POINTERS*>(memory));
+    ::Sleep(INFINITE);
+    return 1;
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
@@ -111,5 +139,7 @@ int main(int argc, char* argv[]) {
         return BeSilent();
     if (command == "half")
         return GoHalfWay();
+    if (command == "die" && argc > 2)
+        return Die(std::chrono::milliseconds(std::atoi(argv[2])));
     return 1;
 }
