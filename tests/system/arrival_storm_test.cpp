@@ -56,12 +56,35 @@ private:
     std::thread thread;
 };
 
-using ArrivalStormTest = WatchingTest;
+class ArrivalStormTest : public WatchingTest {
+protected:
+    using WatchingTest::WatchingTest;
+
+    /// Has a camera come and go so often, and checks what the main communicator is told and that
+    /// the service holds no more afterwards.
+    void Storm(int cycles);
+};
 ORVIK_IN_BOTH_MODES(ArrivalStormTest);
 
 TEST_P(ArrivalStormTest, ArrivalsAndRemovalsUnderTrafficAreSentOnceInOrderAndLeaveNothingBehind) {
+    Storm(GetParam() == RunMode::kForeground ? 1000 : 200);  // it takes its time
+}
+
+#ifdef ORVIK_GUARDED_SERVICE
+class GuardedArrivalStormTest : public ArrivalStormTest {
+protected:
+    GuardedArrivalStormTest() : ArrivalStormTest(GuardedServicePath()) {}
+};
+INSTANTIATE_TEST_SUITE_P(Modes, GuardedArrivalStormTest, testing::Values(RunMode::kForeground),
+                         NameOf);
+
+TEST_P(GuardedArrivalStormTest, ArrivalsAndRemovalsUnderTrafficTouchNoFreedMemory) {
+    Storm(100);
+}
+#endif
+
+void ArrivalStormTest::Storm(int cycles) {
     constexpr int kWarmUp = 50;
-    const int cycles = GetParam() == RunMode::kForeground ? 1000 : 200;  // it takes its time
     RawClient main;
     PluggedCamera working(bus);
     const std::uint32_t workingId = nextId;

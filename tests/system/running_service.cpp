@@ -66,7 +66,8 @@ RunningService::RunningService(RunMode mode, std::wstring path, std::wstring arg
 RunningService::~RunningService() {
     try {
         if (!endExpected && !IsRunning())
-            ADD_FAILURE() << "the service has ended by itself";
+            ADD_FAILURE() << "the service has ended by itself:\n"
+                          << (program ? Errors().Text() : std::string());
         if (runMode == RunMode::kServiceManager) {
             RemoveInstalledService();
             if (!endExpected) {

@@ -27,6 +27,13 @@ inline std::string NameOf(const testing::TestParamInfo<RunMode>& info) {
     return info.param == RunMode::kForeground ? "Foreground" : "ServiceManager";
 }
 
+/// The service linked with tests/unit/guarded_heap.cpp: it ends, with a line on standard error,
+/// when it touches freed memory. Only GNU's linker builds it; ORVIK_GUARDED_SERVICE is defined
+/// then.
+inline std::wstring GuardedServicePath() {
+    return TestFolder() + L"\\guarded_service.exe";
+}
+
 /// The service, running in one of its modes. There can be only one at a time.
 ///
 /// All calls throw std::system_error or std::runtime_error when they fail. Use it from one thread,

@@ -11,7 +11,7 @@
 #include <mutex>
 #include <span>
 #include <stdexcept>
-#include <system_error>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -62,14 +62,32 @@ void OnThreads(std::uint32_t count, const std::function<void(std::uint32_t)>& wo
         thread.join();
 }
 
-/// In both run modes, with one camera.
-class StormTest : public SystemTest, public testing::WithParamInterface<RunMode> {
+/// A program that is the service, and where it runs.
+struct Service {
+    const char* name;
+    RunMode mode;
+    std::wstring path;
+};
+
+std::vector<Service> Services() {
+    const std::wstring shipped = ProgramPath(L"OrvikService.exe");
+    return {
+        {"Foreground", RunMode::kForeground, shipped},
+        {"ServiceManager", RunMode::kServiceManager, shipped},
+#ifdef ORVIK_GUARDED_SERVICE
+        {"Guarded", RunMode::kForeground, GuardedServicePath()},
+#endif
+    };
+}
+
+/// With one camera.
+class StormTest : public SystemTest, public testing::WithParamInterface<Service> {
 protected:
     PluggedCamera camera{bus};
-    RunningService service{GetParam()};
+    RunningService service{GetParam().mode, GetParam().path};
 };
-INSTANTIATE_TEST_SUITE_P(Modes, StormTest,
-                         testing::Values(RunMode::kForeground, RunMode::kServiceManager), NameOf);
+INSTANTIATE_TEST_SUITE_P(Services, StormTest, testing::ValuesIn(Services()),
+                         [](const auto& service) { return service.param.name; });
 
 TEST_P(StormTest, EveryClientOfAReconnectStormIsServedWhileOthersTransfer) {
     constexpr std::uint32_t kVisitors = 8;
@@ -173,6 +191,12 @@ TEST_F(LargeBody, ReachesTheCameraInOneWriteAndInPieces) {
 
 class EnduranceTest : public SystemTest {
 protected:
+    explicit EnduranceTest(const std::wstring& path = ProgramPath(L"OrvikService.exe"))
+        : service(RunMode::kForeground, path) {}
+
+    /// Plays, and checks that the service holds no more afterwards.
+    void Endure(std::uint32_t rounds);
+
     /// Plays `rounds` rounds, in which clients end in every way that the service survives.
     void Play(std::uint32_t rounds) {
         for (std::uint32_t round = 0; round < rounds; ++round) {
@@ -231,12 +255,26 @@ protected:
 };
 
 TEST_F(EnduranceTest, NeitherHandlesNorMemoryGrowWithTheClientsThatCameAndWent) {
+    Endure(50);
+}
+
+#ifdef ORVIK_GUARDED_SERVICE
+class GuardedEnduranceTest : public EnduranceTest {
+protected:
+    GuardedEnduranceTest() : EnduranceTest(GuardedServicePath()) {}
+};
+
+TEST_F(GuardedEnduranceTest, ClientsThatComeAndGoLeaveNoFreedMemoryInUse) {
+    Endure(20);
+}
+#endif
+
+void EnduranceTest::Endure(std::uint32_t rounds) {
     constexpr std::uint32_t kWarmUpRounds = 10;
-    constexpr std::uint32_t kRounds = 50;
     Play(kWarmUpRounds);
     const std::size_t handles = HandleCount(service.ProcessId());
     const std::size_t workingSet = WorkingSet(service.Process());
-    Play(kRounds);
+    Play(rounds);
     const std::size_t handlesAfter = HandleCount(service.ProcessId());
     const std::size_t workingSetAfter = WorkingSet(service.Process());
     EXPECT_GT(handles, 5u);

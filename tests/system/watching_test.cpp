@@ -14,7 +14,7 @@ namespace system_test {
 // Windows may take a moment until it tells a window that has just asked for it, and nothing says
 // when. So cameras are plugged until one is seen; then one more, which is known by its name: all
 // before it have been seen or never will be.
-WatchingTest::WatchingTest() {
+WatchingTest::WatchingTest(const std::wstring& path) : service(GetParam(), path) {
     constexpr std::size_t kMostTries = 100;
     constexpr std::chrono::milliseconds kTry{100};
     const std::string kLast = "Last";

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "raw_client.h"
 #include "support/plugged_camera.h"
@@ -12,7 +13,8 @@ namespace system_test {
 /// connected, and no camera plugged.
 class WatchingTest : public SystemTest, public testing::WithParamInterface<RunMode> {
 protected:
-    WatchingTest();
+    /// `path` is that of the program that is the service.
+    explicit WatchingTest(const std::wstring& path = ProgramPath(L"OrvikService.exe"));
 
     /// Receives the messages of a number of cameras that have been plugged, from the next
     /// identifier on.
@@ -21,7 +23,7 @@ protected:
     /// Leaves as a client may: after an answer from a camera, which must be there.
     static void Leave(RawClient& client, std::uint32_t cameraId);
 
-    RunningService service{GetParam()};
+    RunningService service;
     std::uint32_t nextId = 1;  // of the camera that is plugged next
 };
 
