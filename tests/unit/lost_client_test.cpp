@@ -97,7 +97,7 @@ TEST_F(LifetimeTest, NextWriteOfAQueueFindsTheClientGone) {
     main->Close();
     port.WaitForPackets(2);
     EXPECT_EQ(Shutdowns(), 0u);
-    port.DispatchOne();  // WriteComplete: the data finds nobody
+    port.DispatchOne();  // WriteComplete: no client is left for the data
     EXPECT_EQ(Shutdowns(), 1u);
     port.DispatchQueued();
     EXPECT_EQ(Shutdowns(), 1u);
