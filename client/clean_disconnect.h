@@ -10,10 +10,10 @@
 
 // How a client disconnects without ending the service's run.
 //
-// The service ends its run if it starts to read a header and finds that the client has closed the
-// connection. It starts that read right after it has handled a request. So a client must not close
-// the connection before the service has started the read, which the client cannot see. It can
-// conclude it from two things:
+// The service ends its run if it starts a read and finds that the client has closed the connection
+// (docs/protocol.md, "Disconnect early"). It starts a read right after it has handled a request. So
+// a client must not close the connection before the service has started the read, which the client
+// cannot see. It can conclude it from two things:
 //
 // - The service has one thread. kTransferSucceeded always comes from a later turn of that thread
 //   than the turn that read the request. So when the newest request has succeeded, the next read

@@ -28,7 +28,8 @@ public:
 
     /// Reports that the first `count` bytes of Target() have been filled. Returns the message if
     /// that completes it.
-    /// Throws Error kBadAnswer for a header that the service would never send.
+    /// Throws Error kBadAnswer for a header that is neither an answer that the library knows nor a
+    /// notification.
     std::optional<Message> Received(std::size_t count);
 
     /// Whether a part of a message has been received.

@@ -38,7 +38,7 @@ enum TransferType : std::uint32_t {
     kTransferNoData = 4,  ///< no data phase
 };
 
-/// Message types from service to client. 2 and 3 mean something else in the other direction.
+/// Message types from service to client. 2, 3 and 4 mean something else in the other direction.
 enum ServiceMessageType : std::uint32_t {
     kTransferSucceeded = 2,  ///< answer; the body is what a kTransferIn returned, else empty
     kTransferFailed = 3,     ///< answer; no body

@@ -97,7 +97,7 @@ private:
 
     HANDLE completionPort;                                       // not owned
     UniqueHandle listeningPipe;                                  // bound to the port; empty if none
-    std::uint32_t nextDeviceId = 1;                              // identifiers are never reused
+    std::uint32_t nextDeviceId = 1;                              // never used again by this server
     KeptOperation acceptOperation;                               // used by each ConnectNamedPipe
     std::vector<boost::shared_ptr<ServerClient>> cameraClients;  // in the order of connection
     std::map<std::int32_t, boost::shared_ptr<Device>> devices;   // by identifier, signed

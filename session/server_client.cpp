@@ -67,7 +67,9 @@ SessionState ServerClient::SendCameraDetached(const Device& camera) {
     return QueueMessage({kCameraDetached, kNotificationId, camera.Id(), 0});
 }
 
-// A read that succeeds at once also queues a packet; one that fails at once does not.
+// A read that succeeds at once also queues a packet; one that fails at once does not. Kept on
+// purpose: a client that is gone already (ERROR_BROKEN_PIPE) ends the run here, but not when the
+// pending read of it fails. docs/protocol.md warns clients ("Disconnect early").
 void ServerClient::DoRead() {
     auto* const target = reinterpret_cast<std::byte*>(&memory->header) + received;
     const auto size = static_cast<DWORD>(sizeof(MessageHeader) - received);

@@ -82,7 +82,8 @@ private:
     void WriteComplete(IoOperation* operation);
 
     /// Acts on the message just read.
-    /// Throws std::runtime_error for a camera that does not exist, and what Device::Open() throws.
+    /// Throws std::runtime_error for a camera that does not exist, and as Device::Open() and
+    /// QueueWrite() do.
     SessionState HandleRequest();
 
     /// Starts the transfer that the message just read asks for.

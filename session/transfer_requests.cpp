@@ -1,5 +1,5 @@
-// One transfer through a session: from a complete message to the camera, and from the transfer's
-// packet to the answer.
+// The requests of a session: from a complete message to the camera, and from the transfer's packet
+// to the answer.
 
 #include <algorithm>
 #include <cstring>

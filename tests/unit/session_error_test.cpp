@@ -1,4 +1,4 @@
-// Errors of a session that end the run, because they do not mean that the client has hung up.
+// Errors of a session's reads and writes: those that end the run, and those that end the session.
 
 #include <span>
 #include <string>

@@ -148,7 +148,8 @@ private:
 /// camera that is being unplugged can cross the service's report.
 ///
 /// Disconnecting: closing the connection at the wrong moment ends the service's run too. The
-/// destructor waits for a safe moment, so a program must destroy its Client before it ends.
+/// destructor waits for a safe moment, so a program must destroy its Client before it ends. A
+/// program that is killed cannot; the service's run may end then.
 class Client {
 public:
     /// Connects, and returns when the cameras present are known.
