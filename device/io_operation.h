@@ -114,7 +114,8 @@ void DiscardOperation(IoOperation* operation) noexcept;
 /// packets come. The owner makes one, shares it with each callback, and sets `owner` to null in
 /// its destructor. Memory that the system uses while an operation is issued can be added by
 /// deriving from it: it lives until the last packet has been taken.
-/// Thread: dispatcher only; the shared ownership around it is thread-safe.
+/// Thread: dispatcher only. The shared ownership around it is thread-safe, because the window
+/// thread makes callbacks that share the Server's.
 template <typename Owner>
 struct OwnerLink {
     Owner* owner = nullptr;  // null once the owner is destroyed

@@ -10,6 +10,7 @@
 #include <wtsapi32.h>
 
 #include "server/server.h"
+#include "windows/unique_registry_key.h"
 
 namespace {
 
@@ -17,20 +18,20 @@ constexpr wchar_t kAppPathKey[] =
     LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\App Paths\Orvik.exe)";
 constexpr wchar_t kFallbackPath[] = LR"(c:\Program Files (x86)\Orvik\Orvik.exe)";
 
-/// A path in memory of its own: a launch allocates nothing, so a lack of memory can't end it.
+/// A path in a fixed buffer: a launch makes no C++ allocation that could throw.
 using Path = std::array<wchar_t, 1024>;
 
 /// Reads a string value below HKEY_LOCAL_MACHINE into `path`, which must be all zeros. False on any
 /// failure, for an empty value and for one of more than 1024 bytes.
 bool ReadAppPath(const wchar_t* keyPath, const wchar_t* valueName, Path& path) noexcept {
     constexpr DWORD kLargestValue = 1024;  // bytes
-    HKEY key = nullptr;
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, keyPath, 0, KEY_QUERY_VALUE, &key) != ERROR_SUCCESS)
+    HKEY opened = nullptr;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, keyPath, 0, KEY_QUERY_VALUE, &opened) != ERROR_SUCCESS)
         return false;
+    const UniqueRegistryKey key(opened);
     DWORD size = sizeof(path);
-    const LSTATUS result = ::RegQueryValueExW(key, valueName, nullptr, nullptr,
+    const LSTATUS result = ::RegQueryValueExW(key.get(), valueName, nullptr, nullptr,
                                               reinterpret_cast<BYTE*>(path.data()), &size);
-    ::RegCloseKey(key);
     if (result != ERROR_SUCCESS || size > kLargestValue || size == 0)
         return false;
     // Kept on purpose: bytes minus one taken as characters. They run past the value's end into the
@@ -60,10 +61,11 @@ void Server::LaunchApplication() noexcept {
 
     // The block is never destroyed: one per launch stays allocated, on purpose.
     void* environment = nullptr;
-    if (::CreateEnvironmentBlock(&environment, token, FALSE) == TRUE) {
-        Path registered{};
-        const wchar_t* const path =
-            ReadAppPath(kAppPathKey, L"", registered) ? registered.data() : kFallbackPath;
+    const bool hasEnvironment = ::CreateEnvironmentBlock(&environment, token, FALSE) == TRUE;
+    Path registered{};
+    const wchar_t* const path =
+        ReadAppPath(kAppPathKey, L"", registered) ? registered.data() : kFallbackPath;
+    if (hasEnvironment) {
         ::CreateProcessAsUserW(token, path, nullptr, nullptr, nullptr, FALSE,
                                CREATE_UNICODE_ENVIRONMENT | DETACHED_PROCESS, environment, nullptr,
                                &startup, &process);

@@ -79,12 +79,12 @@ void Server::EnumerateInterfaces(const GUID& classGuid) {
 }
 
 void Server::PostDeviceEvent(WPARAM eventCode, const DEV_BROADCAST_HDR* record) {
-    const DWORD size = record->dbch_size;
-    if (size < sizeof(DEV_BROADCAST_HDR))
-        return;  // forged: not even its own head
-    UniqueMalloc copy(std::malloc(size));
+    const std::size_t size = record->dbch_size;
+    UniqueMalloc copy(std::malloc(std::max(size, sizeof(DEV_BROADCAST_HDR))));
     if (!copy)
         throw std::bad_alloc();
+    // A forged record may be shorter than its header. DeviceEvent() must find one all the same.
+    std::memset(copy.get(), 0, sizeof(DEV_BROADCAST_HDR));
     std::memcpy(copy.get(), record, size);
     auto operation = std::make_unique<IoOperation>(CallOwner<&Server::DeviceEvent>(LastSelf()));
     operation->transferBuffer = copy.get();
@@ -105,8 +105,8 @@ void Server::DeviceEvent(IoOperation* operation) {
     if (record == nullptr)
         return;
     try {
-        // Kept on purpose: arrivals are taken of CD-ROM interfaces only. The enumeration at the
-        // start takes disk and CD-ROM interfaces, and a removal is taken of any class.
+        // Kept on purpose: only arrivals of CD-ROM interfaces are handled, but removals of every
+        // class. The enumeration at the start takes disk and CD-ROM interfaces.
         if (eventCode == DBT_DEVICEARRIVAL && record->dbcc_classguid == GUID_DEVINTERFACE_CDROM)
             DeviceArrival(record->dbcc_name);
         else if (eventCode == DBT_DEVICEREMOVECOMPLETE)

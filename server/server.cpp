@@ -25,10 +25,10 @@ Server::Server(HANDLE port)
       completionPort(port),
       acceptOperation(CallOwner<&Server::OnClientConnected>(self)) {
     self->owner = this;
-    LastSelf() = self;
     EnumerateInterfaces(GUID_DEVINTERFACE_DISK);
     EnumerateInterfaces(GUID_DEVINTERFACE_CDROM);
     ListenOnPipe();
+    LastSelf() = self;
 }
 
 Server::~Server() {
@@ -71,7 +71,7 @@ void Server::RemoveClient(ServerClient* client) {
         mainCommunicator.reset();
         return;
     }
-    // Kept on purpose: this line also when a camera pipe leaves.
+    // Kept on purpose: the line is also written when a camera pipe disconnects.
     if (!mainCommunicator)
         std::cerr << "No main communicator when RemoveClient() called.\n";
     const auto found = std::find_if(cameraClients.begin(), cameraClients.end(),

@@ -45,15 +45,16 @@ public:
     void PostQuit();
 
     /// Hands a copy of a broadcast record (`dbch_size` bytes, see <dbt.h>) and its WM_DEVICECHANGE
-    /// event code to the dispatcher thread. Drops a record that is shorter than its own header.
-    /// For the thread of the notification window: touches only the port and the new operation. May
+    /// event code to the dispatcher thread.
+    /// For the thread of the notification window: touches only the port, the new operation, and the
+    /// link of LastSelf(), which is set before `theServer` and counts its owners atomically. May
     /// also be called after the server has been destroyed, as long as its memory exists; no thread
     /// takes the packet then. Throws WindowsException and std::bad_alloc.
     void PostDeviceEvent(WPARAM eventCode, const DEV_BROADCAST_HDR* record);
 
     /// Starts the desktop application unless a main communicator is connected. For the thread of
     /// the notification window, deliberately without a lock: it reads the pointer to the main
-    /// communicator while the dispatcher thread may change it. Allocates nothing and never throws.
+    /// communicator while the dispatcher thread may change it. Never throws.
     void LaunchIfNoMainCommunicator() noexcept;
 
     /// Empty if none is connected. Dispatcher thread.
@@ -87,7 +88,8 @@ private:
 
     // application_launcher.cpp
     /// Starts the desktop application in the session of the user at the console, with that user's
-    /// token, environment and desktop. Allocates nothing and touches nothing of the server.
+    /// token, environment and desktop. Touches nothing of the server. Makes no C++ allocation, so
+    /// that lack of memory cannot end the process here.
     void LaunchApplication() noexcept;
 
     /// A share of the newest server's `self` that remains after the server's end.

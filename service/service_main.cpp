@@ -1,7 +1,6 @@
 #include "service/service_main.h"
 
 #include <cstddef>
-#include <exception>
 #include <memory>
 #include <new>
 

@@ -20,7 +20,7 @@ bool CallFailed(BOOL result) noexcept {
     return !result && ::GetLastError() != ERROR_IO_PENDING;
 }
 
-/// True if the OVERLAPPED shows it. A packet may still come when it does not.
+/// Whether the OVERLAPPED shows a pending operation. A packet may still come when it does not.
 bool ShowsPending(const KeptOperation& operation) noexcept {
     return operation.Get() != nullptr && !HasOverlappedIoCompleted(&operation.Get()->overlapped);
 }
@@ -182,7 +182,7 @@ void ServerClient::WriteComplete(IoOperation* operation) {
     memory->writeQueue.pop_front();
     if (operation->status == IoOperation::kError) {
         if (operation->errorCode != ERROR_BROKEN_PIPE) {
-            ::SetLastError(operation->errorCode);  // what frees the entry may have changed it
+            ::SetLastError(operation->errorCode);  // freeing the entry may have changed it
             throw WindowsException("Write failed.");
         }
         server->RemoveClient(this);  // this session is gone

@@ -16,7 +16,10 @@ class Server;
 
 /// Whether a session still exists after a call that may have destroyed it. A caller that gets kGone
 /// returns at once and touches no member of the session.
-enum class [[nodiscard]] SessionState{kAlive, kGone};
+enum class [[nodiscard]] SessionState{
+    kAlive,
+    kGone,
+};
 
 /// One connected client of the camera pipe: reads its requests, sends them to the camera and
 /// writes the answers. Main communicator and camera pipes are alike here; only the Server tells
@@ -25,7 +28,7 @@ enum class [[nodiscard]] SessionState{kAlive, kGone};
 /// Thread: dispatcher only; there are no locks because there is no second thread.
 /// Owns the pipe handle, at most one issued read and one issued write, and the camera it has open.
 /// Owned by Server alone. Server::RemoveClient() destroys it, often from inside one of its own
-/// handlers. Functions of this class that may do that return a SessionState.
+/// handlers. Other functions that may do that return a SessionState.
 ///
 /// A client that hangs up while a read or a write is pending is an ordinary end of the session, and
 /// so is one that has hung up when a write is started. Handlers throw every other failure. That

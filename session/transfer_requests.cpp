@@ -77,8 +77,8 @@ SessionState ServerClient::StartTransfer(const boost::shared_ptr<Device>& camera
             operation->callback = DiscardOperation;
             static_cast<void>(operation.release());
         }
-        // Both calls may destroy this session: the first by its write, the second where it is the
-        // main communicator.
+        // The answer's write may destroy this session, and RemoveDevice() may notify it, if it is
+        // the main communicator. The link knows the state after both.
         const boost::shared_ptr<IoMemory> link = memory;
         Server* const owner = server;
         static_cast<void>(SendTransferFailed());

@@ -25,7 +25,7 @@ std::unique_ptr<google_breakpad::CrashGenerationServer> StartCrashServer();
 ///
 /// A handler that is installed already is replaced. A failure is a record in the log; then there is
 /// no new handler, and one that was installed before stays.
-/// Thread: one at a time. Throws std::bad_alloc.
+/// Thread: one at a time. Throws std::bad_alloc; then no handler may be installed.
 void SetUpCrashHandler(const std::wstring& versionText, const std::wstring& secondDescriptor);
 
 /// Registers the handler anew if it asks a crash server for its dumps: for a process whose own
@@ -44,8 +44,9 @@ bool IsRunningAsService(const wchar_t* serviceName) noexcept;
 /// has written the dump: it does not pass them on. Returns `succeeded`, but false if the reporter
 /// could not be started.
 ///
-/// Runs in a process that is crashing, on one of Breakpad's threads: allocates nothing, unless
-/// there is a failure to log.
+/// Runs in a process that is crashing: on Breakpad's handler thread if this process has written the
+/// dump, on the crashing thread if a crash server has. Allocates nothing, unless there is a failure
+/// to log.
 bool LaunchCrashReporter(const wchar_t* dumpFolder, const wchar_t* minidumpId, void* context,
                          EXCEPTION_POINTERS* exception, MDRawAssertionInfo* assertion,
                          bool succeeded);

@@ -17,6 +17,7 @@ extern "C" {
 extern decltype(&::CloseHandle) __imp_CloseHandle;
 extern decltype(&::CreateEnvironmentBlock) __imp_CreateEnvironmentBlock;
 extern decltype(&::CreateProcessAsUserW) __imp_CreateProcessAsUserW;
+extern decltype(&::RegOpenKeyExW) __imp_RegOpenKeyExW;
 extern decltype(&::WTSQueryUserToken) __imp_WTSQueryUserToken;
 }
 
@@ -141,13 +142,23 @@ TEST_F(LaunchCallsTest, WithoutAUsersTokenOneLineSaysSoAndTheCameraIsRecorded) {
 }
 
 TEST_F(LaunchCallsTest, WithoutAnEnvironmentOneLineSaysSoAndNothingIsStarted) {
+    constexpr wchar_t kAppPath[] =
+        LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\App Paths\Orvik.exe)";
+    using Open = HookedImport<&__imp_RegOpenKeyExW>;
+    const Open open(
+        [&](HKEY root, const wchar_t* path, DWORD options, REGSAM access, HKEY* key) -> LSTATUS {
+            if (root == HKEY_LOCAL_MACHINE && path == std::wstring(kAppPath))
+                calls += "read path\n";
+            return Open::Original(root, path, options, access, key);
+        });
     for (const BOOL result : {FALSE, 2}) {  // exactly TRUE is success
         SCOPED_TRACE(result);
         output.Clear();
         calls.clear();
         environmentResult = result;
         Arrive();
-        EXPECT_EQ(calls, "token\nenvironment of token\nclose token\nclose null\nclose null\n");
+        EXPECT_EQ(calls,
+                  "token\nenvironment of token\nread path\nclose token\nclose null\nclose null\n");
         EXPECT_EQ(output.Out(), kLaunching);
         EXPECT_EQ(output.Error(), "Failed to get User Environment for App launch.\n");
     }
