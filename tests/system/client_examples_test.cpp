@@ -23,8 +23,8 @@ std::wstring ExamplePath(const wchar_t* fileName) {
 }
 
 std::string ContentsOf(const std::wstring& path) {
-    std::ifstream file(Narrow(path), std::ios::binary);
-    EXPECT_TRUE(file.is_open()) << Narrow(path);
+    std::ifstream file(ToUtf8(path), std::ios::binary);
+    EXPECT_TRUE(file.is_open()) << ToUtf8(path);
     return {std::istreambuf_iterator<char>(file), {}};
 }
 

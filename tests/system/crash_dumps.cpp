@@ -127,7 +127,7 @@ Dump KeepDump(const std::vector<fs::path>& dumps, const std::wstring& name) {
 
 void ExpectFault(const Dump& dump, const std::wstring& module) {
     EXPECT_EQ(dump.exceptionCode, DWORD{EXCEPTION_ACCESS_VIOLATION});
-    EXPECT_EQ(Narrow(dump.module), Narrow(module));
+    EXPECT_EQ(ToUtf8(dump.module), ToUtf8(module));
     EXPECT_TRUE(dump.hasItsThread);
 }
 

@@ -148,8 +148,8 @@ protected:
     static fs::path ExpectServicesReport(const CrashRecord& record, const std::wstring& reporter) {
         fs::path file = DumpOf(record);
         EXPECT_EQ(
-            Narrow(record.commandLine),
-            Narrow(L"\"" + reporter + L"\" |*|0|*|" + record.temporaryFolder + L"\\" +
+            ToUtf8(record.commandLine),
+            ToUtf8(L"\"" + reporter + L"\" |*|0|*|" + record.temporaryFolder + L"\\" +
                    file.filename().wstring() + L"|*|OrvikService|*|4.0.4 (unknown)|*|Unknown|*|"));
         ExpectDetachedOnTheDesktop(record);
         return file;
@@ -159,8 +159,8 @@ protected:
     /// server does not pass on the dump's name.
     static void ExpectReportWithoutAName(const CrashRecord& record, const std::wstring& reporter) {
         EXPECT_EQ(
-            Narrow(record.commandLine),
-            Narrow(L"\"" + reporter + L"\" |*|1|*|\\.dmp|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
+            ToUtf8(record.commandLine),
+            ToUtf8(L"\"" + reporter + L"\" |*|1|*|\\.dmp|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
     }
 
     CrashFolder folder;
@@ -270,7 +270,7 @@ TEST_F(CrashTest, ExceptionInAProcessThatIsItsOwnCrashServerLeavesADumpThatTheRe
     EXPECT_EQ(service.WaitForEnd(kCrashDeadline), kEndedByException);
     const fs::path file = DumpOf(record);
     EXPECT_EQ(file.parent_path(), fs::path(record.localFolder) / L"Orvik" / L"Crash Reports");
-    EXPECT_EQ(Narrow(record.commandLine), Narrow(L"\"" + reporter + L"\" |*|1|*|" + file.wstring() +
+    EXPECT_EQ(ToUtf8(record.commandLine), ToUtf8(L"\"" + reporter + L"\" |*|1|*|" + file.wstring() +
                                                  L"|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
     const Dump dump = KeepDump({file}, L"own-server");
     EXPECT_EQ(dump.exceptionCode, kEndedByException);
@@ -326,7 +326,7 @@ TEST_F(CrashTest, ExecutableNamedOtherwiseWritesItsDumpItselfIfNoCrashServerAnsw
     EXPECT_EQ(service.WaitForEnd(kCrashDeadline), DWORD{EXCEPTION_ACCESS_VIOLATION});
     const fs::path file = DumpOf(record);
     EXPECT_EQ(file.parent_path(), fs::path(record.localFolder) / L"Orvik" / L"Crash Reports");
-    EXPECT_EQ(Narrow(record.commandLine), Narrow(L"\"" + reporter + L"\" |*|1|*|" + file.wstring() +
+    EXPECT_EQ(ToUtf8(record.commandLine), ToUtf8(L"\"" + reporter + L"\" |*|1|*|" + file.wstring() +
                                                  L"|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
     EXPECT_EQ(folder.Log(), "");
     const Dump dump = KeepDump({file}, L"no-server");

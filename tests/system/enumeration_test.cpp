@@ -53,7 +53,7 @@ TEST_F(EnumerationTest, DisksAndCdromsAreRecordedInAscendingOrderDisksFirst) {
     EXPECT_EQ(cdrom.Counters().requests, 1u);
 
     const auto lineOf = [&](const PluggedCamera& plugged) {
-        return "DeviceArrival: " + Narrow(bus.InterfacePath(plugged.Id()));
+        return "DeviceArrival: " + ToUtf8(bus.InterfacePath(plugged.Id()));
     };
     service.Output().WaitFor(lineOf(cdrom));  // the last of them
     const std::vector<std::string> lines = service.Output().Lines();

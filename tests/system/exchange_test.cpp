@@ -51,7 +51,7 @@ std::vector<Turn> ReadExchange(std::istream& page) {
 }
 
 TEST_F(SystemTest, ExchangeOnTheProtocolPageIsWhatHappens) {
-    std::ifstream page(Narrow(TestFolder() + L"\\protocol.md"));  // the build copies it
+    std::ifstream page(ToUtf8(TestFolder() + L"\\protocol.md"));  // the build copies it
     ASSERT_TRUE(page.is_open());
     const std::vector<Turn> turns = ReadExchange(page);
     ASSERT_GE(turns.size(), 3u) << "the page shows no exchange";

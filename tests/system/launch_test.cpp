@@ -175,7 +175,7 @@ TEST_P(ApplicationPathTest, NamesTheProgramOrTheFallbackIsTaken) {
     const std::wstring started = launches.Receive().program;
     const std::wstring expected =
         GetParam().isUsed ? RecorderPath() : FallbackApplication::kPath.wstring();
-    EXPECT_TRUE(IsSamePath(started, expected)) << Narrow(started);
+    EXPECT_TRUE(IsSamePath(started, expected)) << ToUtf8(started);
 }
 
 // --- cameras that come ---

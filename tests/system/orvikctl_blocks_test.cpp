@@ -18,7 +18,7 @@ protected:
 
     /// The start of the message about the size of a file.
     std::string SizeOf(const std::filesystem::path& file) const {
-        return "the size of " + Narrow((folder / file).wstring()) + " is ";
+        return "the size of " + ToUtf8((folder / file).wstring()) + " is ";
     }
 };
 

@@ -69,8 +69,8 @@ TEST_F(OrvikctlRaw, CameraIsToldFromTheCommandByItsLength) {
          {L"raw -r 36 12 00 00 00 2a 00", L"raw 1 -r 36 12 00 00 00 2a 00",
           L"raw -r 36 1 12 00 00 00 2A 00", L"raw 001 -r 36 12 00 00 00 2a 00"}) {
         OrvikctlInForeground(L"raw -n 00 00 00 00 00 00");  // so that the last one is another
-        EXPECT_EQ(OrvikctlInForeground(arguments).exitCode, 0u) << Narrow(arguments);
-        EXPECT_EQ(LastCdb(), BytesOf({0x12, 0, 0, 0, 0x2A, 0, 0, 0})) << Narrow(arguments);
+        EXPECT_EQ(OrvikctlInForeground(arguments).exitCode, 0u) << ToUtf8(arguments);
+        EXPECT_EQ(LastCdb(), BytesOf({0x12, 0, 0, 0, 0x2A, 0, 0, 0})) << ToUtf8(arguments);
     }
     EXPECT_TRUE(
         Failed(OrvikctlInForeground(L"raw 012 -n 00 00 00 00 00 00"), 6, "there is no camera 12"));
@@ -106,7 +106,7 @@ TEST_F(OrvikctlRaw, InputThatIsTooShort) {
     MakeFile(L"x", Bytes(511));
     EXPECT_TRUE(
         Failed(OrvikctlInForeground(L"raw -s 512 -i " + Quoted(L"x") + L" 0a 00 00 03 01 00"), 1,
-               "cannot send 512 bytes: " + Narrow((folder / L"x").wstring()) + " has only 511"));
+               "cannot send 512 bytes: " + ToUtf8((folder / L"x").wstring()) + " has only 511"));
     EXPECT_EQ(camera.Counters().requests, 0u);
 }
 

@@ -112,7 +112,7 @@ TEST_F(OrvikctlStatus, ServiceThatRuns) {
     EXPECT_EQ(facts["start type"], "manual");
     EXPECT_EQ(facts["state"], "running");
     EXPECT_EQ(facts["process"], std::to_string(service.ProcessId()));
-    EXPECT_EQ(facts["program"], Narrow(ProgramPath(L"OrvikService.exe")));
+    EXPECT_EQ(facts["program"], ToUtf8(ProgramPath(L"OrvikService.exe")));
     EXPECT_EQ(facts["version"], "4.0.4");
     EXPECT_EQ(facts["pipe"], "reachable");
     EXPECT_TRUE(facts["round trip"].ends_with(" ms")) << result;
@@ -123,7 +123,7 @@ TEST_F(OrvikctlStatus, ServiceThatRuns) {
     EXPECT_EQ(json.at("start_type"), "manual");
     EXPECT_EQ(json.at("state"), "running");
     EXPECT_EQ(json.at("process"), service.ProcessId());
-    EXPECT_EQ(json.at("program"), Narrow(ProgramPath(L"OrvikService.exe")));
+    EXPECT_EQ(json.at("program"), ToUtf8(ProgramPath(L"OrvikService.exe")));
     EXPECT_EQ(json.at("version"), "4.0.4");
     EXPECT_EQ(json.at("reachable"), true);
     EXPECT_GT(json.at("round_trip_ms").get<double>(), 0);
@@ -173,12 +173,12 @@ TEST_F(OrvikctlStatus, CommandLineWithoutQuotes) {
           (inside / L"Orvik Service").wstring() + L"\t-x", L'"' + program.wstring() + L"\" -x"}) {
         InstallCommandLine(commandLine);
         Facts facts = FactsOf(Orvikctl(L"status"));
-        EXPECT_EQ(facts["program"], Narrow(program.wstring())) << Narrow(commandLine);
-        EXPECT_EQ(facts["version"], "4.0.4") << Narrow(commandLine);
+        EXPECT_EQ(facts["program"], ToUtf8(program.wstring())) << ToUtf8(commandLine);
+        EXPECT_EQ(facts["version"], "4.0.4") << ToUtf8(commandLine);
         const Result result = Orvikctl(L"status --json");
         const std::string& json = result.output.at(0);
         EXPECT_NE(json.find("c \\u00e4"), std::string::npos) << json;
-        EXPECT_EQ(Json::parse(json).at("program"), Narrow(program.wstring()));
+        EXPECT_EQ(Json::parse(json).at("program"), ToUtf8(program.wstring()));
         EndLeftovers();
     }
     InstallCommandLine((inside / L"another one.exe").wstring() + L" -x");
@@ -245,8 +245,8 @@ TEST_F(OrvikctlStatus, LogAndDumps) {
     Facts facts = FactsOf(result);
     std::array<wchar_t, MAX_PATH> home{};
     ::ExpandEnvironmentStringsW(SystemProfile::Folder().c_str(), home.data(), MAX_PATH);
-    EXPECT_EQ(facts["log folder"], Narrow(home.data()) + R"(\AppData\Local\Orvik)");
-    EXPECT_EQ(_stricmp(facts["dump folder"].c_str(), Narrow(dumps.wstring()).c_str()), 0) << result;
+    EXPECT_EQ(facts["log folder"], ToUtf8(home.data()) + R"(\AppData\Local\Orvik)");
+    EXPECT_EQ(_stricmp(facts["dump folder"].c_str(), ToUtf8(dumps.wstring()).c_str()), 0) << result;
     EXPECT_TRUE(facts["newest dump"].starts_with("01234567-89ab-cdef-0123-456789abcdef.dmp, 20"))
         << result;
     EXPECT_EQ(json.at("newest_dump").at("name"), "01234567-89ab-cdef-0123-456789abcdef.dmp");

@@ -93,8 +93,8 @@ TEST_F(OrvikctlTest, WrongArguments) {
                                            L"raw -n 00 00 00 00 00 00 00 00 00",
                                            L"raw -n 12 00 00 00 00 00 00"}) {
         const Result result = OrvikctlInForeground(arguments);
-        EXPECT_TRUE(Failed(result, 2)) << Narrow(arguments);
-        EXPECT_EQ(result.errors.back(), "Try orvikctl --help") << Narrow(arguments);
+        EXPECT_TRUE(Failed(result, 2)) << ToUtf8(arguments);
+        EXPECT_EQ(result.errors.back(), "Try orvikctl --help") << ToUtf8(arguments);
     }
 }
 

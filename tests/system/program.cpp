@@ -97,15 +97,6 @@ std::wstring ProgramPath(const wchar_t* fileName) {
     return folder.substr(0, folder.find_last_of(L'\\')) + L"\\bin\\" + fileName;
 }
 
-std::string Narrow(std::wstring_view text) {
-    const int length = static_cast<int>(text.size());
-    std::string narrow(text.size() * 3, '\0');
-    narrow.resize(static_cast<std::size_t>(
-        ::WideCharToMultiByte(CP_UTF8, 0, text.data(), length, narrow.data(),
-                              static_cast<int>(narrow.size()), nullptr, nullptr)));
-    return narrow;
-}
-
 OutputLines::OutputLines(UniqueHandle readEndOfPipe)
     : readEnd(std::move(readEndOfPipe)),
       reader([this] { Run(); }) {}

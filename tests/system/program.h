@@ -15,6 +15,7 @@
 
 #include "support/deadline.h"
 #include "windows/unique_handle.h"
+#include "windows/utf.h"
 
 namespace system_test {
 
@@ -26,9 +27,6 @@ std::wstring TestFolder();
 
 /// A shipped program: the build puts those into the folder bin beside that of the tests.
 std::wstring ProgramPath(const wchar_t* fileName);
-
-/// UTF-8.
-std::string Narrow(std::wstring_view text);
 
 /// The lines that a process writes to one of its standard streams. A thread of its own takes them
 /// as they come. All calls may be made from any thread; those that wait throw std::runtime_error,

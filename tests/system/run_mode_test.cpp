@@ -70,7 +70,7 @@ TEST_F(RunModeTest, AnythingButTheExactSwitchIsForTheServiceControlManager) {
 
 TEST_F(RunModeTest, ForegroundPrintsItsProgressLineByLine) {
     PluggedCamera camera(bus);
-    const std::string path = Narrow(bus.InterfacePath(camera.Id()));
+    const std::string path = ToUtf8(bus.InterfacePath(camera.Id()));
     RunningService service;
     OutputLines& output = service.Output();
     const auto connect = [] {
@@ -168,7 +168,7 @@ TEST_P(AnyRunMode, DevicePathOutsideAsciiDisturbsNothing) {
         return;  // its output goes nowhere
 
     for (const vcam::CameraId id : {first->Id(), second.Id()})
-        service.Output().WaitFor("DeviceArrival: " + Narrow(bus.InterfacePath(id)));
+        service.Output().WaitFor("DeviceArrival: " + ToUtf8(bus.InterfacePath(id)));
     EXPECT_NE(service.Output().Text().find("\xC3\xA4\xE4\xB8\xAD-\xF0\x9F\x93\xB7"),
               std::string::npos)
         << service.Output().Text();

@@ -182,7 +182,7 @@ std::vector<std::string> TestConsole::Screen() const {
             FailLast("ReadConsoleOutputCharacterW");
         line.resize(count);
         line.resize(line.find_last_not_of(L' ') + 1);
-        lines.push_back(Narrow(line));
+        lines.push_back(ToUtf8(line));
     }
     while (!lines.empty() && lines.back().empty())
         lines.pop_back();

@@ -47,7 +47,7 @@ protected:
         return L"\"" + (folder / file).wstring() + L"\"";
     }
     /// As it appears in a message.
-    std::string Named(const std::wstring& file) const { return Narrow((folder / file).wstring()); }
+    std::string Named(const std::wstring& file) const { return ToUtf8((folder / file).wstring()); }
 
     vcam::Bus bus;
     const std::filesystem::path folder;
