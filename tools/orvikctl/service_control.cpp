@@ -45,7 +45,7 @@ public:
     static constexpr DWORD kLimit = 8 * 1024;
 
     BYTE* Bytes() noexcept { return reinterpret_cast<BYTE*>(memory.get()); }
-    Record& operator*() noexcept { return reinterpret_cast<Record&>(*memory.get()); }
+    Record& operator*() noexcept { return reinterpret_cast<Record&>(memory[0]); }
     Record* operator->() noexcept { return &**this; }
 
 private:
