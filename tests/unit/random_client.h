@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <map>
 #include <random>
 #include <span>
@@ -163,7 +162,9 @@ private:
         Append(body, type == kTransferIn ? 0 : Below(64));
         Add(type, id, kOrdinaryCamera, body);
         Bytes answer(type == kTransferIn ? std::min(allocated, 36u) : 0);
-        std::memcpy(answer.data(), kAnswer, answer.size());
+        // Not memcpy: an empty vector has no data, and memcpy may not get a null pointer.
+        std::transform(kAnswer, kAnswer + answer.size(), answer.begin(),
+                       [](char character) { return static_cast<std::byte>(character); });
         outstanding[id] = Succeeded(id, kOrdinaryCamera, std::move(answer));
     }
 
