@@ -1,13 +1,7 @@
 # Builds the client library alone, first as a project of its own, then with add_subdirectory(). The
 # prefix of the dependencies is empty, so that Boost, Breakpad, CLI11 and GoogleTest cannot be found.
 #   cmake -DWORK=… -DTOOLCHAIN=… -DCLIENT=… -DEMULATOR=… -P client_alone.cmake
-function(run)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE output
-                  ERROR_VARIABLE output)
-  if(NOT result EQUAL 0)
-    message(FATAL_ERROR "${ARGN}\n${output}")
-  endif()
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/../run.cmake)
 
 function(build source folder)
   run(${CMAKE_COMMAND} -S ${source} -B ${folder} -G Ninja -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN}

@@ -1,12 +1,6 @@
 # Installs the client library, and builds and runs a program that finds it with find_package().
 #   cmake -DBUILD=… -DWORK=… -DTOOLCHAIN=… -DSOURCE=… -DEMULATOR=… -P client_package.cmake
-function(run)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE output
-                  ERROR_VARIABLE output)
-  if(NOT result EQUAL 0)
-    message(FATAL_ERROR "${ARGN}\n${output}")
-  endif()
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/../run.cmake)
 
 file(REMOVE_RECURSE ${WORK})
 run(${CMAKE_COMMAND} --install ${BUILD} --component client --prefix ${WORK}/prefix)
