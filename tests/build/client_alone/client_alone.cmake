@@ -1,10 +1,11 @@
 # Builds the client library alone, first as a project of its own, then with add_subdirectory(). The
 # prefix of the dependencies is empty, so that Boost, Breakpad, CLI11 and GoogleTest cannot be found.
-#   cmake -DWORK=… -DTOOLCHAIN=… -DCLIENT=… -DEMULATOR=… -P client_alone.cmake
+#   cmake -DWORK=… -DCLIENT=… -DEMULATOR=… -DCOMPILER=… -P client_alone.cmake
+# COMPILER is the cache file of CMakeLists.txt beside run.cmake.
 include(${CMAKE_CURRENT_LIST_DIR}/../run.cmake)
 
 function(build source folder)
-  run(${CMAKE_COMMAND} -S ${source} -B ${folder} -G Ninja -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN}
+  run(${CMAKE_COMMAND} -S ${source} -B ${folder} -G Ninja -C ${COMPILER}
       -DCMAKE_EXPORT_COMPILE_COMMANDS=ON ${ARGN})
   run(${CMAKE_COMMAND} --build ${folder})
 endfunction()

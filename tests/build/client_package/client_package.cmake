@@ -1,5 +1,8 @@
-# Installs the client library, and builds and runs a program that finds it with find_package().
-#   cmake -DBUILD=… -DWORK=… -DTOOLCHAIN=… -DSOURCE=… -DEMULATOR=… -P client_package.cmake
+# Installs the client library, builds and runs a program that finds it as docs/client.md says, and
+# shows that the package refuses a compiler that it was not built for.
+#   cmake -DBUILD=… -DWORK=… -DSOURCE=… -DEMULATOR=… -DCOMPILER=… -DOTHER_TOOLCHAIN=… -P client_package.cmake
+# COMPILER is the cache file of CMakeLists.txt beside run.cmake. OTHER_TOOLCHAIN, which may be empty,
+# compiles for another architecture.
 include(${CMAKE_CURRENT_LIST_DIR}/../run.cmake)
 
 file(REMOVE_RECURSE ${WORK})
@@ -10,15 +13,18 @@ file(GLOB_RECURSE headers RELATIVE ${WORK}/prefix ${WORK}/prefix/*.h)
 if(NOT headers STREQUAL "include/orvik/client.h")
   message(FATAL_ERROR "these headers were installed: ${headers}")
 endif()
-file(STRINGS ${WORK}/prefix/lib/cmake/OrvikClient/OrvikClientConfig.cmake builtHere
-     REGEX "${BUILD}")
-if(builtHere)
-  message(FATAL_ERROR "the package names the folder that it was built in: ${builtHere}")
-endif()
+set(package ${WORK}/prefix/lib/cmake/OrvikClient)
+file(GLOB files ${package}/*.cmake)
+foreach(file ${files})
+  file(STRINGS ${file} builtHere REGEX "${BUILD}")
+  if(builtHere)
+    message(FATAL_ERROR "${file} names the folder that the library was built in: ${builtHere}")
+  endif()
+endforeach()
 
-run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR} -B ${WORK}/build -G Ninja
-    -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DOrvikClient_DIR=${WORK}/prefix/lib/cmake/OrvikClient
-    -DSOURCE=${SOURCE})
+set(configure ${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR} -G Ninja -DSOURCE=${SOURCE}
+              -DCMAKE_PREFIX_PATH=${WORK}/prefix)
+run(${configure} -B ${WORK}/build -C ${COMPILER})
 run(${CMAKE_COMMAND} --build ${WORK}/build)
 
 execute_process(COMMAND ${EMULATOR} ${WORK}/build/cameras.exe RESULT_VARIABLE result
@@ -26,3 +32,22 @@ execute_process(COMMAND ${EMULATOR} ${WORK}/build/cameras.exe RESULT_VARIABLE re
 if(NOT result EQUAL 1 OR NOT output MATCHES "error: the service OrvikService is not installed")
   message(FATAL_ERROR "the program returned ${result} and said: ${output}")
 endif()
+
+# refuses(folder message option...): the configuration fails with this message.
+function(refuses folder message)
+  execute_process(COMMAND ${configure} -B ${WORK}/${folder} ${ARGN} RESULT_VARIABLE result
+                  OUTPUT_VARIABLE output ERROR_VARIABLE output)
+  string(REGEX REPLACE "[ \n]+" " " output "${output}") # CMake breaks its lines
+  if(result EQUAL 0 OR NOT output MATCHES "${message}")
+    message(FATAL_ERROR "not refused with \"${message}\", but: ${output}")
+  endif()
+endfunction()
+if(OTHER_TOOLCHAIN)
+  refuses(other_architecture "was built by .* for x64, but this project is compiled by .* for x86"
+          -DCMAKE_TOOLCHAIN_FILE=${OTHER_TOOLCHAIN})
+endif()
+file(READ ${package}/OrvikClientConfig.cmake text)
+string(REGEX REPLACE "(STREQUAL \"|built by )M[^\"]* for" "\\1another compiler for" text "${text}")
+file(WRITE ${package}/OrvikClientConfig.cmake "${text}")
+refuses(other_compiler "was built by another compiler for x64, but this project is compiled by M"
+        -C ${COMPILER})
