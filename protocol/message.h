@@ -6,6 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 
+// Inline, because a program that links the client library may use the same names itself.
+inline namespace orvik_internal {
+
 static_assert(std::endian::native == std::endian::little, "the wire is little-endian");
 
 /// The pipe on which clients send the requests below.
@@ -56,3 +59,5 @@ inline constexpr std::int32_t kTransferInLength = 65536;
 /// that the CDB has kCdbLength bytes, whatever the command.
 inline constexpr std::size_t kCdbFieldSize = 16;
 inline constexpr std::uint8_t kCdbLength = 8;
+
+}  // namespace orvik_internal

@@ -7,6 +7,9 @@
 // After <windows.h>, whose types it uses.
 #include <setupapi.h>
 
+// Inline, because a program that links the client library may use the same names itself.
+inline namespace orvik_internal {
+
 /// Destroys what SetupDiGetClassDevsW and SetupDiCreateDeviceInfoList return. Those fail with
 /// INVALID_HANDLE_VALUE: check before you hand the list over.
 struct DeviceInfoListDestroyer {
@@ -14,3 +17,5 @@ struct DeviceInfoListDestroyer {
     void operator()(HDEVINFO list) const noexcept { ::SetupDiDestroyDeviceInfoList(list); }
 };
 using UniqueDeviceInfoList = std::unique_ptr<void, DeviceInfoListDestroyer>;
+
+}  // namespace orvik_internal

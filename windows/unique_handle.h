@@ -6,6 +6,9 @@
 
 #include <windows.h>
 
+// Inline, because a program that links the client library may use the same names itself.
+inline namespace orvik_internal {
+
 /// Closes what CreateFileW, CreateNamedPipeW, CreateEventW, OpenProcessToken and their like return.
 struct HandleCloser {
     using pointer = HANDLE;
@@ -35,3 +38,5 @@ using UniqueSearch = std::unique_ptr<void, SearchCloser>;
 inline UniqueSearch OwnSearch(HANDLE search) noexcept {
     return UniqueSearch(search == INVALID_HANDLE_VALUE ? nullptr : search);
 }
+
+}  // namespace orvik_internal

@@ -9,6 +9,9 @@
 // After <windows.h>, whose types it uses.
 #include <combaseapi.h>
 
+// Inline, because a program that links the client library may use the same names itself.
+inline namespace orvik_internal {
+
 /// Frees a block from malloc: the blocks that travel with an IoOperation.
 struct MallocFreer {
     void operator()(void* block) const noexcept { std::free(block); }
@@ -30,3 +33,5 @@ struct GlobalFreer {
 struct TaskMemoryFreer {
     void operator()(void* block) const noexcept { ::CoTaskMemFree(block); }
 };
+
+}  // namespace orvik_internal

@@ -6,6 +6,9 @@
 
 #include <windows.h>
 
+// Inline, because a program that links the client library may use the same names itself.
+inline namespace orvik_internal {
+
 // Header-only, because the client library and the service each link it into a library of their own.
 
 /// `text` as UTF-8. Half of a surrogate pair without its other half becomes U+FFFD. `text` has at
@@ -28,3 +31,5 @@ inline std::wstring ToUtf16(std::string_view text) {
     ::MultiByteToWideChar(CP_UTF8, 0, text.data(), length, result.data(), size);
     return result;
 }
+
+}  // namespace orvik_internal
