@@ -21,6 +21,34 @@ if(MINGW)
     -Wl,--dynamicbase,--high-entropy-va,--nxcompat)
 endif()
 
+# ORVIK_PDB: whether there is a PDB file beside each program.
+set(ORVIK_PDB ${MSVC})
+if(MINGW AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  set(ORVIK_PDB ON)
+  target_compile_options(orvik_build_options INTERFACE -gcodeview)
+  # The program names the PDB file without a folder. Debuggers find the sources without any setting if
+  # they are in C:\OrvikService.
+  target_link_options(
+    orvik_build_options INTERFACE -Wl,--pdb= -Wl,-Xlink=-pdbaltpath:%_PDB%
+    -Wl,-Xlink=-pdbsourcepath:C:\\OrvikService)
+
+  # The build is reproducible: the same sources built in another folder give the same programs. So there
+  # is a checksum in place of the time (-Brepro), and no path of this machine. Compiler and linker write
+  # their command lines into the PDB file, whose checksum is part of the program; the launcher makes the
+  # absolute paths relative that CMake gives them.
+  target_link_options(orvik_build_options INTERFACE -Wl,-Xlink=-Brepro)
+  target_compile_options(
+    orvik_build_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+                                  -fdebug-compilation-dir=. -fcoverage-compilation-dir=.)
+  if(CMAKE_HOST_UNIX)
+    cmake_path(RELATIVE_PATH PROJECT_SOURCE_DIR BASE_DIRECTORY ${CMAKE_BINARY_DIR} OUTPUT_VARIABLE
+               relative)
+    set(launcher "${CMAKE_CURRENT_LIST_DIR}/with-relative-paths ${PROJECT_SOURCE_DIR} ${relative}")
+    set_property(GLOBAL PROPERTY RULE_LAUNCH_COMPILE ${launcher})
+    set_property(GLOBAL PROPERTY RULE_LAUNCH_LINK ${launcher})
+  endif()
+endif()
+
 if(ORVIK_CHECKED)
   if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     message(FATAL_ERROR "ORVIK_CHECKED uses options and assertions of GCC and its C++ library, "
