@@ -169,9 +169,9 @@ TEST_F(ClientTest, ManyThreadsShareOneClient) {
     EXPECT_EQ(right, kThreads * kRounds);
 }
 
-TEST_F(ClientTest, CameraThatNeverAnswersDelaysNeitherTheCallerNorTheDisconnect) {
+// ClientDisconnect.WaitsForTheServiceAndNotForTheCamera shows that the destructor does not wait.
+TEST_F(ClientTest, CallsToACameraThatNeverAnswersTimeOutAndTheServiceServesOn) {
     camera.Set(Holds());
-    std::chrono::steady_clock::time_point disconnecting;
     {
         Client client;
         EXPECT_EQ(KindOf([&] { client.TransferIn(1, orvik::InquiryCdb(), 100ms); }),
@@ -182,10 +182,7 @@ TEST_F(ClientTest, CameraThatNeverAnswersDelaysNeitherTheCallerNorTheDisconnect)
                   ErrorKind::kTimedOut);
         EXPECT_EQ(KindOf([&] { client.TransferNoData(1, orvik::TestUnitReadyCdb(), 100ms); }),
                   ErrorKind::kTimedOut);
-        disconnecting = std::chrono::steady_clock::now();
     }
-    // A destructor that waited for the camera would take its time limit of two seconds.
-    EXPECT_LT(std::chrono::steady_clock::now() - disconnecting, 1500ms);
     camera.Set({});
     EXPECT_EQ(Client().TransferIn(1, orvik::InquiryCdb()).size(), 36u);
 }

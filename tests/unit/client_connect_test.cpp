@@ -19,6 +19,7 @@
 extern "C" {
 extern decltype(&::CreateFileW) __imp_CreateFileW;
 extern decltype(&::OpenServiceW) __imp_OpenServiceW;
+extern decltype(&::PeekNamedPipe) __imp_PeekNamedPipe;
 extern decltype(&::WaitNamedPipeW) __imp_WaitNamedPipeW;
 }
 
@@ -145,21 +146,20 @@ TEST(ClientConnect, UserWhoMayNotQueryTheServiceDisconnectsCleanly) {
 }
 
 TEST(ClientConnect, ServerThatEndsDuringTheCheckIsNotTheWrongServer) {
-    Peer* first = nullptr;
-    Signal connected;
+    Signal looked;
     Signal closed;
-    FakeService service(
-        [&](Peer& peer) {
-            first = &peer;
-            connected.Set();
+    FakeService service([&](Peer& peer) {
+        EXPECT_TRUE(looked.Wait());
+        peer.Close();
+        closed.Set();
+    });
+    // The last step of the check asks whether the connection still exists.
+    using Peek = HookedImport<&__imp_PeekNamedPipe>;
+    const Peek peek(
+        [&](HANDLE pipe, void* to, DWORD size, DWORD* read, DWORD* available, DWORD* left) {
+            looked.Set();
             EXPECT_TRUE(closed.Wait());
-        },
-        [&](int number) {
-            if (number != 2)
-                return;
-            EXPECT_TRUE(connected.Wait());
-            first->Close();
-            closed.Set();
+            return Peek::Original(pipe, to, size, read, available, left);
         });
     orvik::ConnectOptions options;
     options.pipe = service.Name();
