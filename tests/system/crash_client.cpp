@@ -1,6 +1,8 @@
 // A program that is not the service and uses its crash server:
 //
-//   crash_client register     registers, with one attempt, and ends
+//   crash_client register     registers and ends
+//   crash_client register-once
+//                             the same, with one attempt
 //   crash_client crash EVENT  registers, and crashes when the event is set
 //   crash_client silent       connects and says nothing, until it is ended
 //   crash_client half         asks to be registered, and ends without taking the answer
@@ -132,6 +134,8 @@ int main(int argc, char* argv[]) {
     ::SetErrorMode(SEM_NOGPFAULTERRORBOX);  // no user sees a dialog
     const std::string_view command = argc > 1 ? argv[1] : "";
     if (command == "register")
+        return Register(kAttemptsBesideOthers) ? 0 : 1;
+    if (command == "register-once")
         return Register(1) ? 0 : 1;
     if (command == "crash" && argc > 2)
         return Crash(argv[2]);

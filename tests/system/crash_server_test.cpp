@@ -114,7 +114,7 @@ TEST_F(CrashServerTest, SilentClientKeepsOthersFromRegisteringUntilItGoes) {
     RunningService service(RunMode::kServiceManager);
     CrashClient silent(L"silent");
     silent.Output().WaitFor("connected");
-    CrashClient refused(L"register");
+    CrashClient refused(L"register-once");
     EXPECT_EQ(refused.WaitForEnd(), 1U);
     RawClient camera;
     EXPECT_TRUE(camera.RoundTrip());

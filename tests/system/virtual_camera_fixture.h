@@ -26,7 +26,7 @@
 
 namespace camera_test {
 
-inline constexpr std::chrono::seconds kPatience{10};
+inline constexpr std::chrono::seconds kPatience{30};
 
 inline constexpr std::size_t kBlock = vcam::kBlockSize;
 
