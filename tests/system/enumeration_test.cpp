@@ -65,6 +65,36 @@ TEST_F(EnumerationTest, DisksAndCdromsAreRecordedInAscendingOrderDisksFirst) {
     EXPECT_EQ(std::count(lines.begin(), lines.end(), lineOf(tape)), 0);
 }
 
+TEST_F(EnumerationTest, CameraThatIsADiskAndACdromIsTwoCameras) {
+    vcam::PlugOptions options = WithClass(vcam::kCdromInterface);
+    options.secondClass = vcam::kDiskInterface;
+    PluggedCamera camera(bus, options);
+    RunningService service;
+    RawClient client;
+    for (const std::uint32_t id : {1, 2})
+        EXPECT_EQ(client.ReceiveMessage(), Attached(id));
+    EXPECT_TRUE(client.RoundTrip());
+    RawClient other;
+    for (const std::uint32_t id : {1, 2})
+        EXPECT_EQ(other.ReceiveMessage(), Attached(id));
+
+    // Both are the same device, opened once for each.
+    const vcam::CameraCounters before = camera.Counters();
+    EXPECT_EQ(client.Ask(kTransferNoData, 1, 1, TestUnitReady()), Succeeded(1, 1));
+    EXPECT_EQ(other.Ask(kTransferNoData, 2, 2, TestUnitReady()), Succeeded(2, 2));
+    EXPECT_EQ(camera.Counters().opens, before.opens + 2);
+    EXPECT_EQ(camera.Counters().closes, before.closes);
+    EXPECT_EQ(camera.Counters().requests, 2u);
+
+    camera.Unplug();
+    std::vector<Message> gone{client.ReceiveMessage(), client.ReceiveMessage()};
+    if (gone[0] == Detached(2))
+        std::swap(gone[0], gone[1]);  // Windows reports the two removals in any order
+    EXPECT_EQ(gone[0], Detached(1));
+    EXPECT_EQ(gone[1], Detached(2));
+    EXPECT_TRUE(service.IsRunning());
+}
+
 TEST_F(EnumerationTest, TwelveCamerasAreAnnouncedInAscendingOrder) {
     std::vector<std::unique_ptr<PluggedCamera>> cameras;
     Identifiers expected;

@@ -48,6 +48,8 @@ struct StringRecord {
 
 struct PlugRecord {
     GUID interfaceClass;
+    GUID secondClass;  // of a second interface, if it has one
+    ULONG hasSecondClass;
     ULONG blockCount;
     StringRecord vendor;
     StringRecord product;

@@ -151,6 +151,8 @@ CameraId Bus::Plug(const PlugOptions& options) {
     CheckInstanceId(options.instanceId);
     protocol::PlugRecord record = {};
     record.interfaceClass = options.interfaceClass;
+    record.hasSecondClass = options.secondClass ? 1 : 0;
+    record.secondClass = options.secondClass.value_or(GUID{});
     record.blockCount = options.blockCount;
     record.vendor = Encode(options.vendor, "vendor");
     record.product = Encode(options.product, "product");
@@ -213,6 +215,8 @@ std::vector<CameraInfo> Bus::List() {
         camera.options.product = Decode(record.plug.product);
         camera.options.revision = Decode(record.plug.revision);
         camera.options.interfaceClass = record.plug.interfaceClass;
+        if (record.plug.hasSecondClass != 0)
+            camera.options.secondClass = record.plug.secondClass;
         camera.options.instanceId = record.plug.instanceId;
         camera.options.blockCount = record.plug.blockCount;
     }

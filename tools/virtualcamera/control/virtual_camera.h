@@ -51,6 +51,10 @@ struct PlugOptions {
     /// The class of the camera's device interface.
     GUID interfaceClass = kCdromInterface;
 
+    /// The class of a second device interface of the same camera. Its path is that of the first
+    /// with another class at its end.
+    std::optional<GUID> secondClass;
+
     /// The instance id, which becomes a part of the device path; at most 60 characters, no
     /// blanks, commas, slashes or backslashes. Empty: the lowest free number, so that a camera
     /// plugged after another was unplugged may get its path. An id that is already plugged is

@@ -79,29 +79,44 @@ NTSTATUS QueryRelations(Camera* camera, IRP* irp) {
     return Complete(irp, STATUS_SUCCESS, reinterpret_cast<ULONG_PTR>(relations));
 }
 
-NTSTATUS EnableInterface(Camera* camera) {
-    if (camera->interfaceName.Buffer == nullptr) {
-        UNICODE_STRING name = {};
+/// `name` is a member of the camera.
+NTSTATUS EnableInterface(Camera* camera, const GUID& interfaceClass, UNICODE_STRING* name) {
+    if (name->Buffer == nullptr) {
+        UNICODE_STRING registered = {};
         const NTSTATUS status =
-            IoRegisterDeviceInterface(camera->device, &camera->plug.interfaceClass, nullptr, &name);
+            IoRegisterDeviceInterface(camera->device, &interfaceClass, nullptr, &registered);
         if (!NT_SUCCESS(status))
             return status;
         SpinLockGuard guard(&camera->bus->lock);
-        camera->interfaceName = name;
+        *name = registered;
     }
-    return IoSetDeviceInterfaceState(&camera->interfaceName, TRUE);
+    return IoSetDeviceInterfaceState(name, TRUE);
+}
+
+NTSTATUS EnableInterfaces(Camera* camera) {
+    const protocol::PlugRecord& plug = camera->plug;
+    const NTSTATUS status = EnableInterface(camera, plug.interfaceClass, &camera->interfaceName);
+    if (!NT_SUCCESS(status) || !plug.hasSecondClass)
+        return status;
+    return EnableInterface(camera, plug.secondClass, &camera->secondInterfaceName);
+}
+
+void DisableInterfaces(Camera* camera) {
+    IoSetDeviceInterfaceState(&camera->interfaceName, FALSE);
+    if (camera->secondInterfaceName.Buffer != nullptr)
+        IoSetDeviceInterfaceState(&camera->secondInterfaceName, FALSE);
 }
 
 NTSTATUS Start(Camera* camera, IRP* irp) {
     Bus* const bus = camera->bus;
     {
-        // Before the interface is enabled, because programs can open the camera as soon as it is,
+        // Before an interface is enabled, because programs can open the camera as soon as it is,
         // before this function returns.
         SpinLockGuard guard(&bus->lock);
         camera->refuses = false;
         camera->gone = false;
     }
-    const NTSTATUS status = EnableInterface(camera);
+    const NTSTATUS status = EnableInterfaces(camera);
     {
         SpinLockGuard guard(&bus->lock);
         camera->startStatus = status;
@@ -112,7 +127,7 @@ NTSTATUS Start(Camera* camera, IRP* irp) {
     return status;
 }
 
-/// Makes the camera unusable: ends its pending requests, then disables its interface.
+/// Makes the camera unusable: ends its pending requests, then disables its interfaces.
 /// `forGood` is false when the device was only disabled and may be started again. Does
 /// nothing to a camera that is already gone.
 void TakeAway(Camera* camera, bool forGood) {
@@ -127,7 +142,7 @@ void TakeAway(Camera* camera, bool forGood) {
     }
     EndAllRequests(camera);
     if (disable)
-        IoSetDeviceInterfaceState(&camera->interfaceName, FALSE);
+        DisableInterfaces(camera);
     if (forGood) {
         {
             SpinLockGuard guard(&camera->bus->lock);
@@ -294,6 +309,8 @@ void DeleteCamera(Camera* camera) {
     FreePool(camera->unit.memory);
     if (camera->interfaceName.Buffer != nullptr)
         RtlFreeUnicodeString(&camera->interfaceName);
+    if (camera->secondInterfaceName.Buffer != nullptr)
+        RtlFreeUnicodeString(&camera->secondInterfaceName);
     DEVICE_OBJECT* const busDevice = camera->bus->device;
     IoDeleteDevice(camera->device);
     ObDereferenceObject(busDevice);

@@ -39,14 +39,17 @@ struct Camera {
 
     protocol::PlugRecord plug;
     wchar_t foldedInstanceId[protocol::kInstanceIdCharacters + 1];  // upper case, for comparison
-    UNICODE_STRING interfaceName;  // empty before the first start; RtlFreeUnicodeString
+    // Empty before the first start, the second also without a second interface;
+    // RtlFreeUnicodeString.
+    UNICODE_STRING interfaceName;
+    UNICODE_STRING secondInterfaceName;
 
     bool reported;         // to the PnP manager
-    bool started;          // its interface is enabled
+    bool started;          // its interfaces are enabled
     bool unplugged;        // no longer reported
     bool reportedMissing;  // reported to the PnP manager as unplugged
     bool refuses;          // opens and requests fail; no request is pended
-    bool gone;             // all its requests have ended, its interface is disabled for good
+    bool gone;             // all its requests have ended, its interfaces are disabled for good
     NTSTATUS startStatus;  // why it could not be started
     ULONG users;           // the bus, open handles and pended requests
 
