@@ -60,3 +60,12 @@ if(ORVIK_CHECKED)
                                                        -fsanitize-undefined-trap-on-error)
   target_compile_definitions(orvik_build_options INTERFACE _GLIBCXX_ASSERTIONS)
 endif()
+
+if(ORVIK_COVERAGE)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    message(FATAL_ERROR "ORVIK_COVERAGE uses options of GCC, not of ${CMAKE_CXX_COMPILER_ID}")
+  endif()
+  # Several threads count.
+  target_compile_options(orvik_build_options INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(orvik_build_options INTERFACE --coverage)
+endif()
