@@ -34,6 +34,8 @@ public:
     HANDLE port = nullptr;
     ULONG_PTR key = 0;
 
+    HANDLE madeUp = nullptr;  // opened and bound in place of a real handle, unless null
+
 private:
     static HANDLE WINAPI Create(LPCWSTR path, DWORD desired, DWORD sharing,
                                 LPSECURITY_ATTRIBUTES security, DWORD how, DWORD attributes,
@@ -43,6 +45,8 @@ private:
         current->share = sharing;
         current->disposition = how;
         current->flags = attributes;
+        if (current->madeUp != nullptr)
+            return current->madeUp;
         return current->create.Original()(path, desired, sharing, security, how, attributes,
                                           pattern);
     }
@@ -50,6 +54,8 @@ private:
         current->handle = file;
         current->port = existing;
         current->key = packetKey;
+        if (current->madeUp != nullptr)
+            return existing;
         return current->bind.Original()(file, existing, packetKey, threads);
     }
 
@@ -108,6 +114,14 @@ TEST_F(DeviceTest, PacketsComeUnderTheHandlesLowPartPlus10000) {
     device.Transfer(operation, &request, nullptr, 0);
     port.DispatchUntil("the transfer", [&key] { return key != 0; });
     EXPECT_EQ(key, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(handle)) + 10000u);
+}
+
+TEST_F(DeviceTest, KeyIsASumOf32Bits) {
+    OpenCalls calls;
+    calls.madeUp = reinterpret_cast<HANDLE>(std::uintptr_t{0x1'FFFF'E000});
+    Device device = MakeDevice();
+    device.Open();
+    EXPECT_EQ(calls.key, 1808u);  // 0xFFFFE000 + 10000 is 0x100000710
 }
 
 TEST_F(DeviceTest, DestructorClosesWhateverTheCount) {
