@@ -11,6 +11,7 @@
 #include "import_hook.h"
 
 extern "C" {
+extern decltype(&::CloseHandle) __imp_CloseHandle;
 extern decltype(&::CreateFileW) __imp_CreateFileW;
 extern decltype(&::CreateIoCompletionPort) __imp_CreateIoCompletionPort;
 }
@@ -151,6 +152,24 @@ TEST_F(DeviceTest, CloseOfWhatIsNotOpenWrapsTheCountAndTheDestructorStillReturns
     // One by one, those closes take many seconds.
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
     EXPECT_EQ(Opens(), Closes());
+}
+
+// By then the value may be that of another handle.
+TEST_F(DeviceTest, ExtraCloseDoesNotCloseTheValueOfTheHandleAgain) {
+    const OpenCalls calls;
+    Device device = MakeDevice();
+    device.Open();
+    int closes = 0;
+    using CloseHook = HookedImport<&__imp_CloseHandle>;
+    const CloseHook close([&](HANDLE handle) {
+        closes += handle == calls.handle ? 1 : 0;
+        return CloseHook::Original(handle);
+    });
+    device.Close();
+    EXPECT_EQ(closes, 1);
+    device.Close();
+    EXPECT_EQ(closes, 1);
+    device.Open();  // counts only: wraps to 0, so that the destructor closes nothing
 }
 
 TEST_F(DeviceTest, OpenThatFailsLeavesTheCountAndCanFailAgain) {
