@@ -7,8 +7,6 @@
 
 #include <windows.h>
 
-#include <winioctl.h>
-
 #include "device/io_operation.h"
 #include "device/windows_exception.h"
 #include "windows/unique_handle.h"

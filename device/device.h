@@ -7,6 +7,8 @@
 #include <windows.h>
 
 // After <windows.h>, whose types it uses.
+#include <winioctl.h>
+// After <winioctl.h>, whose CTL_CODE it uses.
 #include <ntddscsi.h>
 
 #include "device/transfer_request.h"

@@ -7,16 +7,17 @@
 
 #include <boost/smart_ptr/make_shared.hpp>
 
-// <initguid.h> makes the next header define its GUIDs here and not only declare them.
-#include <initguid.h>
-// clang-format off: must follow
-#include <winioctl.h>
-// clang-format on
-
 #include "device/device.h"
 #include "device/io_operation.h"
 #include "device/windows_exception.h"
 #include "session/server_client.h"
+
+// Last: <initguid.h> makes <winioctl.h> define its GUIDs here and not only declare them, and it may
+// define them only once.
+#include <initguid.h>
+// clang-format off: must follow
+#include <winioctl.h>
+// clang-format on
 
 std::atomic<Server*> theServer{nullptr};
 

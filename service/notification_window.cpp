@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <exception>
 #include <iostream>
 #include <utility>
@@ -90,7 +91,7 @@ void RunNotificationWindow() {
     windowClass.cbSize = sizeof(windowClass);
     windowClass.lpfnWndProc = NotificationWndProc;
     windowClass.hInstance = instance;
-    windowClass.hbrBackground = reinterpret_cast<HBRUSH>(COLOR_BACKGROUND + 1);
+    windowClass.hbrBackground = reinterpret_cast<HBRUSH>(std::uintptr_t{COLOR_BACKGROUND} + 1);
     windowClass.lpszClassName = kClassName;
     if (::RegisterClassExW(&windowClass) == 0)
         throw WindowsException();

@@ -82,9 +82,11 @@ void Run(const std::string& meeting, const std::vector<std::string>& command) {
         ::SetEvent(here.get());
         ::WaitForSingleObject(go.get(), INFINITE);
     } else if (command[0] == "many") {  // THREADS COUNT LONGEST
-        std::vector<std::jthread> threads;
+        std::vector<std::thread> threads;
         for (int thread = 0; thread < number(1); ++thread)
             threads.emplace_back(WriteMany, thread, number(2), number(3));
+        for (std::thread& thread : threads)
+            thread.join();
     } else {
         std::exit(2);
     }

@@ -36,8 +36,8 @@ public:
             ++count;
         return count;
     }
-    std::size_t CountOut(std::string_view text) const { return Count(out.view(), text); }
-    std::size_t CountError(std::string_view text) const { return Count(error.view(), text); }
+    std::size_t CountOut(std::string_view text) const { return Count(out.str(), text); }
+    std::size_t CountError(std::string_view text) const { return Count(error.str(), text); }
 
     /// Forgets everything, also the memory.
     void Clear() {

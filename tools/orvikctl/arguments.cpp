@@ -1,6 +1,8 @@
 #include "arguments.h"
 
 #include <cmath>
+#include <locale>
+#include <sstream>
 #include <vector>
 
 #include "cancellation.h"
@@ -23,6 +25,22 @@ auto ThenThrowIfCancelled(const Call& call) {
 
 std::function<void(const std::string&)> StoreCamera(std::optional<orvik::CameraId>& camera) {
     return Decimal<orvik::CameraId>("CAMERA", camera);
+}
+
+/// Empty if the text is not a number from 0.001 to 1,000,000: in milliseconds the largest is below
+/// INFINITE. Not std::from_chars, which not every C++ library has for floating point.
+std::optional<double> ParseSeconds(const std::string& text) {
+    // A stream would also take blanks, a plus sign and hexadecimal digits.
+    if (text.find_first_not_of("0123456789.e+-") != std::string::npos || text.starts_with('+'))
+        return std::nullopt;
+    std::istringstream stream(text);
+    stream.imbue(std::locale::classic());
+    double seconds = 0;
+    stream >> seconds;
+    const bool whole = stream && stream.peek() == std::istringstream::traits_type::eof();
+    if (!whole || seconds < 0.001 || seconds > 1'000'000)
+        return std::nullopt;
+    return seconds;
 }
 
 }  // namespace
@@ -52,8 +70,7 @@ CLI::Option* AddTimeout(CLI::App& command, std::chrono::milliseconds& timeout) {
 std::function<void(const std::string&)> Seconds(const char* name,
                                                 std::chrono::milliseconds& target) {
     return [name, &target](const std::string& text) {
-        // In milliseconds the largest number is below INFINITE.
-        const std::optional<double> seconds = ParseDecimal<double>(text, 0.001, 1'000'000);
+        const std::optional<double> seconds = ParseSeconds(text);
         if (!seconds)
             throw Failure(ExitCode::kUsage,
                           std::string(name) +

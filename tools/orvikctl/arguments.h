@@ -3,6 +3,7 @@
 
 #include <charconv>
 #include <chrono>
+#include <concepts>
 #include <filesystem>
 #include <functional>
 #include <limits>
@@ -23,13 +24,12 @@ struct Settings {
 
 /// Reads a whole text as a decimal number. Empty if it is not one from `least` to `most`.
 /// (CLI11 by itself takes 010 for 8.)
-template <class Number>
+template <std::integral Number>
 std::optional<Number> ParseDecimal(const std::string& text, Number least, Number most) {
     Number number{};
     const char* const end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, number);
-    // Negated, because a NaN is neither above nor below anything.
-    if (error != std::errc() || rest != end || !(number >= least && number <= most))
+    if (error != std::errc() || rest != end || number < least || number > most)
         return std::nullopt;
     return number;
 }
