@@ -7,10 +7,18 @@ target_compile_definitions(
                                 _WIN32_WINNT=0x0A00) # Windows 10
 
 if(MSVC)
-  target_compile_options(orvik_build_options INTERFACE /W4 /WX /permissive- /utf-8)
+  # Functions of the C library that Microsoft would replace are no reason for a warning.
+  target_compile_definitions(orvik_build_options INTERFACE _CRT_SECURE_NO_WARNINGS)
+  target_compile_options(
+    orvik_build_options INTERFACE /W4 $<$<BOOL:${ORVIK_WARNINGS_AS_ERRORS}>:/WX> /permissive- /utf-8
+                                  /Zc:__cplusplus /guard:cf)
+  # DEPENDENTLOADFLAG: the imported DLLs come from System32 alone. The programs need no runtime DLL
+  # either (CMAKE_MSVC_RUNTIME_LIBRARY in the presets).
+  target_link_options(orvik_build_options INTERFACE /guard:cf /CETCOMPAT /DEPENDENTLOADFLAG:0x800)
 else() # GCC and Clang
   target_compile_options(
-    orvik_build_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+    orvik_build_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+                                  $<$<BOOL:${ORVIK_WARNINGS_AS_ERRORS}>:-Werror>
                                   -fstack-protector-strong)
 endif()
 if(MINGW)

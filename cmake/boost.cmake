@@ -1,0 +1,18 @@
+# The targets Boost::algorithm, Boost::filesystem and so on. Packages of Boost's own build system (MSYS2)
+# have one target for all libraries without code, packages of its CMake build (vcpkg, scripts/setup) one
+# for each.
+set(Boost_USE_STATIC_LIBS ON)
+find_package(Boost CONFIG QUIET COMPONENTS filesystem thread)
+foreach(name filesystem thread algorithm function smart_ptr)
+  if(TARGET Boost::${name})
+    continue()
+  endif()
+  find_package(boost_${name} CONFIG QUIET)
+  if(NOT TARGET Boost::${name} AND TARGET Boost::headers AND NOT name MATCHES "filesystem|thread")
+    add_library(Boost::${name} INTERFACE IMPORTED GLOBAL)
+    target_link_libraries(Boost::${name} INTERFACE Boost::headers)
+  endif()
+  if(NOT TARGET Boost::${name})
+    message(FATAL_ERROR "Boost's library ${name} was not found. docs/building.md says how to get it.")
+  endif()
+endforeach()
