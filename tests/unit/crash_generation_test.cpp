@@ -158,6 +158,7 @@ void Register(const wchar_t* pipeName, DWORD processId) {
 }
 
 TEST(CrashServer, ForgetsAClientOnceThatEndsWhileItIsRegistered) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     constexpr wchar_t kPipe[] = LR"(\\.\pipe\orvik-test-crash-generation)";
     const std::size_t clientsBefore = guarded_heap::LiveBlocks(sizeof(ClientInfo));
     const UniqueHandle forgetting(::CreateEventW(nullptr, TRUE, FALSE, nullptr));

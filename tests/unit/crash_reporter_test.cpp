@@ -90,6 +90,7 @@ TEST_F(LaunchCrashReporterTest, LongCommandLineIsCut) {
 }
 
 TEST_F(LaunchCrashReporterTest, NothingIsAllocated) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     SetUpWith(fake);
     guarded_heap::AllocationRecord record;
     const bool result = Launch();

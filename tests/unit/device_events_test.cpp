@@ -352,6 +352,7 @@ TEST_F(DeviceEventsTest, FailureInADeviceEventIsALineAndGoesOn) {
 }
 
 TEST_F(DeviceEventsTest, EventThatCannotBePostedIsThrownAndFreedWithItsCopy) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     StartServer();
     const auto record = std::make_unique<DEV_BROADCAST_HDR[]>(100);
     record[0].dbch_size = 100 * sizeof(DEV_BROADCAST_HDR);

@@ -77,6 +77,7 @@ TEST_F(DeviceTest, BlockReachesTheDriverByteByByte) {
 }
 
 TEST_F(DeviceTest, ReadOf65536BytesAllocates65601AndCopiesNothing) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     Device device = MakeDevice();
     device.Open();
     const TransferRequest request = Request(3, 65536);
@@ -94,6 +95,7 @@ TEST_F(DeviceTest, ReadOf65536BytesAllocates65601AndCopiesNothing) {
 }
 
 TEST_F(DeviceTest, TransferOfNothingAllocates65BytesAndReadsNoData) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     Device device = MakeDevice();
     device.Open();
     for (const std::uint32_t type : {2u, 3u, 4u, 7u}) {
@@ -113,6 +115,7 @@ TEST_F(DeviceTest, TransferOfNothingAllocates65BytesAndReadsNoData) {
 }
 
 TEST_F(DeviceTest, RemovedDeviceRefusesTransfersAndStillOpens) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     Device device = MakeDevice();
     EXPECT_FALSE(device.Removed());
     device.SetRemoved();
@@ -137,6 +140,7 @@ TEST_F(DeviceTest, RemovedDeviceRefusesTransfersAndStillOpens) {
 }
 
 TEST_F(DeviceTest, CallThatFailsAtOnceFreesTheBlockAndKeepsItsAddress) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     Device device = MakeDevice();
     device.Open();
     const std::size_t before = guarded_heap::LiveBlocks(577);

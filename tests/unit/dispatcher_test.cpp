@@ -114,6 +114,7 @@ TEST_F(DispatcherTest, FailureGoesToTheCallbackAndTwoLinesSaySo) {
 }
 
 TEST_F(DispatcherTest, AbortedOperationIsFreedWithItsBlockAndWithoutItsCallback) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     MakePipe(9);
     const std::size_t blocks = guarded_heap::LiveBlocks(4321);
     int calls = 0;

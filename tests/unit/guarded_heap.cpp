@@ -259,6 +259,10 @@ void __wrap_free(void* block) {
 
 namespace guarded_heap {
 
+bool IsGuarded() noexcept {
+    return true;
+}
+
 std::size_t LiveBlocks() noexcept {
     return liveBlocks;
 }

@@ -14,6 +14,10 @@
 //
 // Blocks that the C runtime's library allocates itself are passed to its own free().
 //
+// It needs GCC or Clang, with a linker that knows --wrap. Elsewhere the target links
+// ordinary_heap.cpp, which only counts the blocks of operator new; tests that need more begin with
+// ORVIK_NEEDS_GUARDED_HEAP.
+//
 // Thread: any.
 #pragma once
 
@@ -30,6 +34,9 @@ inline constexpr int kErrorExitCode = 86;
 
 /// Largest size for which blocks are counted by their size.
 inline constexpr std::size_t kLargestCounted = 70000;
+
+/// False on an ordinary heap.
+bool IsGuarded() noexcept;
 
 /// Blocks that are allocated now, all together.
 std::size_t LiveBlocks() noexcept;
@@ -103,3 +110,8 @@ private:
 };
 
 }  // namespace guarded_heap
+
+/// Skips the test on an ordinary heap.
+#define ORVIK_NEEDS_GUARDED_HEAP()  \
+    if (!guarded_heap::IsGuarded()) \
+    GTEST_SKIP() << "needs the guarded heap"

@@ -180,6 +180,7 @@ TEST(IoOperation, CallbackMayDestroyTheOperation) {
 }
 
 TEST(IoOperation, CallableOf24BytesTakesNoAllocation) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     struct Small {
         void* values[3];
         void operator()(IoOperation*) const {}
@@ -193,6 +194,7 @@ TEST(IoOperation, CallableOf24BytesTakesNoAllocation) {
 }
 
 TEST(KeptOperation, IdleOneIsFreedByItsOwner) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     const std::size_t before = guarded_heap::LiveBlocks(sizeof(IoOperation));
     {
         const KeptOperation kept{IoCallback()};
@@ -259,6 +261,7 @@ TEST(KeptOperation, LearnsThatItsOperationIsGone) {
 }
 
 TEST(DiscardOperation, FreesTheBlockThatTravelsWithIt) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     const std::size_t before = guarded_heap::LiveBlocks();
     auto* const operation = new IoOperation{IoCallback()};
     operation->transferBuffer = std::malloc(100);

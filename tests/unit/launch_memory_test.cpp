@@ -25,6 +25,7 @@ namespace {
 using LaunchMemoryTest = InProcessService;
 
 TEST_F(LaunchMemoryTest, ApplicationIsStartedThoughThereIsNoMemory) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     StartServer();
     PostInterfaceEvent(DBT_DEVICEARRIVAL, bus.InterfacePath(Plug()));
 

@@ -46,6 +46,7 @@ std::string Formatted(const char* format, ...) {
 }
 
 TEST(FormatString, BufferIsDoubledFrom1023CharactersOn) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     const auto buffers = [](std::size_t length) {
         const std::string text(length, 'x');
         guarded_heap::AllocationRecord record;

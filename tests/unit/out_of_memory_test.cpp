@@ -245,6 +245,7 @@ std::string Without(std::string text, std::string_view line) {
 }
 
 TEST_F(OutOfMemoryTest, EachFailedAllocationEndsTheRunAndLeavesNothingBehind) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     PlugCameras();
     {
         const Outcome undisturbed = Run(kNoNumber);

@@ -61,6 +61,7 @@ protected:
 };
 
 TEST_F(RequestPathTest, TransferInTakesTheAgreedCallsAndAllocations) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     StartQuiet();
     const Bytes message = MessageBytes(3, 77, kFirstCamera, Read6(0, 1) + Pattern(5));
     Serve(message, 5);  // opens the camera
@@ -74,6 +75,7 @@ TEST_F(RequestPathTest, TransferInTakesTheAgreedCallsAndAllocations) {
 }
 
 TEST_F(RequestPathTest, TransferOutTakesTheAgreedCallsAndAllocations) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     StartQuiet();
     const Bytes message = MessageBytes(2, 78, kFirstCamera, Write6(0, Pattern(1024)));
     Serve(message, 4);
@@ -86,6 +88,7 @@ TEST_F(RequestPathTest, TransferOutTakesTheAgreedCallsAndAllocations) {
 }
 
 TEST_F(RequestPathTest, RefusedRequestTakesTheAgreedCallsAndAllocations) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     StartQuiet();
     Serve(MessageBytes(4, 79, 0, {}), 2);
     for (int round = 0; round < 3; ++round) {

@@ -94,6 +94,7 @@ TEST_F(StopControlTest, QuitPacketThatCannotBePostedIsThrownOutOfTheHandlerAndFr
 // RUNNING, from which on the control is accepted, is reported behind the server's start. So the
 // handler does not ask whether there is a server.
 TEST(StopControl, WithoutAServerIsAFault) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     ASSERT_EQ(theServer.load(), nullptr);
     EXPECT_EXIT(ServiceCtrlHandler(SERVICE_CONTROL_STOP),
                 ::testing::ExitedWithCode(guarded_heap::kErrorExitCode), "unhandled exception");

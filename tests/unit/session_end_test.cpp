@@ -142,6 +142,7 @@ TEST_P(SessionEndedByTheServiceTest, WithABodyReadThatItsDataHasJustReached) {
 }
 
 TEST_P(SessionEndedByTheServiceTest, WithAWritePendingKeepsTheEntryThatIsBeingWrittenAlone) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     ConnectSubject();
     constexpr std::size_t kEntry = 65536;  // bytes of data of one answer
     const std::size_t before = guarded_heap::LiveBlocks(kEntry);

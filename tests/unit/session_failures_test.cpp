@@ -71,6 +71,7 @@ protected:
 };
 
 TEST_F(SessionFailuresTest, NoMemoryForABodyEndsTheRun) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     StartWithCameras(0);
     client->Write(MessageBytes(kTransferOut, 1, 0, Pattern(12345)));
     const auto failing = guarded_heap::FailingAllocation::OfSize(12345);
@@ -80,6 +81,7 @@ TEST_F(SessionFailuresTest, NoMemoryForABodyEndsTheRun) {
 }
 
 TEST_F(SessionFailuresTest, NoMemoryForATransfersBlockEndsTheRunAndIsNoFailedTransfer) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     StartWithCameras(1);
     client->Write(RequestBytes(kTransferIn, 1, kFirstCamera, Read6(0, 1)));
     const auto failing = guarded_heap::FailingAllocation::OfSize(65601);

@@ -81,6 +81,7 @@ TEST_F(SessionLimitsTest, DriverThatClaimsMoreThanItsBlockHoldsIsAnsweredWithThe
 // The reads of the body do not reach the system, which would touch 8 GiB of memory. The first gets
 // one byte, the second the rest.
 TEST_F(SessionLimitsTest, ClientThatAnnouncesFourGibibytesAndSendsAByteCostsTwoBlocksOfThatSize) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     constexpr std::uint32_t kLength = 0xFFFFFFFF;
     Start();
     std::vector<DWORD> bodyReads;
@@ -108,6 +109,7 @@ TEST_F(SessionLimitsTest, ClientThatAnnouncesFourGibibytesAndSendsAByteCostsTwoB
 }
 
 TEST_F(SessionLimitsTest, BodyInManyPiecesIsCopiedFewTimes) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     Start();
     constexpr std::size_t kLength = 64 * 1024;
     guarded_heap::AllocationRecord record;

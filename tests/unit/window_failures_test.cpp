@@ -120,6 +120,7 @@ TEST_F(WindowFailuresTest, FailedGetMessageEndsTheThreadWithoutALine) {
 }
 
 TEST_F(WindowFailuresTest, NoMemoryForAnEventEndsTheLoopAndLeavesNothing) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     // One after the other: the record's copy, and the operation.
     for (std::size_t number = 1; number <= 2; ++number) {
         SCOPED_TRACE(number);

@@ -22,6 +22,7 @@ extern "C" decltype(&::WTSQueryUserToken) __imp_WTSQueryUserToken;
 namespace {
 
 TEST_F(LifetimeTest, DeviceEventPostedToADestroyedServerIsDiscarded) {
+    ORVIK_NEEDS_GUARDED_HEAP();
     StopServer();
     // As in the service, whose server's memory is there up to the end of the process. Two of them:
     // nothing of the first is kept for its successor's sake.
