@@ -58,7 +58,7 @@ void ExpectServed() {
     client.ExpectDumped();
 }
 
-class CrashServerTest : public SystemTest {
+class CrashServerTest : public ServiceTest {
 protected:
     CrashServerTest() {
         wchar_t system[MAX_PATH] = {};

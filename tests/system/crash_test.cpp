@@ -142,7 +142,7 @@ fs::path DumpOf(const CrashRecord& record) {
     return line.substr(start, line.find(L"|*|", start) - start);
 }
 
-class CrashTest : public SystemTest {
+class CrashTest : public ServiceTest {
 protected:
     /// Says that a service has been crashed which writes its dumps itself: its dump.
     static fs::path ExpectServicesReport(const CrashRecord& record, const std::wstring& reporter) {

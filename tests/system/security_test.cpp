@@ -20,7 +20,7 @@ namespace system_test {
 namespace {
 
 /// In both run modes.
-class SecurityTest : public SystemTest, public testing::WithParamInterface<RunMode> {
+class SecurityTest : public ServiceTest, public testing::WithParamInterface<RunMode> {
 protected:
     RunningService service{GetParam()};
 };

@@ -7,13 +7,17 @@
 
 namespace system_test {
 
-/// The fixture of all system tests: begins with no service, and no camera plugged.
-class SystemTest : public testing::Test {
+/// The fixture of system tests that need no camera: begins with no service.
+class ServiceTest : public testing::Test {
 protected:
-    SystemTest() {
-        EndLeftovers();
-        bus.UnplugAll();
-    }
+    ServiceTest() { EndLeftovers(); }
+};
+
+/// The fixture of all other system tests: begins with no service, and no camera plugged. Needs the
+/// virtual camera's driver.
+class SystemTest : public ServiceTest {
+protected:
+    SystemTest() { bus.UnplugAll(); }
 
     vcam::Bus bus;
 };
