@@ -1,29 +1,3 @@
-# Cross-builds for Windows x64 with Debian's clang and lld. The C++ library, the C runtime and the
-# headers are those of Debian's mingw-w64 with GCC, so that libraries built by either compiler link
-# together.
+# Cross-builds for Windows x64 with Debian's clang and lld.
 include(${CMAKE_CURRENT_LIST_DIR}/mingw-w64-x86_64.cmake)
-
-# GCC's own folder: its version is in the path.
-execute_process(
-  COMMAND ${CMAKE_CXX_COMPILER} -print-libgcc-file-name
-  OUTPUT_VARIABLE gcc
-  OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-cmake_path(GET gcc PARENT_PATH gcc)
-
-set(CMAKE_C_COMPILER clang)
-set(CMAKE_CXX_COMPILER clang++)
-set(CMAKE_C_COMPILER_TARGET x86_64-w64-mingw32)
-set(CMAKE_CXX_COMPILER_TARGET x86_64-w64-mingw32)
-set(CMAKE_AR llvm-ar)
-set(CMAKE_RANLIB llvm-ranlib)
-
-# The host's headers are out of reach. The C runtime's headers come after clang's own, as with GCC. The
-# C++ library has its thread-local variables in the form that only GCC uses by default.
-set(CMAKE_C_FLAGS_INIT "-nostdlibinc -idirafter /usr/x86_64-w64-mingw32/include -femulated-tls")
-set(CMAKE_CXX_FLAGS_INIT
-    "${CMAKE_C_FLAGS_INIT} -isystem ${gcc}/include/c++ -isystem ${gcc}/include/c++/x86_64-w64-mingw32")
-# GCC's driver adds the threads library by itself. The flags of the compiler are given to the linker's
-# driver too, which has no use for all of them.
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -B${gcc} -L${gcc} -lpthread -Qunused-arguments")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT ${CMAKE_EXE_LINKER_FLAGS_INIT})
-set(CMAKE_MODULE_LINKER_FLAGS_INIT ${CMAKE_EXE_LINKER_FLAGS_INIT})
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-w64-clang.cmake)

@@ -1,20 +1,20 @@
 # Builds the client library alone, first as a project of its own, then with add_subdirectory(). The
 # prefix of the dependencies is empty, so that Boost, Breakpad, CLI11 and GoogleTest cannot be found.
-#   cmake -DWORK=… -DCLIENT=… -DEMULATOR=… -DCOMPILER=… -P client_alone.cmake
-# COMPILER is the cache file of CMakeLists.txt beside run.cmake.
+#   cmake -DWORK=… -DCLIENT=… -DEMULATOR=… -DCOMPILER=… -DTOOLCHAINS32=… -P client_alone.cmake
+# COMPILER is the cache file of CMakeLists.txt beside run.cmake. TOOLCHAINS32, which may be empty, are tool
+# chain files for 32 bits.
 include(${CMAKE_CURRENT_LIST_DIR}/../run.cmake)
 
 function(build source folder)
-  run(${CMAKE_COMMAND} -S ${source} -B ${folder} -G Ninja -C ${COMPILER}
-      -DCMAKE_EXPORT_COMPILE_COMMANDS=ON ${ARGN})
+  run(${CMAKE_COMMAND} -S ${source} -B ${folder} -G Ninja -DCMAKE_EXPORT_COMPILE_COMMANDS=ON ${ARGN})
   run(${CMAKE_COMMAND} --build ${folder})
 endfunction()
 
 file(REMOVE_RECURSE ${WORK})
 file(MAKE_DIRECTORY ${WORK}/empty)
 set(ENV{ORVIK_DEPS} ${WORK}/empty)
-build(${CLIENT} ${WORK}/alone -DORVIK_CLIENT_EXAMPLES=OFF)
-build(${CMAKE_CURRENT_LIST_DIR} ${WORK}/subdirectory -DCLIENT=${CLIENT})
+build(${CLIENT} ${WORK}/alone -C ${COMPILER} -DORVIK_CLIENT_EXAMPLES=OFF)
+build(${CMAKE_CURRENT_LIST_DIR} ${WORK}/subdirectory -C ${COMPILER} -DCLIENT=${CLIENT})
 
 execute_process(COMMAND ${EMULATOR} ${WORK}/subdirectory/cameras.exe RESULT_VARIABLE result
                 OUTPUT_VARIABLE output ERROR_VARIABLE output)
@@ -27,3 +27,10 @@ file(STRINGS ${WORK}/subdirectory/compile_commands.json flags REGEX "-Werror|-Wa
 if(flags)
   message(FATAL_ERROR "the flags of this tree are passed to another project: ${flags}")
 endif()
+
+# 32 bits, without a warning.
+set(ENV{CXXFLAGS} "-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror")
+foreach(toolchain ${TOOLCHAINS32})
+  cmake_path(GET toolchain STEM name)
+  build(${CLIENT} ${WORK}/${name} -DCMAKE_TOOLCHAIN_FILE=${toolchain} -DORVIK_CLIENT_EXAMPLES=OFF)
+endforeach()
