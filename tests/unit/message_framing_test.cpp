@@ -195,4 +195,21 @@ TEST_F(SessionTest, TransferLengthAboveTheLargestSignedNumberFailsBeforeAnyCamer
     EXPECT_EQ(Ask(3, Read6(0, 1)).header.messageType, 2u);
 }
 
+TEST_F(SessionTest, TransferInMayHaveABodyOfAnyLength) {
+    Start();
+    constexpr std::uint32_t kBodyLength = 0x80000010;
+    using Read = HookedImport<&__imp_ReadFile>;
+    // As above; what the body holds is zeros, the command TEST UNIT READY.
+    const Read read([&](HANDLE file, void* to, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
+        if (size != kBodyLength)
+            return Read::Original(file, to, size, done, overlapped);
+        std::memset(to, 0, 16);
+        return ::PostQueuedCompletionStatus(port.Get(), size, 1, overlapped);
+    });
+    const MessageHeader header{kTransferIn, ++requests, kFirstCamera, kBodyLength};
+    client->Write(std::as_bytes(std::span(&header, 1)));
+    EXPECT_EQ(WaitForMessage(*client, ++answers).header.messageType, 2u);
+    EXPECT_EQ(RequestsSeen(), 1u);
+}
+
 }  // namespace
