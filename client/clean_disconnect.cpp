@@ -1,6 +1,7 @@
 #include "client/clean_disconnect.h"
 
 #include <utility>
+#include <vector>
 
 #include <windows.h>
 
@@ -10,18 +11,27 @@
 
 namespace orvik {
 
-SecondConnection::SecondConnection(const std::wstring& pipeName, const Deadline& deadline) {
-    while (!(pipe = OpenPipeInstance(pipeName))) {
-        if (::GetLastError() != ERROR_PIPE_BUSY || deadline.Passed())
+SecondConnection::SecondConnection(const std::wstring& pipeName, DWORD server,
+                                   const Deadline& deadline) {
+    std::vector<UniqueHandle> others;  // held, so that the next attempt takes another instance
+    while (!pipe) {
+        UniqueHandle taken = OpenPipeInstance(pipeName);
+        const DWORD code = taken ? ERROR_SUCCESS : ::GetLastError();
+        if (taken && ServerProcess(taken.get()) == server)
+            pipe = std::move(taken);
+        else if (deadline.Passed() || (!taken && code != ERROR_PIPE_BUSY))
             return;
-        WaitForPipeInstance(pipeName, deadline);
+        else if (taken)
+            others.push_back(std::move(taken));
+        else
+            WaitForPipeInstance(pipeName, deadline);
     }
     confirmed = WaitForPipeInstance(pipeName, deadline);
 }
 
 void PrepareDisconnect(const PipeStream& connection, const std::wstring& pipeName, RequestId id,
                        const Deadline& deadline) {
-    SecondConnection second(pipeName, deadline);
+    SecondConnection second(pipeName, connection.ServerProcess(), deadline);
     if (second.confirmed)
         return;
     // The service hangs. If it goes on one day, its next reads find these requests. It cannot write

@@ -23,6 +23,8 @@
 //   service opens the next instance only in a later turn, after it has started to read from the
 //   client that took the last one. So when a client takes an instance and then sees another one
 //   waiting, that later turn has come, and both its connections can be closed (SecondConnection).
+//   Any program may serve instances of the pipe too, so the instance that the client takes must be
+//   the service's. The one that waits may be another program's: Windows does not tell whose it is.
 
 namespace orvik {
 
@@ -51,10 +53,10 @@ private:
 
 /// A second connection, used to confirm that the first one can be closed.
 struct SecondConnection {
-    /// Takes an instance of the pipe, and waits for another one.
-    SecondConnection(const std::wstring& pipeName, const Deadline& deadline);
+    /// Takes an instance of the pipe that the process `server` serves, and waits for another one.
+    SecondConnection(const std::wstring& pipeName, DWORD server, const Deadline& deadline);
 
-    UniqueHandle pipe;       ///< empty if no instance was free before the deadline
+    UniqueHandle pipe;       ///< empty if no such instance was free before the deadline
     bool confirmed = false;  ///< another instance waits for a client
 };
 

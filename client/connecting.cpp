@@ -1,6 +1,8 @@
 #include "client/connecting.h"
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 #include <windows.h>
 
@@ -17,11 +19,14 @@ namespace {
 /// Between two attempts to open a pipe that does not exist yet.
 constexpr DWORD kMillisecondsBetweenAttempts = 10;
 
-/// Throws the error of the call that has just failed.
-[[noreturn]] void ThrowLastError(const char* text) {
-    const DWORD code = ::GetLastError();
+[[noreturn]] void ThrowError(const char* text, DWORD code) {
     throw Error(code == ERROR_ACCESS_DENIED ? ErrorKind::kAccessDenied : ErrorKind::kSystem, text,
                 code);
+}
+
+/// Whether the server has not closed its end yet.
+bool IsOpen(HANDLE pipe) noexcept {
+    return ::PeekNamedPipe(pipe, nullptr, 0, nullptr, nullptr, nullptr) != FALSE;
 }
 
 /// What the service control manager knows about the service. Needs no right that an ordinary user
@@ -30,7 +35,7 @@ struct ServiceState {
     ServiceState() {
         const UniqueServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
         if (!manager)
-            ThrowLastError("cannot connect to the service control manager");
+            ThrowError("cannot connect to the service control manager", ::GetLastError());
         const UniqueServiceHandle service(
             ::OpenServiceW(manager.get(), kServiceName, SERVICE_QUERY_STATUS));
         if (!service && ::GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST)
@@ -40,7 +45,7 @@ struct ServiceState {
         if (!service ||
             !::QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO,
                                     reinterpret_cast<BYTE*>(&status), sizeof(status), &needed))
-            ThrowLastError("cannot query the state of the service OrvikService");
+            ThrowError("cannot query the state of the service OrvikService", ::GetLastError());
         installed = true;
         state = status.dwCurrentState;
         if (state != SERVICE_STOPPED)
@@ -77,14 +82,8 @@ void WaitForPipe(bool checkServer, const Deadline& deadline, DWORD code) {
     ::Sleep(std::min(kMillisecondsBetweenAttempts, deadline.Left()));
 }
 
-/// Throws kWrongServer, and what ServiceState throws.
-void RequireService(HANDLE pipe) {
-    ULONG server = 0;
-    if (!::GetNamedPipeServerProcessId(pipe, &server))
-        ThrowLastError("cannot find out which process serves the camera pipe");
-    const ServiceState service;
-    if (service.processId != 0 && server == service.processId)
-        return;
+/// Why the service, in its state, cannot be the server of the pipe.
+Error WrongServer(DWORD server, const ServiceState& service) {
     std::string text =
         "process " + std::to_string(server) + " serves the camera pipe, but the service ";
     if (!service.installed)
@@ -93,19 +92,30 @@ void RequireService(HANDLE pipe) {
         text += "is not running";
     else
         text += "is process " + std::to_string(service.processId);
-    throw Error(ErrorKind::kWrongServer, text);
+    return {ErrorKind::kWrongServer, text};
 }
 
-/// Throws as RequireService() does. False if the server has closed the pipe meanwhile.
-bool IsServedByService(HANDLE pipe, const std::wstring& pipeName) {
+/// True: the service serves this instance of the pipe. False: another process does, and the service
+/// may serve the next instance; or the server has closed this one.
+/// Throws kWrongServer when the service runs in no process or the deadline has passed, and what
+/// ServiceState throws. The server may be the service all the same, for example in a console, so
+/// the pipe can be closed without harm to it then.
+bool IsServedByService(HANDLE pipe, const std::wstring& pipeName, const Deadline& deadline) {
+    const DWORD server = ServerProcess(pipe);
+    const DWORD code = ::GetLastError();
     try {
-        RequireService(pipe);
-        return true;
+        if (server == 0)
+            ThrowError("cannot find out which process serves the camera pipe", code);
+        const ServiceState service;
+        if (server == service.processId)
+            return true;
+        if (service.processId != 0 && !deadline.Passed())
+            return false;
+        throw WrongServer(server, service);
     } catch (const Error&) {
-        // The server may be the service all the same, for example in a console.
-        const SecondConnection second(pipeName, Deadline(kDisconnectTimeout));
+        const SecondConnection second(pipeName, server, Deadline(kDisconnectTimeout));
         // A service that has reported SERVICE_STOPPED serves its pipe a moment longer.
-        if (::PeekNamedPipe(pipe, nullptr, 0, nullptr, nullptr, nullptr))
+        if (IsOpen(pipe))
             throw;
         return false;
     }
@@ -115,12 +125,17 @@ bool IsServedByService(HANDLE pipe, const std::wstring& pipeName) {
 
 UniqueHandle ConnectToService(const std::wstring& pipeName, bool checkServer,
                               const Deadline& deadline) {
+    // Instances of other servers. They are held, so that the next attempt opens another one.
+    std::vector<UniqueHandle> others;
     while (true) {
         UniqueHandle pipe = OpenPipeInstance(pipeName);
         DWORD code = ::GetLastError();
         if (pipe) {
-            if (!checkServer || IsServedByService(pipe.get(), pipeName))
+            if (!checkServer || IsServedByService(pipe.get(), pipeName, deadline))
                 return pipe;
+            others.push_back(std::move(pipe));
+            if (IsOpen(others.back().get()))
+                continue;
             code = ERROR_BROKEN_PIPE;
         }
         switch (code) {

@@ -13,6 +13,11 @@ UniqueHandle OpenPipeInstance(const std::wstring& pipeName) noexcept {
         FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
 }
 
+DWORD ServerProcess(HANDLE pipe) noexcept {
+    ULONG process = 0;
+    return ::GetNamedPipeServerProcessId(pipe, &process) ? process : 0;
+}
+
 bool WaitForPipeInstance(const std::wstring& pipeName, const Deadline& deadline) noexcept {
     // 0 would mean the pipe's own default.
     return ::WaitNamedPipeW(pipeName.c_str(), std::max<DWORD>(deadline.Left(), 1)) != FALSE;

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "client/pipe_instance.h"
 #include "orvik/client.h"
 
 namespace orvik {
@@ -53,6 +54,10 @@ std::optional<std::size_t> PipeStream::Read(std::span<std::byte> target) {
             return count;
         // 0 bytes: the other end has written none, which says nothing.
     }
+}
+
+DWORD PipeStream::ServerProcess() const noexcept {
+    return orvik::ServerProcess(pipe.get());
 }
 
 void PipeWrite::Start(const PipeStream& stream, std::span<const std::byte> bytes) {

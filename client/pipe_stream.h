@@ -36,6 +36,9 @@ public:
     /// pending, `target` must stay alive, and each call must name the same one.
     std::optional<std::size_t> Read(std::span<std::byte> target);
 
+    /// The process at the other end; 0 if the system does not say.
+    DWORD ServerProcess() const noexcept;
+
 private:
     friend class PipeWrite;
 
