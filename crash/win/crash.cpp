@@ -13,6 +13,15 @@
 #include "windows/unique_memory.h"
 #include "windows/unique_service_handle.h"
 
+#ifndef _MSC_VER
+/// GCC and clang have this called in place of a pure virtual function. That of their library ends
+/// the process in a way that no crash handler sees; this is a fault.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name is the compilers'
+extern "C" [[noreturn]] void __cxa_pure_virtual() {
+    __builtin_trap();
+}
+#endif
+
 namespace {
 
 /// The texts for the callback, and the handler. Set before there is a crash. Never destroyed: a
