@@ -3,17 +3,15 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 
 #include <windows.h>
 
-// The linker's --wrap option sends every call of malloc to __wrap_malloc, and one of __real_malloc
-// to the C runtime's.
+// The linker's --wrap option sends every call of malloc to __wrap_malloc.
 extern "C" {
-void* __real_realloc(void* block, std::size_t size);
-void __real_free(void* block);
 void* __wrap_malloc(std::size_t size);
 void* __wrap_calloc(std::size_t count, std::size_t size);
 void* __wrap_realloc(void* block, std::size_t size);
@@ -55,6 +53,19 @@ std::atomic<DWORD> failingThread{0};
 constexpr std::size_t kAnySize = SIZE_MAX;
 std::size_t failingSize = kAnySize;
 std::size_t allocationsUntilFailure = 0;  // 0: it has failed
+
+/// The C runtime's own function. Not __real_free, because lld 14 gives it an import thunk that
+/// leads to
+/// __wrap_free.
+template <class Function>
+Function* OfRuntime(const char* name) noexcept {
+#ifdef _UCRT
+    const HMODULE runtime = ::GetModuleHandleW(L"ucrtbase.dll");
+#else
+    const HMODULE runtime = ::GetModuleHandleW(L"msvcrt.dll");
+#endif
+    return reinterpret_cast<Function*>(reinterpret_cast<void*>(::GetProcAddress(runtime, name)));
+}
 
 constexpr std::size_t RoundUp(std::size_t value, std::size_t unit) noexcept {
     return (value + unit - 1) / unit * unit;
@@ -238,7 +249,7 @@ void* __wrap_realloc(void* block, std::size_t size) {
     if (block == nullptr)
         return Allocate(size);
     if (!IsInRange(block))
-        return __real_realloc(block, size);
+        return OfRuntime<decltype(std::realloc)>("realloc")(block, size);
     void* const moved = Allocate(size);
     if (moved != nullptr) {
         const std::size_t oldSize = HeaderOf(block)->size;
@@ -254,7 +265,7 @@ void __wrap_free(void* block) {
     if (IsInRange(block))
         Free(block);
     else
-        __real_free(block);
+        OfRuntime<decltype(std::free)>("free")(block);
 }
 
 namespace guarded_heap {
