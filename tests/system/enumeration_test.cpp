@@ -71,11 +71,11 @@ TEST_F(EnumerationTest, CameraThatIsADiskAndACdromIsTwoCameras) {
     PluggedCamera camera(bus, options);
     RunningService service;
     RawClient client;
-    for (const std::uint32_t id : {1, 2})
+    for (const std::uint32_t id : {1U, 2U})
         EXPECT_EQ(client.ReceiveMessage(), Attached(id));
     EXPECT_TRUE(client.RoundTrip());
     RawClient other;
-    for (const std::uint32_t id : {1, 2})
+    for (const std::uint32_t id : {1U, 2U})
         EXPECT_EQ(other.ReceiveMessage(), Attached(id));
 
     // Both are the same device, opened once for each.

@@ -387,7 +387,8 @@ TEST_F(LauncherTest, HandlesOfWhatWasStartedAreClosed) {
     ExpectStarted(Named());
     const auto lowest = [] {
         const UniqueHandle next(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
-        return reinterpret_cast<std::uintptr_t>(next.get());
+        const auto number = reinterpret_cast<std::uintptr_t>(next.get());
+        return number;
     };
     const std::uintptr_t before = lowest();
     for (int count = 0; count < 5; ++count)

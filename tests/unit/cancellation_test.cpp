@@ -37,7 +37,8 @@ private:
 };
 
 TEST_F(Cancellation, FirstCtrlCIsARequestAndTheSecondEndsTheProcess) {
-    for (const DWORD kind : {CTRL_C_EVENT, CTRL_BREAK_EVENT}) {
+    constexpr DWORD kKinds[] = {CTRL_C_EVENT, CTRL_BREAK_EVENT};
+    for (const DWORD kind : kKinds) {
         CatchCancellation();
         EXPECT_FALSE(IsRequested());
         EXPECT_NO_THROW(ThrowIfCancelled());
@@ -51,7 +52,8 @@ TEST_F(Cancellation, FirstCtrlCIsARequestAndTheSecondEndsTheProcess) {
 /// The system ends the process when the handler returns, so the handler must not return before the
 /// main thread has disconnected.
 TEST_F(Cancellation, ClosedConsoleIsARequestAndTheHandlerDoesNotReturn) {
-    for (const DWORD kind : {CTRL_CLOSE_EVENT, CTRL_LOGOFF_EVENT, CTRL_SHUTDOWN_EVENT}) {
+    constexpr DWORD kKinds[] = {CTRL_CLOSE_EVENT, CTRL_LOGOFF_EVENT, CTRL_SHUTDOWN_EVENT};
+    for (const DWORD kind : kKinds) {
         CatchCancellation();
         const UniqueHandle asleep(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
         const UniqueHandle returned(::CreateEventW(nullptr, TRUE, FALSE, nullptr));

@@ -94,7 +94,7 @@ TEST_F(SetUpCrashHandlerTest, SecondHandlerReplacesTheFirst) {
 
 TEST_F(SetUpCrashHandlerTest, ServiceWithoutTemporaryFolderHasNoHandler) {
     fake.RunAsService();
-    for (const DWORD length : {0, 261, 30'000}) {
+    for (const DWORD length : {0U, 261U, 30'000U}) {
         fake.temporaryLength = length;
         ExpectFailure("GetTempPath failed");
     }

@@ -42,7 +42,7 @@ std::vector<std::string> Split(const char* text) {
 /// Records "<thread> <number>|" and as many characters as make the length vary.
 void WriteMany(int thread, int count, int longest) {
     for (int number = 0; number < count; ++number) {
-        const std::string filling(number % (longest + 1), 'x');
+        const std::string filling(static_cast<std::size_t>(number % (longest + 1)), 'x');
         LogPrintf(kLogError, "many", kFile, kLine, "%d %d|%s", thread, number, filling.c_str());
     }
 }
@@ -58,7 +58,7 @@ void Run(const std::string& meeting, const std::vector<std::string>& command) {
         LogRecord(static_cast<LogLevel>(number(1)), text(2), kFile, kLine, command.at(3));
     } else if (command[0] == "length") {  // LEVEL MODULE LENGTH
         LogPrintf(static_cast<LogLevel>(number(1)), text(2), kFile, kLine, "%s",
-                  std::string(number(3), 'x').c_str());
+                  std::string(static_cast<std::size_t>(number(3)), 'x').c_str());
     } else if (command[0] == "formats") {
         LogPrintf(kLogError, "m", kFile, kLine, "%d %5.2f|%-4s|%c%% %llx %ls", -7, 2.5, "ab", '!',
                   0x123456789abcULL, L"wide");

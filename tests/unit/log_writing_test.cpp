@@ -17,25 +17,27 @@ namespace {
 constexpr std::uintmax_t kRotated = 5'242'881;
 
 /// Checks that these are the records of "many", whole, and in order for each thread.
-void ExpectMany(const std::string& records, int threads, int count, int longest) {
-    std::vector<int> next(threads, 0);
+void ExpectMany(const std::string& records, std::size_t threads, std::size_t count,
+                std::size_t longest) {
+    std::vector<std::size_t> next(threads, 0);
     const std::string filling(longest, 'x');
     std::string_view rest = records;
     while (!rest.empty()) {
         const std::string_view line = rest.substr(0, rest.find('\n'));
-        int thread = -1;
-        int number = -1;
+        unsigned thread = 0;
+        unsigned number = 0;
         int head = 0;  // characters in front of the filling
         ASSERT_EQ(
-            std::sscanf(line.data(), "[%*d][ERROR][many]:\t%d %d|%n", &thread, &number, &head), 2)
+            std::sscanf(line.data(), "[%*d][ERROR][many]:\t%u %u|%n", &thread, &number, &head), 2)
             << line;
-        ASSERT_TRUE(thread >= 0 && thread < threads && number == next[thread]) << line;
+        ASSERT_TRUE(thread < threads && number == next[thread]) << line;
         ++next[thread];
-        ASSERT_EQ(line.substr(head), std::string_view(filling).substr(0, number % (longest + 1)));
+        ASSERT_EQ(line.substr(static_cast<std::size_t>(head)),
+                  std::string_view(filling).substr(0, number % (longest + 1)));
         ASSERT_LT(line.size(), rest.size());  // there is a line end
         rest.remove_prefix(line.size() + 1);
     }
-    EXPECT_EQ(next, std::vector<int>(threads, count));
+    EXPECT_EQ(next, std::vector<std::size_t>(threads, count));
 }
 
 TEST_F(LogSystemTest, RecordsOfManyThreadsAreWholeAndInTheirOrder) {

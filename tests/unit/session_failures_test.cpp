@@ -125,7 +125,8 @@ TEST_F(SessionFailuresTest, ReadThatEndsWithPipeNotConnectedIsNoHangUp) {
 }
 
 TEST_F(SessionFailuresTest, HeaderReadThatFailsAtOnceEndsTheRunAlsoForABrokenPipe) {
-    for (const DWORD error : {ERROR_BROKEN_PIPE, ERROR_PIPE_NOT_CONNECTED, ERROR_NO_DATA}) {
+    constexpr DWORD kErrors[] = {ERROR_BROKEN_PIPE, ERROR_PIPE_NOT_CONNECTED, ERROR_NO_DATA};
+    for (const DWORD error : kErrors) {
         SCOPED_TRACE(error);
         StartWithCameras(0);
         using Read = HookedImport<&__imp_ReadFile>;

@@ -125,8 +125,8 @@ void CALLBACK TestPort::TimeIsUp(PTP_CALLBACK_INSTANCE /*instance*/, void* conte
                                  PTP_TIMER /*timer*/) {
     auto* const self = static_cast<TestPort*>(context);
     auto alarm = std::make_unique<IoOperation>([self, waited = self->wait](IoOperation* operation) {
-        TestPort* const port = self;
-        const bool late = port->wait == waited;
+        TestPort* const owner = self;
+        const bool late = owner->wait == waited;
         delete operation;  // and this callable
         if (late)
             throw TestTimeout("");

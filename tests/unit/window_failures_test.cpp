@@ -73,7 +73,8 @@ TEST_F(WindowFailuresTest, MessagesBehindAFailureAreNeitherPostedNorUsedForTheDr
         EXPECT_EQ(Send(DBT_DEVICEARRIVAL), TRUE) << "nothing is thrown through the system";
         EXPECT_EQ(calls, "post ");
         fails = false;
-        for (const WPARAM event : {DBT_DEVICEARRIVAL, DBT_DEVICEREMOVECOMPLETE, 0x8002})
+        constexpr WPARAM kEvents[] = {DBT_DEVICEARRIVAL, DBT_DEVICEREMOVECOMPLETE, 0x8002};
+        for (const WPARAM event : kEvents)
             EXPECT_EQ(Send(event), TRUE);
         EXPECT_EQ(calls, "post ") << "calls for a message behind the failure";
     }

@@ -128,7 +128,8 @@ TEST_F(WindowProcedureTest, EveryArrivalAndRemovalLooksAtTheDrivesAndNothingElse
     EXPECT_EQ(Send(DBT_DEVICEARRIVAL, record), TRUE);
     EXPECT_EQ(Send(DBT_DEVICEREMOVECOMPLETE, record), TRUE);
     EXPECT_EQ(calls.made, (Calls{"drives", "drives"}));
-    for (const WPARAM event : {0x0000, 0x0007, 0x0018, 0x8002, 0x8003, 0x8005, 0x8007, 0xFFFF})
+    for (const WPARAM event :
+         {0x0000U, 0x0007U, 0x0018U, 0x8002U, 0x8003U, 0x8005U, 0x8007U, 0xFFFFU})
         EXPECT_EQ(Send(event, record), TRUE) << event;
     EXPECT_EQ(calls.made.size(), 2u);
 }
@@ -153,7 +154,7 @@ TEST_F(WindowProcedureTest, ArrivalScansNewDrivesForTheLibraryAndRemovalForgetsT
 TEST_F(ServerWindowTest, EachDeviceChangeIsPostedFirstAndThenUsedForTheDrives) {
     theServer = server.get();
     const DEV_BROADCAST_HDR record{sizeof(record), DBT_DEVTYP_OEM, 0};
-    for (const WPARAM event : {0x0007, 0x8000, 0x8001, 0x8004, 0x8006}) {
+    for (const WPARAM event : {0x0007U, 0x8000U, 0x8001U, 0x8004U, 0x8006U}) {
         WindowCalls calls;
         DEV_BROADCAST_HANDLE handleRecord = HandleRecord(nullptr);
         EXPECT_EQ(Send(event, handleRecord), TRUE);
