@@ -21,6 +21,10 @@ else() # GCC and Clang
                                   $<$<BOOL:${ORVIK_WARNINGS_AS_ERRORS}>:-Werror>
                                   -fstack-protector-strong)
 endif()
+# mingw-w64's headers include one of clang 19 that is deprecated.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 19)
+  target_compile_definitions(orvik_build_options INTERFACE _CLANG_DISABLE_CRT_DEPRECATION_WARNINGS)
+endif()
 if(MINGW)
   # One file, no DLL of the tool chain beside it. The three bits are the defaults of binutils 2.40's
   # linker; they are spelled out so that they stay.
@@ -40,14 +44,15 @@ if(MINGW AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     orvik_build_options INTERFACE -Wl,--pdb= -Wl,-Xlink=-pdbaltpath:%_PDB%
     -Wl,-Xlink=-pdbsourcepath:C:\\OrvikService)
 
-  # The build is reproducible: the same sources built in another folder give the same programs. So there
-  # is a checksum in place of the time (-Brepro), and no path of this machine. Compiler and linker write
-  # their command lines into the PDB file, whose checksum is part of the program; the launcher makes the
-  # absolute paths relative that CMake gives them.
+  # Builds in different folders are to differ as little as possible: there is a checksum in place of the
+  # time (-Brepro), and no path of this machine. Compiler and linker write their command lines into the
+  # PDB file, whose checksum is part of the program; the launcher makes the absolute paths relative that
+  # CMake gives them.
   target_link_options(orvik_build_options INTERFACE -Wl,-Xlink=-Brepro)
   target_compile_options(
     orvik_build_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
-                                  -fdebug-compilation-dir=. -fcoverage-compilation-dir=.)
+                                  -fdebug-compilation-dir=. -fcoverage-compilation-dir=.
+                                  -fno-color-diagnostics) # it depends on the terminal
   if(CMAKE_HOST_UNIX)
     cmake_path(RELATIVE_PATH PROJECT_SOURCE_DIR BASE_DIRECTORY ${CMAKE_BINARY_DIR} OUTPUT_VARIABLE
                relative)
