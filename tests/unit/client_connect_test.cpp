@@ -154,10 +154,11 @@ TEST(ClientConnect, ServerThatEndsDuringTheCheckIsNotTheWrongServer) {
         closed.Set();
     });
     // The last step of the check asks whether the connection still exists.
+    std::once_flag once;
     using Peek = HookedImport<&__imp_PeekNamedPipe>;
     const Peek peek(
         [&](HANDLE pipe, void* to, DWORD size, DWORD* read, DWORD* available, DWORD* left) {
-            looked.Set();
+            std::call_once(once, [&] { looked.Set(); });
             EXPECT_TRUE(closed.Wait());
             return Peek::Original(pipe, to, size, read, available, left);
         });
