@@ -6,9 +6,7 @@
 
 #include <windows.h>
 
-#include <userenv.h>
-#include <wtsapi32.h>
-
+#include "server/launch_functions.h"
 #include "server/server.h"
 #include "windows/unique_registry_key.h"
 
@@ -45,7 +43,7 @@ bool ReadAppPath(const wchar_t* keyPath, const wchar_t* valueName, Path& path) n
 
 void Server::LaunchApplication() noexcept {
     HANDLE token = nullptr;
-    if (!::WTSQueryUserToken(::WTSGetActiveConsoleSessionId(), &token)) {
+    if (!queryUserToken(::WTSGetActiveConsoleSessionId(), &token)) {
         std::cerr << "Failed to get user token to launch application.\n";
         return;
     }
@@ -61,7 +59,7 @@ void Server::LaunchApplication() noexcept {
 
     // The block is never destroyed: one per launch stays allocated, on purpose.
     void* environment = nullptr;
-    const bool hasEnvironment = ::CreateEnvironmentBlock(&environment, token, FALSE) == TRUE;
+    const bool hasEnvironment = createEnvironmentBlock(&environment, token, FALSE) == TRUE;
     Path registered{};
     const wchar_t* const path =
         ReadAppPath(kAppPathKey, L"", registered) ? registered.data() : kFallbackPath;

@@ -7,18 +7,15 @@
 #include <windows.h>
 
 #include <dbt.h>
-#include <userenv.h>
-#include <wtsapi32.h>
 
 #include "import_hook.h"
 #include "in_process_service.h"
+#include "server/launch_functions.h"
 
 extern "C" {
 extern decltype(&::CloseHandle) __imp_CloseHandle;
-extern decltype(&::CreateEnvironmentBlock) __imp_CreateEnvironmentBlock;
 extern decltype(&::CreateProcessAsUserW) __imp_CreateProcessAsUserW;
 extern decltype(&::RegOpenKeyExW) __imp_RegOpenKeyExW;
-extern decltype(&::WTSQueryUserToken) __imp_WTSQueryUserToken;
 }
 
 namespace {
@@ -49,7 +46,7 @@ protected:
                 calls += "close " + Name(handle) + "\n";
             return launching ? TRUE : Close::Original(handle);
         });
-        const HookedImport<&__imp_WTSQueryUserToken> query([this](ULONG session, HANDLE* result) {
+        const HookedImport<&queryUserToken> query([this](ULONG session, HANDLE* result) {
             EXPECT_EQ(session, ::WTSGetActiveConsoleSessionId());
             calls += "token\n";
             launching = hasToken;
@@ -57,7 +54,7 @@ protected:
                 *result = kToken;
             return hasToken ? TRUE : FALSE;
         });
-        const HookedImport<&__imp_CreateEnvironmentBlock> environment(
+        const HookedImport<&createEnvironmentBlock> environment(
             [this](void** block, HANDLE token, BOOL inherit) {
                 calls += "environment of " + Name(token) + (inherit ? " inherited" : "") + "\n";
                 if (environmentResult == TRUE)

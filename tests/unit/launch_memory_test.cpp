@@ -7,17 +7,14 @@
 #include <windows.h>
 
 #include <dbt.h>
-#include <userenv.h>
-#include <wtsapi32.h>
 
 #include "guarded_heap.h"
 #include "import_hook.h"
 #include "in_process_service.h"
+#include "server/launch_functions.h"
 
 extern "C" {
-extern decltype(&::CreateEnvironmentBlock) __imp_CreateEnvironmentBlock;
 extern decltype(&::CreateProcessAsUserW) __imp_CreateProcessAsUserW;
-extern decltype(&::WTSQueryUserToken) __imp_WTSQueryUserToken;
 }
 
 namespace {
@@ -32,11 +29,11 @@ TEST_F(LaunchMemoryTest, ApplicationIsStartedThoughThereIsNoMemory) {
     std::optional<guarded_heap::FailingAllocation> noMemory;
     std::wstring started;
     started.reserve(MAX_PATH);
-    const HookedImport<&__imp_WTSQueryUserToken> query([](ULONG, HANDLE* token) {
+    const HookedImport<&queryUserToken> query([](ULONG, HANDLE* token) {
         *token = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);  // the launch closes it
         return TRUE;
     });
-    const HookedImport<&__imp_CreateEnvironmentBlock> environment([&](void**, HANDLE, BOOL) {
+    const HookedImport<&createEnvironmentBlock> environment([&](void**, HANDLE, BOOL) {
         noMemory.emplace(1);
         return TRUE;
     });

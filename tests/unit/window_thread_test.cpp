@@ -11,13 +11,11 @@
 #include <windows.h>
 
 #include <dbt.h>
-#include <wtsapi32.h>
 
 #include "guarded_heap.h"
 #include "import_hook.h"
 #include "lifetime_fixture.h"
-
-extern "C" decltype(&::WTSQueryUserToken) __imp_WTSQueryUserToken;
+#include "server/launch_functions.h"
 
 namespace {
 
@@ -118,7 +116,7 @@ private:
 
 TEST_F(LifetimeTest, SessionsEndOnTheDispatcherThreadAloneWhileAnotherLooksForTheMainCommunicator) {
     const UniqueHandle launched(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    const HookedImport<&__imp_WTSQueryUserToken> token([&launched](ULONG, HANDLE*) {
+    const HookedImport<&queryUserToken> token([&launched](ULONG, HANDLE*) {
         ::SetEvent(launched.get());
         return FALSE;
     });

@@ -11,6 +11,7 @@
 #include "exit_code.h"
 #include "orvik/client.h"
 #include "streams.h"
+#include "windows/system_dll.h"
 
 namespace {
 
@@ -105,5 +106,6 @@ ExitCode RunAndReport(int argc, char** argv) {
 
 // The manifest makes the arguments UTF-8.
 int main(int argc, char** argv) {
+    LoadDllsFromSystemFolderOnly();
     return static_cast<int>(RunAndReport(argc, argv));
 }

@@ -13,6 +13,7 @@
 #include "protocol/message.h"
 #include "service_control.h"
 #include "service_program.h"
+#include "windows/system_dll.h"
 #include "windows/unique_memory.h"
 #include "windows/utf.h"
 
@@ -71,9 +72,11 @@ std::filesystem::path ProfileFolder() {
 }  // namespace
 
 std::wstring ExpandForSystem(const std::wstring& text) {
+    const auto expand = SystemFunction<decltype(&::ExpandEnvironmentStringsForUserW)>(
+        L"userenv.dll", "ExpandEnvironmentStringsForUserW");
     std::array<wchar_t, 4096> expanded{};
-    if (!::ExpandEnvironmentStringsForUserW(nullptr, text.c_str(), expanded.data(),
-                                            static_cast<DWORD>(expanded.size())))
+    if (expand == nullptr ||
+        !expand(nullptr, text.c_str(), expanded.data(), static_cast<DWORD>(expanded.size())))
         throw SystemFailure("cannot expand the environment variables in " + ToUtf8(text));
     return expanded.data();
 }

@@ -12,6 +12,7 @@
 #include "exit_code.h"
 #include "service_control.h"
 #include "service_folders.h"
+#include "windows/system_dll.h"
 #include "windows/unique_memory.h"
 #include "windows/utf.h"
 
@@ -54,14 +55,21 @@ std::filesystem::path ServiceProgram() {
 }
 
 std::string ServiceVersion() {
+    constexpr wchar_t kDll[] = L"version.dll";
+    const auto sizeOf =
+        SystemFunction<decltype(&::GetFileVersionInfoSizeW)>(kDll, "GetFileVersionInfoSizeW");
+    const auto read = SystemFunction<decltype(&::GetFileVersionInfoW)>(kDll, "GetFileVersionInfoW");
+    const auto find = SystemFunction<decltype(&::VerQueryValueW)>(kDll, "VerQueryValueW");
+    if (sizeOf == nullptr || read == nullptr || find == nullptr)
+        throw SystemFailure("cannot load version.dll");
+
     const std::wstring path = ServiceProgram().wstring();
-    std::vector<std::byte> resource(::GetFileVersionInfoSizeW(path.c_str(), nullptr));
+    std::vector<std::byte> resource(sizeOf(path.c_str(), nullptr));
     VS_FIXEDFILEINFO* version = nullptr;
     UINT size = 0;
     if (resource.empty() ||
-        !::GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(resource.size()),
-                               resource.data()) ||
-        !::VerQueryValueW(resource.data(), L"\\", reinterpret_cast<void**>(&version), &size))
+        !read(path.c_str(), 0, static_cast<DWORD>(resource.size()), resource.data()) ||
+        !find(resource.data(), L"\\", reinterpret_cast<void**>(&version), &size))
         throw SystemFailure("cannot read the version of " + ToUtf8(path));
     return std::to_string(HIWORD(version->dwFileVersionMS)) + "." +
            std::to_string(LOWORD(version->dwFileVersionMS)) + "." +

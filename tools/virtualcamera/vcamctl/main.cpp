@@ -9,9 +9,11 @@
 
 #include "commands.h"
 #include "output.h"
+#include "windows/system_dll.h"
 
 // The manifest makes the arguments UTF-8.
 int main(int argc, char** argv) {
+    LoadDllsFromSystemFolderOnly();
     CLI::App app("Plugs, unplugs and controls virtual cameras for tests.", "vcamctl");
     app.require_subcommand(1);
     app.allow_windows_style_options(false);  // a path may begin with a slash
