@@ -132,7 +132,7 @@ TEST_P(ShippedPrograms, TellTheirVersion) {
     EXPECT_STREQ(text, L"4.0.4");
 }
 
-TEST_P(ShippedPrograms, HaveAManifestThatMakesNarrowStringsUtf8) {
+TEST_P(ShippedPrograms, HaveAManifestForUtf8AndLongPaths) {
     const std::wstring path = PathOf(GetParam()).wstring();
     const HMODULE module =
         ::LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE_EXCLUSIVE);
@@ -144,6 +144,7 @@ TEST_P(ShippedPrograms, HaveAManifestThatMakesNarrowStringsUtf8) {
         static_cast<const char*>(::LockResource(::LoadResource(module, resource))),
         ::SizeofResource(module, resource));
     EXPECT_NE(manifest.find(">UTF-8</activeCodePage>"), std::string::npos) << manifest;
+    EXPECT_NE(manifest.find(">true</longPathAware>"), std::string::npos) << manifest;
     EXPECT_NE(manifest.find("level=\"asInvoker\""), std::string::npos) << manifest;
     ::FreeLibrary(module);
 }

@@ -66,6 +66,35 @@ TEST_F(OrvikctlBlocks, FileNamesOutsideAscii) {
     EXPECT_NE(result.errors.at(0).find("B\xC3\xA4r \xE6\x97\xA5"), std::string::npos) << result;
 }
 
+TEST_F(OrvikctlBlocks, FileNamesOutsideAsciiWithoutTheManifest) {
+    // As on Windows before 1903, which ignores the manifest's code page.
+    const std::wstring name = L"B\u00E4r \u65E5\u672C \U0001F4F7.bin";
+    Program program(TestFolder() + L"\\orvikctl_without_manifest.exe",
+                    kNoServerCheck + L"read -o " + Quoted(name));
+    EXPECT_EQ(program.WaitForEnd(), 0u) << program.Errors().Text();
+    EXPECT_EQ(ContentOf(name), content);
+}
+
+TEST_F(OrvikctlBlocks, PathsBeyond260Characters) {
+    DWORD enabled = 1;
+    DWORD size = sizeof(enabled);
+    ::RegGetValueW(HKEY_LOCAL_MACHINE, LR"(SYSTEM\CurrentControlSet\Control\FileSystem)",
+                   L"LongPathsEnabled", RRF_RT_REG_DWORD, nullptr, &enabled, &size);
+    const std::wstring path = (folder / std::wstring(230, L'a')).wstring();
+    ASSERT_GT(path.size(), 260u);
+    // With this prefix a path may have any length, also in this program, which has no manifest.
+    const std::wstring prefixed = LR"(\\?\)" + path;
+    for (const std::wstring& argument : {prefixed, path}) {
+        if (argument == path && enabled == 0)
+            break;  // this machine allows no such paths
+        const Result read = OrvikctlInForeground(L"read -o \"" + argument + L"\"");
+        EXPECT_EQ(read.exitCode, 0u) << read;
+        const Result write = OrvikctlInForeground(L"write -i \"" + argument + L"\"");
+        EXPECT_EQ(write.exitCode, 0u) << write;
+        EXPECT_TRUE(::DeleteFileW(prefixed.c_str()));
+    }
+}
+
 TEST_F(OrvikctlBlocks, ReadReplacesAFileOnlyByACompleteOne) {
     MakeFile(L"x", Bytes(9));
     camera.Set(AnswersScsiStatus(2));

@@ -7,6 +7,7 @@
 
 #include "arguments.h"
 #include "cancellation.h"
+#include "command_line.h"
 #include "commands.h"
 #include "exit_code.h"
 #include "orvik/client.h"
@@ -43,7 +44,7 @@ ExitCode ExitCodeOf(orvik::ErrorKind kind) noexcept {
     return ExitCode::kFailure;
 }
 
-void Run(int argc, char** argv) {
+void Run() {
     Settings settings;
     CLI::App app("Shows whether OrvikService works, and sends SCSI commands to its cameras.",
                  "orvikctl");
@@ -72,7 +73,7 @@ void Run(int argc, char** argv) {
     AddVersion(app, settings);
 
     try {
-        app.parse(argc, argv);  // which calls the command
+        app.parse(ReversedArguments());  // which calls the command
     } catch (const CLI::CallForHelp&) {
         const auto named = app.get_subcommands();
         Print(named.empty() ? app.help() : named.front()->help(app.get_name()));
@@ -88,10 +89,10 @@ ExitCode Fail(const std::exception& error, ExitCode code) {
     return code;
 }
 
-ExitCode RunAndReport(int argc, char** argv) {
+ExitCode RunAndReport() {
     try {
         CatchCancellation();
-        Run(argc, argv);
+        Run();
         return ExitCode::kSuccess;
     } catch (const Failure& error) {
         return Fail(error, error.Code());
@@ -104,8 +105,7 @@ ExitCode RunAndReport(int argc, char** argv) {
 
 }  // namespace
 
-// The manifest makes the arguments UTF-8.
-int main(int argc, char** argv) {
+int main() {
     LoadDllsFromSystemFolderOnly();
-    return static_cast<int>(RunAndReport(argc, argv));
+    return static_cast<int>(RunAndReport());
 }

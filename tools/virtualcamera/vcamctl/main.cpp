@@ -7,12 +7,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include "command_line.h"
 #include "commands.h"
 #include "output.h"
 #include "windows/system_dll.h"
 
-// The manifest makes the arguments UTF-8.
-int main(int argc, char** argv) {
+int main() {
     LoadDllsFromSystemFolderOnly();
     CLI::App app("Plugs, unplugs and controls virtual cameras for tests.", "vcamctl");
     app.require_subcommand(1);
@@ -28,7 +28,7 @@ int main(int argc, char** argv) {
     AddLoad(app);
     AddSave(app);
     try {
-        app.parse(argc, argv);  // which calls the command
+        app.parse(ReversedArguments());  // which calls the command
         return EXIT_SUCCESS;
     } catch (const CLI::CallForHelp&) {
         const auto named = app.get_subcommands();
