@@ -16,6 +16,33 @@ protected:
         return OrvikctlInForeground(L"write " + arguments + L" -i " + Quoted(file));
     }
 
+    /// As a program opens a file that it reads, and also as many virus scanners do.
+    UniqueHandle OpenWithoutSharingDelete(const std::filesystem::path& file) const {
+        return OwnFile(::CreateFileW((folder / file).c_str(), GENERIC_READ,
+                                     FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                     FILE_ATTRIBUTE_NORMAL, nullptr));
+    }
+
+    /// In bytes; 0 if there is none.
+    std::uint64_t SizeOfPartialFile() const {
+        for (const auto& entry : std::filesystem::directory_iterator(folder))
+            if (entry.path().extension() == L".part")
+                return entry.file_size();
+        return 0;
+    }
+
+    /// That a run has read everything and could not give the file its name, "x".
+    void ExpectKeptPartialFile(const Result& result) const {
+        const std::vector<std::filesystem::path> files = Files();
+        ASSERT_EQ(files.size(), 2u);
+        const auto& partial = files[0] == L"x" ? files[1] : files[0];
+        EXPECT_TRUE(Failed(result, 1,
+                           "the data is complete and is in " +
+                               ToUtf8((folder / partial).wstring()) +
+                               ", but that file cannot be renamed to "));
+        EXPECT_EQ(ContentOf(partial), content);
+    }
+
     /// The start of the message about the size of a file.
     std::string SizeOf(const std::filesystem::path& file) const {
         return "the size of " + ToUtf8((folder / file).wstring()) + " is ";
@@ -114,8 +141,33 @@ TEST_F(OrvikctlBlocks, FolderThatIsNotThere) {
 
 TEST_F(OrvikctlBlocks, TargetThatIsAFolder) {
     std::filesystem::create_directory(folder / L"x");
-    EXPECT_TRUE(Failed(Read(L"", L"x"), 1, "cannot rename "));
-    EXPECT_EQ(Files(), std::vector<std::filesystem::path>{L"x"});
+    ExpectKeptPartialFile(Read(L"", L"x"));
+}
+
+TEST_F(OrvikctlBlocks, TargetThatStaysOpenElsewhereCostsNoData) {
+    MakeFile(L"x", Bytes(9));
+    const UniqueHandle user = OpenWithoutSharingDelete(L"x");
+    ASSERT_TRUE(user);
+    ExpectKeptPartialFile(Read(L"", L"x"));
+    EXPECT_EQ(ContentOf(L"x"), Bytes(9));
+}
+
+TEST_F(OrvikctlBlocks, TargetThatIsOpenElsewhereForAMomentIsReplaced) {
+    MakeFile(L"x", Bytes(9));
+    UniqueHandle user = OpenWithoutSharingDelete(L"x");
+    ASSERT_TRUE(user);
+    OrvikctlProgram program(kNoServerCheck + L"read -o " + Quoted(L"x"));
+    // The partial file is complete before the first try to rename it.
+    const Deadline deadline;
+    while (!deadline.Over() && SizeOfPartialFile() != content.size())
+        ::Sleep(kMillisecondsBetweenLooks);
+    EXPECT_EQ(SizeOfPartialFile(), content.size());
+    EXPECT_EQ(::WaitForSingleObject(program.Process(), 300), DWORD{WAIT_TIMEOUT});
+    user.reset();
+    const Result result = program.Finish();
+    EXPECT_EQ(result.exitCode, 0u) << result;
+    EXPECT_EQ(ContentOf(L"x"), content);
+    EXPECT_EQ(Files().size(), 1u);
 }
 
 TEST_F(OrvikctlBlocks, CameraThatReturnsLessThanItWasAskedFor) {

@@ -9,19 +9,21 @@
 
 #include <gtest/gtest.h>
 
+#include "cancellation.h"
 #include "import_hook.h"
+#include "windows/unique_handle.h"
 
 extern "C" {
 extern decltype(&::WriteFile) __imp_WriteFile;
 extern decltype(&::FlushFileBuffers) __imp_FlushFileBuffers;
-extern decltype(&::MoveFileExW) __imp_MoveFileExW;
+extern decltype(&::SetFileInformationByHandle) __imp_SetFileInformationByHandle;
 }
 
 namespace {
 
 using WriteHook = HookedImport<&__imp_WriteFile>;
 using FlushHook = HookedImport<&__imp_FlushFileBuffers>;
-using RenameHook = HookedImport<&__imp_MoveFileExW>;
+using ChangeHook = HookedImport<&__imp_SetFileInformationByHandle>;
 
 const std::vector<std::byte> kBytes(100, std::byte{'x'});
 
@@ -61,10 +63,11 @@ TEST_F(PartialFileTest, IsFlushedAfterTheLastWriteAndBeforeTheRename) {
         calls += "flush ";
         return FlushHook::Original(file);
     });
-    const RenameHook rename([&](const wchar_t* from, const wchar_t* to, DWORD flags) {
-        calls += "rename ";
-        return RenameHook::Original(from, to, flags);
-    });
+    const ChangeHook rename(
+        [&](HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, void* record, DWORD size) {
+            calls += kind == FileRenameInfo ? "rename " : "other ";
+            return ChangeHook::Original(file, kind, record, size);
+        });
     PartialFile file(target);
     file.Write(kBytes);
     file.Write(kBytes);
@@ -72,6 +75,78 @@ TEST_F(PartialFileTest, IsFlushedAfterTheLastWriteAndBeforeTheRename) {
     EXPECT_EQ(calls, "write write flush rename ");
     EXPECT_EQ(Content(), std::string(200, 'x'));
     EXPECT_EQ(FileCount(), 1);
+}
+
+/// A virus scanner opens a file as soon as it can, and a file that is open cannot be renamed.
+TEST_F(PartialFileTest, NoOtherProgramCanOpenItBeforeItHasItsName) {
+    int renames = 0;
+    const ChangeHook rename(
+        [&](HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, void* record, DWORD size) {
+            ++renames;
+            for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+                if (entry.path() == target)
+                    continue;
+                const UniqueHandle scanner =
+                    OwnFile(::CreateFileW(entry.path().c_str(), GENERIC_READ,
+                                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                          nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+                EXPECT_EQ(::GetLastError(), DWORD{ERROR_SHARING_VIOLATION});
+                EXPECT_FALSE(scanner);
+            }
+            return ChangeHook::Original(file, kind, record, size);
+        });
+    PartialFile file(target);
+    file.Write(kBytes);
+    file.Commit();
+    EXPECT_EQ(renames, 1);
+    EXPECT_EQ(Content(), std::string(100, 'x'));
+}
+
+TEST_F(PartialFileTest, RenameIsTriedAgainOnlyWhileAFileIsInUse) {
+    CatchCancellation();
+    std::vector<DWORD> codes;  // of the next tries, last one first
+    const ChangeHook rename(
+        [&](HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, void* record, DWORD size) {
+            if (codes.empty())
+                return ChangeHook::Original(file, kind, record, size);
+            ::SetLastError(codes.back());
+            codes.pop_back();
+            return FALSE;
+        });
+    {
+        codes = {ERROR_USER_MAPPED_FILE, ERROR_LOCK_VIOLATION, ERROR_SHARING_VIOLATION,
+                 ERROR_ACCESS_DENIED};
+        PartialFile file(target);
+        file.Write(kBytes);
+        file.Commit();
+        EXPECT_TRUE(codes.empty());
+        EXPECT_EQ(Content(), std::string(100, 'x'));
+    }
+    EXPECT_EQ(FileCount(), 1);
+    {
+        codes = {ERROR_NOT_ENOUGH_MEMORY, ERROR_DISK_FULL};
+        PartialFile file(target);
+        EXPECT_THROW(file.Commit(), FileError);
+        EXPECT_EQ(codes.size(), 1u);
+    }
+    EXPECT_EQ(FileCount(), 2);  // the complete file is not lost
+}
+
+TEST_F(PartialFileTest, CtrlCEndsTheTriesAndCostsNoData) {
+    CatchCancellation();
+    ::SetEvent(CancellationEvent());
+    int renames = 0;
+    const ChangeHook rename([&](HANDLE, FILE_INFO_BY_HANDLE_CLASS, void*, DWORD) {
+        ++renames;
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
+    });
+    {
+        PartialFile file(target);
+        EXPECT_THROW(file.Commit(), FileError);
+    }
+    EXPECT_EQ(renames, 1);
+    EXPECT_EQ(FileCount(), 2);
 }
 
 TEST_F(PartialFileTest, FailedFlushLeavesTheOldFileAlone) {

@@ -1,8 +1,28 @@
 #include "partial_file.h"
 
+#include <chrono>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 
+#include "cancellation.h"
 #include "windows/utf.h"
+
+namespace {
+
+/// Virus scanners and indexers hold a file open for some 100 ms.
+constexpr std::chrono::seconds kRenameTime{2};
+constexpr DWORD kMillisecondsBetweenTries = 50;
+
+/// The failures of a rename to a name whose file is open.
+bool IsInUse(DWORD code) noexcept {
+    return code == ERROR_ACCESS_DENIED || code == ERROR_SHARING_VIOLATION ||
+           code == ERROR_LOCK_VIOLATION || code == ERROR_USER_MAPPED_FILE;
+}
+
+}  // namespace
 
 FileError::FileError(const char* text, const std::filesystem::path& file, DWORD systemCode)
     : SystemFailure(std::string(text) + " " + ToUtf8(file.native()), systemCode) {}
@@ -11,17 +31,20 @@ PartialFile::PartialFile(const std::filesystem::path& targetFile)
     : target(targetFile),
       partial(targetFile) {
     partial += L"." + std::to_wstring(::GetCurrentProcessId()) + L".part";
-    file = OwnFile(::CreateFileW(partial.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+    file = OwnFile(::CreateFileW(partial.c_str(), GENERIC_WRITE | DELETE, 0, nullptr, CREATE_ALWAYS,
                                  FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file)
         throw FileError("cannot create", partial);
 }
 
 PartialFile::~PartialFile() {
-    if (committed)
+    if (complete || !file)
         return;
-    file.reset();
-    ::DeleteFileW(partial.c_str());
+    // By handle, as in Rename().
+    FILE_DISPOSITION_INFO disposition{};
+    disposition.DeleteFile = TRUE;
+    ::SetFileInformationByHandle(file.get(), FileDispositionInfo, &disposition,
+                                 sizeof(disposition));
 }
 
 void PartialFile::Write(std::span<const std::byte> bytes) {
@@ -34,8 +57,37 @@ void PartialFile::Commit() {
     // Flushed first: after a power failure the name could otherwise refer to incomplete content.
     if (!::FlushFileBuffers(file.get()))
         throw FileError("cannot write", partial);
+    complete = true;
+    const auto deadline = std::chrono::steady_clock::now() + kRenameTime;
+    while (const DWORD code = Rename()) {
+        const bool again = IsInUse(code) && std::chrono::steady_clock::now() < deadline;
+        // There is no event for the end of another program's use.
+        if (!again ||
+            ::WaitForSingleObject(CancellationEvent(), kMillisecondsBetweenTries) != WAIT_TIMEOUT)
+            throw FileError(("the data is complete and is in " + ToUtf8(partial.native()) +
+                             ", but that file cannot be renamed to")
+                                .c_str(),
+                            target, code);
+    }
     file.reset();
-    if (!::MoveFileExW(partial.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING))
-        throw FileError(("cannot rename " + ToUtf8(partial.native()) + " to").c_str(), target);
-    committed = true;
+}
+
+/// The error code, ERROR_SUCCESS if there was none. By handle: were the file closed first, another
+/// program could open it before it is renamed, which would make the rename fail.
+DWORD PartialFile::Rename() const {
+    // Not std::filesystem::absolute(): GCC's damages paths that begin with "\\?\".
+    std::wstring name(::GetFullPathNameW(target.c_str(), 0, nullptr, nullptr), L'\0');
+    name.resize(
+        ::GetFullPathNameW(target.c_str(), static_cast<DWORD>(name.size()), name.data(), nullptr));
+    const std::size_t bytes = name.size() * sizeof(wchar_t);
+    const std::size_t size = sizeof(FILE_RENAME_INFO) + bytes;
+    const auto memory = std::make_unique<std::byte[]>(size);
+    auto* const rename = new (memory.get()) FILE_RENAME_INFO{};
+    rename->ReplaceIfExists = TRUE;
+    rename->FileNameLength = static_cast<DWORD>(bytes);
+    std::memcpy(memory.get() + offsetof(FILE_RENAME_INFO, FileName), name.data(), bytes);
+    return ::SetFileInformationByHandle(file.get(), FileRenameInfo, rename,
+                                        static_cast<DWORD>(size))
+               ? ERROR_SUCCESS
+               : ::GetLastError();
 }

@@ -18,13 +18,14 @@ public:
 };
 
 /// A file that appears under its name only when it is complete. Until then it is in the same folder
-/// under a name that ends in ".part", and an existing target is unchanged.
+/// under a name that ends in ".part", and an existing target is unchanged. No other program can
+/// open it meanwhile.
 class PartialFile {
 public:
     /// Throws FileError.
     explicit PartialFile(const std::filesystem::path& targetFile);
 
-    /// Deletes the partial file, unless Commit() has succeeded.
+    /// Deletes the partial file, unless Commit() has found it complete.
     ~PartialFile();
 
     PartialFile(const PartialFile&) = delete;
@@ -33,12 +34,16 @@ public:
     /// Appends. Throws FileError.
     void Write(std::span<const std::byte> bytes);
 
-    /// Declares the file complete: replaces the target. Throws FileError.
+    /// Declares the file complete: replaces the target. A target that another program has open is
+    /// tried again for two seconds, or until Ctrl-C. Throws FileError. If the target could not be
+    /// replaced, the complete file keeps its partial name, which the message says.
     void Commit();
 
 private:
+    DWORD Rename() const;
+
     std::filesystem::path target;
     std::filesystem::path partial;
     UniqueHandle file;
-    bool committed = false;
+    bool complete = false;
 };
