@@ -1,6 +1,7 @@
 // Kinds of virtual cameras, and how they answer.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -30,6 +31,13 @@ inline vcam::PlugOptions WithVendor(const std::string& vendor) {
     return options;
 }
 
+/// For a test whose transfers are longer than most host adapters allow.
+inline vcam::PlugOptions WithTransferLimit(std::uint32_t bytes) {
+    vcam::PlugOptions options;
+    options.transferLimit = bytes;
+    return options;
+}
+
 // The ways in which a request can end, from <ntstatus.h>, which doesn't go with <windows.h>.
 inline constexpr auto kStatusIoDeviceError = static_cast<vcam::NtStatus>(0xC0000185);   // 1117
 inline constexpr auto kStatusCancelled = static_cast<vcam::NtStatus>(0xC0000120);       // 995
@@ -44,6 +52,12 @@ inline vcam::Behaviour FailsAtOnce(vcam::NtStatus status) {
 inline vcam::Behaviour CompletesWith(vcam::NtStatus status) {
     vcam::Behaviour behaviour;
     behaviour.completionStatus = status;
+    return behaviour;
+}
+/// As Windows' CD-ROM driver while a command runs.
+inline vcam::Behaviour BlocksTheCaller(std::chrono::milliseconds time) {
+    vcam::Behaviour behaviour;
+    behaviour.block = time;
     return behaviour;
 }
 inline vcam::Behaviour AnswersScsiStatus(std::uint8_t status) {

@@ -155,6 +155,7 @@ protected:
     static vcam::PlugOptions LargeCamera() {
         vcam::PlugOptions options;
         options.blockCount = kLargeBody / vcam::kBlockSize;
+        options.transferLimit = kLargeBody;
         return options;
     }
 

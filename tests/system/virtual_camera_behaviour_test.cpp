@@ -83,6 +83,21 @@ TEST_F(VirtualCamera, DelayedRequestIsPendingUntilItsTime) {
     EXPECT_EQ(late.DataReturned(), 512u);
 }
 
+TEST_F(VirtualCamera, BlockedRequestKeepsItsCallerWaiting) {
+    PlugAndOpen();
+    vcam::Behaviour blocking;
+    blocking.block = 300ms;
+    Set(blocking);
+    const auto start = steady_clock::now();
+    Transfer read = ReadIn(Read6(0, 1));
+    read.Issue(device.get());
+    EXPECT_GE(steady_clock::now() - start, 295ms);
+    EXPECT_EQ(read.Await(), 0u);
+    EXPECT_EQ(read.DataReturned(), 512u);
+    blocking.block = 3'600'001ms;
+    EXPECT_EQ(CodeThrownBy([&] { Set(blocking); }), ERROR_INVALID_PARAMETER);
+}
+
 TEST_F(VirtualCamera, CancelledRequestEndsAndIsNotCarriedOut) {
     PlugAndOpen();
     SetHold();

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "support/camera_setup.h"
 #include "virtual_camera_fixture.h"
 
 namespace camera_test {
@@ -66,7 +67,7 @@ TEST_F(VirtualCamera, WrittenBlocksAreInMemoryAndAreReadBack) {
 }
 
 TEST_F(VirtualCamera, ReadOfZeroBlocksMeans256CutToTheBuffer) {
-    PlugAndOpen();
+    PlugAndOpen(WithTransferLimit(200000));
     std::vector<std::byte> bytes(256 * kBlock);
     for (std::size_t i = 0; i < bytes.size(); ++i)
         bytes[i] = static_cast<std::byte>(i / 251);
@@ -79,6 +80,23 @@ TEST_F(VirtualCamera, ReadOfZeroBlocksMeans256CutToTheBuffer) {
     ASSERT_EQ(whole.Run(device.get()), 0u);
     ASSERT_EQ(whole.DataReturned(), bytes.size());
     EXPECT_EQ(std::memcmp(whole.Data(), bytes.data(), bytes.size()), 0);
+}
+
+TEST_F(VirtualCamera, MoreDataThanTheHostAdapterTransfersIsRefusedAtOnce) {
+    PlugAndOpen();
+    for (const UCHAR direction : std::array<UCHAR, 3>{SCSI_IOCTL_DATA_OUT, SCSI_IOCTL_DATA_IN,
+                                                      SCSI_IOCTL_DATA_UNSPECIFIED}) {
+        Transfer longest(direction, Cdb({0}), 65536);
+        EXPECT_EQ(longest.Run(device.get()), 0u) << int{direction};
+        Transfer tooLong(direction, Cdb({0}), 65537);
+        EXPECT_EQ(tooLong.Issue(device.get()), DWORD{ERROR_INVALID_PARAMETER}) << int{direction};
+    }
+    bus.Unplug(id);
+    PlugAndOpen(WithTransferLimit(1000));
+    Transfer longest = ReadIn(Read6(0, 1), 1000);
+    EXPECT_EQ(longest.Run(device.get()), 0u);
+    Transfer tooLong = ReadIn(Read6(0, 1), 1001);
+    EXPECT_EQ(tooLong.Issue(device.get()), DWORD{ERROR_INVALID_PARAMETER});
 }
 
 TEST_F(VirtualCamera, CheckConditionLeavesSenseDataForOneRequestSense) {

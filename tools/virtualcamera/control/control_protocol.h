@@ -51,6 +51,7 @@ struct PlugRecord {
     GUID secondClass;  // of a second interface, if it has one
     ULONG hasSecondClass;
     ULONG blockCount;
+    ULONG transferLimit;
     StringRecord vendor;
     StringRecord product;
     StringRecord revision;
@@ -68,6 +69,7 @@ struct BehaviourRecord {
     LONG completionStatus;  // 0: none
     LONG immediateStatus;   // 0: none
     ULONG delayMilliseconds;
+    ULONG blockMilliseconds;
     UCHAR scsiStatus;
     UCHAR hold;
     UCHAR ignoreCancel;

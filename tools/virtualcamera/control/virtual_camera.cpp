@@ -154,6 +154,7 @@ CameraId Bus::Plug(const PlugOptions& options) {
     record.hasSecondClass = options.secondClass ? 1 : 0;
     record.secondClass = options.secondClass.value_or(GUID{});
     record.blockCount = options.blockCount;
+    record.transferLimit = options.transferLimit;
     record.vendor = Encode(options.vendor, "vendor");
     record.product = Encode(options.product, "product");
     record.revision = Encode(options.revision, "revision");
@@ -219,6 +220,7 @@ std::vector<CameraInfo> Bus::List() {
             camera.options.secondClass = record.plug.secondClass;
         camera.options.instanceId = record.plug.instanceId;
         camera.options.blockCount = record.plug.blockCount;
+        camera.options.transferLimit = record.plug.transferLimit;
     }
     return cameras;
 }
@@ -259,8 +261,12 @@ void Bus::SetBehaviour(CameraId id, const Behaviour& behaviour) {
         Fail(ERROR_INVALID_PARAMETER, what + ": the delay must be from 0 to " +
                                           std::to_string(protocol::kNone - 1) + " ms, not " +
                                           std::to_string(milliseconds));
+    if (behaviour.block < std::chrono::milliseconds(0) || behaviour.block > std::chrono::hours(1))
+        Fail(ERROR_INVALID_PARAMETER, what + ": the block must be from 0 to 3600000 ms, not " +
+                                          std::to_string(behaviour.block.count()));
     protocol::BehaviourRecord record = {};
     record.id = id;
+    record.blockMilliseconds = static_cast<ULONG>(behaviour.block.count());
     record.completionStatus = behaviour.completionStatus;
     record.immediateStatus = behaviour.immediateStatus;
     record.delayMilliseconds = static_cast<ULONG>(milliseconds);

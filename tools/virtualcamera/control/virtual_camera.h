@@ -64,13 +64,17 @@ struct PlugOptions {
 
     /// The size of the memory, in blocks of kBlockSize; from 1 to kBlockLimit.
     std::uint32_t blockCount = 2048;
+
+    /// Most data bytes of one request, as a host adapter has it. A longer request fails at once
+    /// with ERROR_INVALID_PARAMETER.
+    std::uint32_t transferLimit = 64 * 1024;
 };
 
 /// How a camera treats the pass-through requests that arrive after the change. Requests that are
 /// already pending keep the behaviour that was set when they arrived. The default is an ordinary
 /// camera that answers at once.
 ///
-/// Order of the checks for one request: `immediateStatus`; then, if any of `hold`, `delay` and
+/// Order for one request: `block`; `immediateStatus`; then, if any of `hold`, `delay` and
 /// `completionStatus` is set, the request is pended; when it ends, `completionStatus`, then
 /// `scsiStatus`, then the command itself. A command is carried out when its request ends, so a
 /// held write that is cancelled changes nothing.
@@ -84,6 +88,12 @@ struct Behaviour {
     /// Not 0: the driver's dispatch routine completes the request with this status at once.
     /// Warnings such as STATUS_BUFFER_OVERFLOW and STATUS_CANCELLED are possible too.
     NtStatus immediateStatus = 0;
+
+    /// More than 0: the driver's dispatch routine first waits for this time, and the caller's
+    /// DeviceIoControl with it, as in Windows' CD-ROM driver while a command runs. Under Wine all
+    /// requests to all cameras wait, and those of this library. At most an hour. Whole
+    /// milliseconds.
+    std::chrono::milliseconds block{0};
 
     /// More than 0: the request is pended and completed after this time. Whole milliseconds.
     std::chrono::milliseconds delay{0};

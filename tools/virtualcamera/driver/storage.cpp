@@ -123,12 +123,14 @@ NTSTATUS QueryProperty(Camera* camera, IRP* irp) {
 
 /// Checks the caller's input, once: after this every offset and length in the block is inside the
 /// IRP's buffer.
-NTSTATUS CheckBlock(const SCSI_PASS_THROUGH* block, ULONG inputLength, ULONG outputLength) {
+NTSTATUS CheckBlock(const SCSI_PASS_THROUGH* block, ULONG inputLength, ULONG outputLength,
+                    ULONG transferLimit) {
     constexpr ULONG kHead = sizeof(SCSI_PASS_THROUGH);
     if (inputLength < kHead || outputLength < kHead || block->Length != kHead)
         return STATUS_INVALID_PARAMETER;
     if (block->CdbLength == 0 || block->CdbLength > sizeof(block->Cdb) ||
-        block->DataIn > SCSI_IOCTL_DATA_UNSPECIFIED || block->TimeOutValue == 0)
+        block->DataIn > SCSI_IOCTL_DATA_UNSPECIFIED || block->TimeOutValue == 0 ||
+        block->DataTransferLength > transferLimit)
         return STATUS_INVALID_PARAMETER;
     const bool reads = block->DataIn == SCSI_IOCTL_DATA_IN;
     if (block->DataTransferLength == 0 && !reads)
@@ -290,6 +292,7 @@ NTSTATUS PassThrough(Camera* camera, IRP* irp) {
     bool refused = false;
     bool ignoreCancel = false;
     ULONG delay = 0;
+    ULONG block = 0;
     LONG immediate = STATUS_SUCCESS;
     {
         SpinLockGuard guard(&bus->lock);
@@ -302,9 +305,16 @@ NTSTATUS PassThrough(Camera* camera, IRP* irp) {
         request->held = behaviour.hold != 0;
         ignoreCancel = behaviour.ignoreCancel != 0;
         delay = behaviour.delayMilliseconds;
+        block = behaviour.blockMilliseconds;
         immediate = behaviour.immediateStatus;
     }
     FreePool(oldest);
+    if (block != 0) {
+        CheckWaiters(bus);
+        LARGE_INTEGER relative = {};
+        relative.QuadPart = -(block * kTicksPerMillisecond);
+        KeDelayExecutionThread(KernelMode, FALSE, &relative);
+    }
 
     NTSTATUS status = STATUS_PENDING;
     if (refused)
@@ -312,7 +322,7 @@ NTSTATUS PassThrough(Camera* camera, IRP* irp) {
     else if (immediate != STATUS_SUCCESS)
         status = Complete(irp, immediate);
     else if (status = CheckBlock(static_cast<SCSI_PASS_THROUGH*>(irp->AssociatedIrp.SystemBuffer),
-                                 inputLength, outputLength);
+                                 inputLength, outputLength, camera->plug.transferLimit);
              !NT_SUCCESS(status))
         Complete(irp, status);
     else if (request->held || delay != 0 || request->answer.completionStatus != STATUS_SUCCESS) {

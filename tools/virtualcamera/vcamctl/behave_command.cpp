@@ -17,6 +17,7 @@ struct Arguments {
     unsigned scsiStatus = 0;
     std::uint32_t completionStatus = 0;
     std::uint32_t immediateStatus = 0;
+    std::uint32_t block = 0;
     std::uint32_t delay = 0;
     bool hold = false;
     bool ignoreCancel = false;
@@ -32,6 +33,7 @@ void Behave(const Arguments& given) {
     behaviour.scsiStatus = static_cast<std::uint8_t>(given.scsiStatus);
     behaviour.completionStatus = static_cast<vcam::NtStatus>(given.completionStatus);
     behaviour.immediateStatus = static_cast<vcam::NtStatus>(given.immediateStatus);
+    behaviour.block = std::chrono::milliseconds(given.block);
     behaviour.delay = std::chrono::milliseconds(given.delay);
     behaviour.hold = given.hold;
     behaviour.ignoreCancel = given.ignoreCancel;
@@ -63,6 +65,11 @@ void AddBehave(CLI::App& app) {
         ->add_option("--immediate-status", a.immediateStatus,
                      "NTSTATUS with which every request fails at once")
         ->check(anyNumber);
+    command
+        ->add_option("--block", a.block,
+                     "Milliseconds for which the driver's dispatch routine waits first, and the "
+                     "caller with it")
+        ->check(CLI::Range(std::uint32_t{0}, std::uint32_t{3'600'000}));
     // 0xFFFFFFFF is no delay that the control library accepts.
     command->add_option("--delay", a.delay, "Milliseconds for which every request is pended")
         ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max() - 1));

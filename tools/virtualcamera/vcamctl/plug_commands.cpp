@@ -105,6 +105,8 @@ void AddPlug(CLI::App& app) {
     command->add_option("--blocks", a.plug.blockCount, "Size of the memory in blocks of 512 bytes")
         ->check(CLI::Range(std::uint32_t{1}, vcam::kBlockLimit))
         ->capture_default_str();
+    command->add_option("--transfer-limit", a.plug.transferLimit, "Most data bytes of one command")
+        ->capture_default_str();
     command->add_option("--memory", a.memory, "File with the initial content of the memory");
     command->add_option("--instance", a.instance, "Instance id, a part of the device path");
     command->callback([arguments] { Plug(*arguments); });
