@@ -2,6 +2,7 @@
 // once.
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <initializer_list>
 #include <numeric>
@@ -43,6 +44,23 @@ TEST_F(TransferTest, ClientsOfOneCameraShareItsHandle) {
     RawClient three = Connect();
     EXPECT_EQ(three.Ask(kTransferNoData, 1, kCamera, TestUnitReady()), Succeeded(1, kCamera));
     EXPECT_EQ(camera.Counters().opens, before.opens + 2);
+}
+
+TEST_F(TransferTest, WhileACommandBlocksInTheDriverAllClientsWait) {
+    using std::chrono::steady_clock;
+    RawClient busy = Connect();
+    RawClient other = Connect();
+    camera.Set(BlocksTheCaller(std::chrono::seconds(2)));
+    busy.SendRequest(kTransferNoData, 1, kCamera, TestUnitReady());
+    // Round trips that touch no camera are quick before the command starts and after its end.
+    steady_clock::duration longest{};
+    for (const Deadline deadline; longest < std::chrono::seconds(1) && !deadline.Over();) {
+        const auto start = steady_clock::now();
+        ASSERT_TRUE(other.RoundTrip());
+        longest = std::max(longest, steady_clock::now() - start);
+    }
+    EXPECT_GE(longest, std::chrono::seconds(1));
+    EXPECT_EQ(busy.ReceiveMessage(), Succeeded(1, kCamera));
 }
 
 /// The service in the foreground, with two cameras. The enumeration decides which of

@@ -13,8 +13,11 @@
 #include "call_log.h"
 #include "device/device.h"
 #include "device/windows_exception.h"
+#include "import_hook.h"
 #include "session_fixture.h"
 #include "windows_error.h"
+
+extern "C" decltype(&::CreateFileW) __imp_CreateFileW;
 
 namespace {
 
@@ -53,6 +56,27 @@ TEST_F(SessionTest, CameraThatCannotBeOpenedEndsTheRun) {
     server.reset();
     EXPECT_EQ(Shutdowns(), 1u);
     ForgetPlugged();
+}
+
+/// As an exclusive open fails while Explorer, AutoPlay or a virus scanner has the drive open. The
+/// call is redirected, because Wine enforces no share mode for this camera and ignores a driver's
+/// refusal.
+TEST_F(SessionTest, CameraThatAnotherProgramHasOpenEndsTheRun) {
+    Start();
+    using Create = HookedImport<&__imp_CreateFileW>;
+    const Create refused([&](const wchar_t* path, DWORD access, DWORD share,
+                             SECURITY_ATTRIBUTES* security, DWORD disposition, DWORD flags,
+                             HANDLE sample) {
+        if (bus.InterfacePath(camera) != path)
+            return Create::Original(path, access, share, security, disposition, flags, sample);
+        EXPECT_EQ(share, 0u);
+        ::SetLastError(ERROR_SHARING_VIOLATION);
+        return INVALID_HANDLE_VALUE;
+    });
+    client->Write(MessageBytes(3, 1, kFirstCamera, Read6(0, 1)));
+    EXPECT_TRUE(
+        StartsWith(WindowsErrorOf([&] { port.DispatchUntil("the error", [] { return false; }); }),
+                   "Device::Open() failed.  GetLastError() = 0x20 ("));
 }
 
 TEST_F(SessionTest, SessionKeepsOneCameraOpenAndClosesItForTheNext) {
