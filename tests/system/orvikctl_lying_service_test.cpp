@@ -18,6 +18,8 @@ using client_test::FakeService;
 using client_test::Peer;
 using client_test::Request;
 
+constexpr auto npos = std::string::npos;
+
 const std::string kNonsense = "the service sent an invalid message of type 77";
 
 /// In place of an answer.
@@ -133,7 +135,11 @@ TEST_P(OrvikctlCommand, ServiceThatLeavesInsteadOfAnAnswer) {
     if (GetParam().name == "list")
         GTEST_SKIP() << "is done before";
     const auto service = Play(Begin);
-    EXPECT_TRUE(FailedOrReported(Run(), 9, "the service has closed the connection"));
+    const Result result = Run();
+    EXPECT_TRUE(FailedOrReported(result, 9, "the service has closed the connection"));
+    // So it looks when the service cannot open the camera.
+    const bool usesCamera = std::string("inquiry read write raw").find(GetParam().name) != npos;
+    EXPECT_EQ(result.errors.back().find("another program") != npos, usesCamera) << result;
 }
 
 TEST_P(OrvikctlCommand, NonsenseInsteadOfAnAnswer) {
@@ -160,8 +166,9 @@ TEST_F(OrvikctlLyingService, ThatLeavesInTheMiddleOfARead) {
         peer.Succeed(peer.ReadRequest(), Bytes(kLongBlock));
         peer.ReadRequest();
     });
-    EXPECT_TRUE(
-        Failed(Run(L"read --outstanding 1 -o "), 9, "the service has closed the connection"));
+    const Result result = Run(L"read --outstanding 1 -o ");
+    EXPECT_TRUE(Failed(result, 9, "the service has closed the connection"));
+    EXPECT_EQ(result.errors.back().find("another program"), npos) << result;  // camera was open
 }
 
 TEST_F(OrvikctlLyingService, ThatLeavesInTheMiddleOfAWrite) {

@@ -94,6 +94,25 @@ TEST_F(OrvikctlRaw, SendsAFile) {
     EXPECT_EQ(bus.ReadMemory(camera.Id(), 3 * vcam::kBlockSize, 1024), block);
 }
 
+TEST_F(OrvikctlRaw, MoreThan64KiBAreSentOnlyIfAskedForByName) {
+    const Bytes data = Pattern(130 * vcam::kBlockSize, 11);
+    MakeFile(L"x", data);
+    const std::wstring arguments = L"raw -s 66560 -i " + Quoted(L"x") + L" 0a 00 00 00 82 00";
+    EXPECT_TRUE(Failed(OrvikctlInForeground(arguments), 2,
+                       "--send must be at most 65536 without --allow-large, because "));
+    EXPECT_EQ(camera.Counters().requests, 0u);
+
+    // A host adapter as most are refuses it, and the service gives the camera up.
+    EXPECT_TRUE(Failed(OrvikctlInForeground(arguments + L" --allow-large"), 8));
+    EXPECT_TRUE(Failed(OrvikctlInForeground(L"inquiry"), 6, "no camera is present"));
+    EXPECT_TRUE(service.IsRunning());
+
+    const PluggedCamera other(bus, WithTransferLimit(static_cast<std::uint32_t>(data.size())));
+    service.Output().WaitFor("DeviceArrival: ", 2);
+    EXPECT_EQ(OrvikctlInForeground(arguments + L" --allow-large").exitCode, 0u);
+    EXPECT_EQ(bus.ReadMemory(other.Id(), 0, data.size()), data);
+}
+
 TEST_F(OrvikctlRaw, SendsStandardInput) {
     const Bytes block = Pattern(2 * vcam::kBlockSize, 11);
     MakeFile(L"x", block);
@@ -123,6 +142,14 @@ TEST_F(OrvikctlRaw, FileThatCannotBeMadeKeepsTheCommandBack) {
         Failed(OrvikctlInForeground(L"raw -r 36 -o " + Quoted(L"none/x") + L" 12 00 00 00 24 00"),
                1, "cannot create "));
     EXPECT_EQ(camera.Counters().requests, 0u);
+}
+
+TEST_F(OrvikctlRaw, TimeOutWhileACommandRunsSaysThatTheServiceIsBusy) {
+    camera.Set(BlocksTheCaller(std::chrono::milliseconds(700)));
+    EXPECT_TRUE(Failed(OrvikctlInForeground(L"raw -t 0.1 -n 00 00 00 00 00 00"), 7,
+                       "camera 1 did not answer within 100 ms (--timeout): it is slow, or the "
+                       "service is busy with a command of another program"));
+    EXPECT_TRUE(service.IsRunning());
 }
 
 TEST_F(OrvikctlRaw, CameraThatRefuses) {

@@ -12,6 +12,10 @@
 
 namespace {
 
+/// Most bytes that -s sends by itself: many host adapters refuse a longer command, and the service
+/// then gives the camera up until it is plugged again.
+constexpr std::uint32_t kOrdinarySendLimit = 64 * 1024;
+
 /// The service copies the data of a request into its memory, and ends its run if that fails.
 /// No camera accepts this much with one command.
 constexpr std::uint32_t kSendLimit = 16 * 1024 * 1024;
@@ -20,6 +24,7 @@ struct Options {
     std::vector<std::string> words;  // [CAMERA] CDB...
     std::optional<std::uint32_t> receive;
     std::optional<std::uint32_t> send;
+    bool large = false;  // --send may exceed kOrdinarySendLimit
     std::string input;
     std::string output;
     std::chrono::milliseconds timeout = orvik::kTransferTimeout;
@@ -82,6 +87,11 @@ std::string Count(std::size_t bytes) {
 
 void Raw(const Settings& settings, const Options& options) {
     const Command command = CommandOf(options.words);
+    if (options.send > kOrdinarySendLimit && !options.large)
+        throw Failure(ExitCode::kUsage,
+                      "--send must be at most " + std::to_string(kOrdinarySendLimit) +
+                          " without --allow-large, because many host adapters refuse a longer "
+                          "command, and the service then gives the camera up");
     // Before connecting to the service, because these can take time, and can fail.
     std::vector<std::byte> data;
     if (options.send)
@@ -153,8 +163,12 @@ void AddRaw(CLI::App& app, const Settings& settings) {
         direction
             ->add_option_function<std::string>(
                 "-s,--send", Decimal<std::uint32_t>("--send", options->send, 1, kSendLimit),
-                "Send LEN bytes to the camera, at most 16777216")
+                "Send LEN bytes to the camera, at most 65536")
             ->type_name("LEN");
+    command
+        ->add_flag("--allow-large", options->large,
+                   "Allow up to 16777216 bytes with -s; many host adapters refuse such a command")
+        ->needs(send);
     direction->add_flag("-n,--no-data")->description("Transfer no data");
     direction->require_option(1);
     command

@@ -3,6 +3,8 @@
 #include <optional>
 #include <string>
 
+#include "exit_code.h"
+
 Transfers::Transfers(orvik::Client& cameraClient, orvik::CameraId cameraId,
                      std::chrono::milliseconds answerTime)
     : client(cameraClient),
@@ -37,11 +39,19 @@ std::vector<std::byte> Transfers::Finish() {
         if (!ended)
             throw orvik::Error(orvik::ErrorKind::kTimedOut,
                                "camera " + std::to_string(camera) + " did not answer within " +
-                                   std::to_string(timeout.count()) + " ms (--timeout)");
+                                   std::to_string(timeout.count()) +
+                                   " ms (--timeout): it is slow, or the service is busy with a "
+                                   "command of another program");
         early.insert(std::move(*ended));
     }
     orvik::TransferResult result = std::move(early.extract(finished).mapped());
-    ++finished;
+    const bool first = finished++ == 0;
+    if (result.error && result.error->Kind() == orvik::ErrorKind::kServiceGone && first)
+        throw Failure(ExitCode::kTransport,
+                      std::string(result.error->what()) +
+                          ". The first command to a camera opens it, and the service ends if that "
+                          "fails: another program, such as Explorer, AutoPlay or a virus scanner, "
+                          "may have the camera open. Try again");
     if (result.error)
         throw orvik::Error(*result.error);
     return std::move(result.data);
