@@ -13,9 +13,10 @@
 #include "windows/unique_memory.h"
 #include "windows/unique_service_handle.h"
 
-#ifndef _MSC_VER
-/// GCC and clang have this called in place of a pure virtual function. That of their library ends
-/// the process in a way that no crash handler sees; this is a fault.
+#if defined(__clang__) && !defined(_MSC_VER)
+/// Called in place of a pure virtual function. That of the C++ library, which lld links, ends the
+/// process in a way that no crash handler sees; this is a fault. GNU's linker leaves the library's
+/// function out, so that the call is a fault anyway, and takes this one for a second definition.
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the name is the compilers'
 extern "C" [[noreturn]] void __cxa_pure_virtual() {
     __builtin_trap();
