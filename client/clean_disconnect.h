@@ -25,6 +25,8 @@
 //   waiting, that later turn has come, and both its connections can be closed (SecondConnection).
 //   Any program may serve instances of the pipe too, so the instance that the client takes must be
 //   the service's. The one that waits may be another program's: Windows does not tell whose it is.
+//   If such an instance appears between the two, the client leaves too early, and the service's run
+//   may end.
 
 namespace orvik {
 

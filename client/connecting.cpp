@@ -140,6 +140,8 @@ UniqueHandle ConnectToService(const std::wstring& pipeName, bool checkServer,
         }
         switch (code) {
             case ERROR_PIPE_BUSY:
+                if (deadline.Passed() && !others.empty())
+                    throw WrongServer(ServerProcess(others.back().get()), ServiceState());
                 if (deadline.Passed())
                     throw Error(ErrorKind::kBusy,
                                 "the service is busy: no instance of its pipe was free in time",
