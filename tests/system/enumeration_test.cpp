@@ -85,13 +85,6 @@ TEST_F(EnumerationTest, CameraThatIsADiskAndACdromIsTwoCameras) {
     EXPECT_EQ(camera.Counters().opens, before.opens + 2);
     EXPECT_EQ(camera.Counters().closes, before.closes);
     EXPECT_EQ(camera.Counters().requests, 2u);
-
-    camera.Unplug();
-    std::vector<Message> gone{client.ReceiveMessage(), client.ReceiveMessage()};
-    if (gone[0] == Detached(2))
-        std::swap(gone[0], gone[1]);  // Windows reports the two removals in any order
-    EXPECT_EQ(gone[0], Detached(1));
-    EXPECT_EQ(gone[1], Detached(2));
     EXPECT_TRUE(service.IsRunning());
 }
 

@@ -240,7 +240,9 @@ TEST_F(TransferTest, RequestForACameraThatIsNoLongerThereEndsTheRun) {
     const Bytes told = client.ReceiveUntilClosed();
     EXPECT_TRUE(told.empty() || told == HeaderBytes(Detached(kCamera).header));
     EXPECT_EQ(service.WaitForEnd(), 0u);
-    const std::string text = service.Errors().Text();
+    std::string text;
+    for (const std::string& line : service.ErrorLines())
+        text += line + '\n';
     EXPECT_TRUE(text.find("Exception: Device::Open() failed.  GetLastError() = 0x") != text.npos ||
                 text.find("Exception: Bad camera in request.") != text.npos)
         << text;
