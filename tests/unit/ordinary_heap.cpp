@@ -67,18 +67,24 @@ std::string Snapshot::Difference() const {
 }
 
 AllocationRecord::AllocationRecord() noexcept = default;
-AllocationRecord::~AllocationRecord() = default;
+AllocationRecord::~AllocationRecord() {
+    // There is no record to end.
+}
 
 std::vector<std::size_t> AllocationRecord::Stop() {
     return {};
 }
 
 ErrorChangingFree::ErrorChangingFree() noexcept = default;
-ErrorChangingFree::~ErrorChangingFree() = default;
+ErrorChangingFree::~ErrorChangingFree() {
+    // Free() was not changed.
+}
 
 FailingAllocation::FailingAllocation(std::size_t /*number*/) noexcept {}
 FailingAllocation::FailingAllocation(std::size_t /*number*/, std::size_t /*size*/) noexcept {}
-FailingAllocation::~FailingAllocation() = default;
+FailingAllocation::~FailingAllocation() {
+    // No allocation was made to fail.
+}
 
 bool FailingAllocation::HasFailed() const noexcept {
     return false;
