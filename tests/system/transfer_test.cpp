@@ -216,6 +216,7 @@ TEST_F(TransferTest, CameraGivenUpFailsForEveryClientThatHasIt) {
     mainCommunicator.SendRequest(kTransferNoData, 5, kCamera, TestUnitReady());
     EXPECT_EQ(mainCommunicator.ReceiveUntilClosed(), Bytes());
     service.Errors().WaitFor("Exception: Bad camera in request.");
+    EXPECT_EQ(service.WaitForEnd(), 0u);
 }
 
 TEST_F(TransferTest, CameraGivenUpWithoutAMainCommunicatorIsSaidOnStandardError) {
