@@ -133,19 +133,21 @@ UniqueHandle ConnectToService(const std::wstring& pipeName, bool checkServer,
         if (pipe) {
             if (!checkServer || IsServedByService(pipe.get(), pipeName, deadline))
                 return pipe;
-            others.push_back(std::move(pipe));
-            if (IsOpen(others.back().get()))
+            if (IsOpen(pipe.get())) {
+                others.push_back(std::move(pipe));
                 continue;
+            }
             code = ERROR_BROKEN_PIPE;
         }
         switch (code) {
             case ERROR_PIPE_BUSY:
-                if (deadline.Passed() && !others.empty())
-                    throw WrongServer(ServerProcess(others.back().get()), ServiceState());
-                if (deadline.Passed())
+                if (deadline.Passed()) {
+                    if (!others.empty())
+                        throw WrongServer(ServerProcess(others.back().get()), ServiceState());
                     throw Error(ErrorKind::kBusy,
                                 "the service is busy: no instance of its pipe was free in time",
                                 code);
+                }
                 WaitForPipeInstance(pipeName, deadline);
                 break;
             case ERROR_FILE_NOT_FOUND:
