@@ -21,6 +21,7 @@ extern decltype(&::AllocateAndInitializeSid) __imp_AllocateAndInitializeSid;
 extern decltype(&::ConnectNamedPipe) __imp_ConnectNamedPipe;
 extern decltype(&::CreateIoCompletionPort) __imp_CreateIoCompletionPort;
 extern decltype(&::CreateNamedPipeW) __imp_CreateNamedPipeW;
+extern decltype(&::FormatMessageA) __imp_FormatMessageA;
 extern decltype(&::FreeSid) __imp_FreeSid;
 extern decltype(&::InitializeSecurityDescriptor) __imp_InitializeSecurityDescriptor;
 extern decltype(&::LocalFree) __imp_LocalFree;
@@ -223,6 +224,22 @@ TEST_P(FailingAcceptTest, BehindAClientIsOneLineAndThatClientIsServed) {
     EXPECT_EQ(WaitForMessage(*client, 2).header.messageType, kTransferSucceeded);
     Leave(client);
     ExpectNewServerServes();
+}
+
+// SetEntriesInAclW returns its error and does not set the last error.
+TEST_F(AcceptingTest, ExceptionForTheAccessListHasTheErrorThatTheCallReturned) {
+    std::vector<DWORD> codes;  // for which the system's message is asked
+    {
+        const SecurityBlocks blocks(0, true);
+        using Format = HookedImport<&__imp_FormatMessageA>;
+        const Format format([&](DWORD flags, const void* source, DWORD code, DWORD language,
+                                char* text, DWORD size, va_list* arguments) {
+            codes.push_back(code);
+            return Format::Original(flags, source, code, language, text, size, arguments);
+        });
+        StartServer();
+    }
+    EXPECT_EQ(codes, std::vector<DWORD>{ERROR_INVALID_PARAMETER});
 }
 
 TEST_F(AcceptingTest, SecurityOfEachInstanceIsFreedOnceItIsMade) {

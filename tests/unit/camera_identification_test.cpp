@@ -20,9 +20,37 @@ extern "C" {
 extern decltype(&::CloseHandle) __imp_CloseHandle;
 extern decltype(&::CreateFileW) __imp_CreateFileW;
 extern decltype(&::DeviceIoControl) __imp_DeviceIoControl;
+extern decltype(&::GlobalAlloc) __imp_GlobalAlloc;
+extern decltype(&::GlobalFree) __imp_GlobalFree;
 }
 
 namespace {
+
+/// While it lives, each block of GlobalAlloc has no zero in it and ends at a page that faults on
+/// access.
+class GuardedGlobalBlocks {
+public:
+    GuardedGlobalBlocks()
+        : allocate([](UINT, SIZE_T size) -> HGLOBAL {
+              EXPECT_LE(size, kPage);
+              auto* const pages = static_cast<char*>(
+                  ::VirtualAlloc(nullptr, 2 * kPage, MEM_RESERVE, PAGE_NOACCESS));
+              ::VirtualAlloc(pages, kPage, MEM_COMMIT, PAGE_READWRITE);
+              std::memset(pages, 'x', kPage);
+              return pages + kPage - size;
+          }),
+          free([](HGLOBAL block) -> HGLOBAL {
+              MEMORY_BASIC_INFORMATION memory{};
+              ::VirtualQuery(block, &memory, sizeof(memory));
+              EXPECT_TRUE(::VirtualFree(memory.AllocationBase, 0, MEM_RELEASE));
+              return nullptr;
+          }) {}
+
+private:
+    static constexpr SIZE_T kPage = 4096;
+    HookedImport<&__imp_GlobalAlloc> allocate;
+    HookedImport<&__imp_GlobalFree> free;
+};
 
 class IdentificationTest : public InProcessService {
 protected:
@@ -146,6 +174,7 @@ TEST_F(IdentificationTest, OffsetsOutsideTheDescriptorAreTakenForAbsentStrings) 
 }
 
 TEST_F(IdentificationTest, StringWithoutItsEndStopsAtTheDescriptorsEnd) {
+    const GuardedGlobalBlocks guard;
     // The revision's NUL would be behind the last byte.
     const std::string strings("Orvik\0F01", 9);
     const ULONG size = kStrings + 9;
@@ -156,7 +185,9 @@ TEST_F(IdentificationTest, StringWithoutItsEndStopsAtTheDescriptorsEnd) {
 }
 
 TEST_F(IdentificationTest, OddSizesOfTheDescriptorAreNoCamera) {
-    for (const ULONG size : {0ul, 1ul, 8ul, 12ul, 35ul}) {
+    const GuardedGlobalBlocks guard;
+    // The vendor's offset ends at 16, the product's at 20, the revision's at 24.
+    for (const ULONG size : {0ul, 1ul, 8ul, 12ul, 13ul, 14ul, 17ul, 18ul, 21ul, 22ul, 35ul}) {
         SCOPED_TRACE(size);
         EXPECT_FALSE(Identify(WithDescriptor(std::max<std::size_t>(size, 8), size, 1, 1, "")));
     }

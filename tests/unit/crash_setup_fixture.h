@@ -204,6 +204,8 @@ private:
             return FALSE;
         information->hProcess = self.process = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
         information->hThread = self.thread = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+        information->dwProcessId = 4;
+        information->dwThreadId = 8;
         return TRUE;
     }
 

@@ -141,6 +141,15 @@ TEST_F(DeviceEventsTest, ArrivalOfAKnownPathIsIgnoredWhateverItsCase) {
     EXPECT_EQ(main->Messages().size(), 2u);
 }
 
+TEST_F(DeviceEventsTest, SecondArrivalOfACameraDoesNotStartTheApplicationAgain) {
+    StartServer();
+    const vcam::CameraId camera = Plug();
+    Arrive(camera);
+    Arrive(camera);
+    EXPECT_EQ(Launches(), 1u);
+    EXPECT_EQ(Cameras(), Ids{1});
+}
+
 TEST_F(DeviceEventsTest, ArrivalOfAnyClassButCdRomIsIgnored) {
     StartServer();
     const vcam::CameraId disk = PlugAs(vcam::kDiskInterface);

@@ -105,6 +105,7 @@ TEST(WideOutput, FailingOutputIsNoError) {
     {
         const WideOutput wide;
         EXPECT_NO_THROW(std::wcout << L"lost \u00e4" << std::endl);
+        EXPECT_TRUE(std::wcout.bad()) << "the stream was told that nothing was written";
         std::wcout.clear();
     }
     std::cout.rdbuf(previous);

@@ -9,6 +9,7 @@
 
 #include "device/device.h"
 #include "device/io_operation.h"
+#include "guarded_heap.h"
 
 namespace {
 
@@ -47,6 +48,13 @@ TEST(WindowsException, WithoutATextThereIsOnlyTheCode) {
     ::SetLastError(ERROR_ACCESS_DENIED);
     EXPECT_EQ(WindowsException().what(), expected);
     EXPECT_EQ(TextFor(ERROR_ACCESS_DENIED, ""), "  " + expected);
+}
+
+TEST(WindowsException, CodeIsThatFromBeforeTheFormatting) {
+    ORVIK_NEEDS_GUARDED_HEAP();
+    const std::string text(2000, 'x');  // the stream allocates its buffer again and frees the first
+    const guarded_heap::ErrorChangingFree changing;
+    EXPECT_EQ(TextFor(0x20001234, text.c_str()), text + "  GetLastError() = 0x20001234 ()");
 }
 
 TEST(WindowsException, MessageIsOnlyTheFirstLine) {
