@@ -1,6 +1,9 @@
 #include "client/connecting.h"
 
 #include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstddef>
 #include <utility>
 #include <vector>
 
@@ -24,13 +27,31 @@ constexpr DWORD kMillisecondsBetweenAttempts = 10;
                 code);
 }
 
-/// Whether the server has not closed its end yet.
+/// Whether the server has not closed its end yet. Discards what the server has sent, because until
+/// all of it has been read the system does not say that the server has closed its end. A server
+/// that sends more than the pipe's buffer holds is there.
 bool IsOpen(HANDLE pipe) noexcept {
-    return ::PeekNamedPipe(pipe, nullptr, 0, nullptr, nullptr, nullptr) != FALSE;
+    constexpr DWORD kPipeBuffer = 65'536;
+    DWORD available = 0;
+    for (DWORD discarded = 0; discarded <= kPipeBuffer; discarded += available) {
+        if (!::PeekNamedPipe(pipe, nullptr, 0, nullptr, &available, nullptr))
+            return false;
+        if (available == 0)
+            return true;
+        std::array<std::byte, 4096> data;
+        available = std::min<DWORD>(available, data.size());
+        OVERLAPPED reading{};  // no other operation of this pipe is in progress
+        if (!::ReadFile(pipe, data.data(), available, nullptr, &reading) &&
+            ::GetLastError() != ERROR_IO_PENDING)
+            return false;
+        DWORD count = 0;
+        ::GetOverlappedResult(pipe, &reading, &count, TRUE);
+    }
+    return true;
 }
 
-/// What the service control manager knows about the service. Needs no right that an ordinary user
-/// lacks. Throws Error kAccessDenied and kSystem.
+/// What the service control manager knows about the service. Every local user may ask; the network
+/// logon of an ordinary user may not. Throws Error kAccessDenied and kSystem.
 struct ServiceState {
     ServiceState() {
         const UniqueServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));

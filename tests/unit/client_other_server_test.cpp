@@ -1,6 +1,7 @@
 // Another program that serves instances of the camera pipe, as any user may.
 
 #include <chrono>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,7 @@ using client_test::Client;
 using client_test::ErrorOf;
 using client_test::FakeService;
 using client_test::Peer;
+using client_test::Signal;
 using orvik::ErrorKind;
 
 constexpr DWORD kOtherProcess = 4;
@@ -92,6 +94,28 @@ TEST(ClientOtherServer, NothingButOtherServersIsTheWrongServerAtTheDeadline) {
     EXPECT_NE(std::string(error.what()).find("the service is process"), std::string::npos)
         << error.what();
     EXPECT_GT(service.Connections(), 2);
+}
+
+TEST(ClientOtherServer, ServerThatClosesAfterAnAnnouncementIsNotTheWrongServer) {
+    Signal asked;
+    Signal closed;
+    FakeService service([&](Peer& peer) {
+        peer.Announce(7);
+        EXPECT_TRUE(asked.Wait());
+        peer.Close();
+        closed.Set();
+    });
+    std::once_flag once;
+    const HookedImport<&__imp_GetNamedPipeServerProcessId> hook([&](HANDLE, ULONG* process) {
+        std::call_once(once, [&] {
+            asked.Set();
+            EXPECT_TRUE(closed.Wait());
+        });
+        *process = ::GetCurrentProcessId();
+        return TRUE;
+    });
+    const auto error = ErrorOf([&] { orvik::Client client(CheckingOptions(service)); });
+    EXPECT_EQ(error.Kind(), ErrorKind::kNotInstalled) << error.what();
 }
 
 TEST(ClientOtherServer, SecondConnectionOfADisconnectIsToTheSameServer) {
