@@ -1,5 +1,6 @@
 #include "client/connection.h"
 
+#include <algorithm>
 #include <new>
 #include <thread>
 #include <utility>
@@ -23,6 +24,7 @@ constexpr int kReadsAtOnce = 32;
 
 Client::Connection::Connection(const ConnectOptions& options)
     : pipeName(options.pipe.empty() ? std::wstring(kCameraPipeName) : options.pipe),
+      transferOutLimit(std::min(options.transferOutLimit, kTransferOutLimit)),
       readEvent(MakeEvent(true)) {
     const Deadline deadline(options.timeout);
     stream.emplace(ConnectToService(pipeName, options.checkServer, deadline), readEvent.get());
@@ -80,7 +82,7 @@ std::vector<std::byte> Client::Connection::Transfer(TransferType type, CameraId 
                                                     std::span<const std::byte> cdb,
                                                     std::span<const std::byte> data,
                                                     const Deadline& deadline) {
-    std::vector<std::byte> message = MakeTransferRequest(type, camera, cdb, data);
+    std::vector<std::byte> message = MakeTransferRequest(type, camera, cdb, data, transferOutLimit);
     Lock lock(mutex);
     RequireCamera(lock, camera, deadline);
     TransferResult result = SendAndWait(lock, {.type = type, .camera = camera}, message, deadline);
@@ -95,7 +97,7 @@ RequestId Client::Connection::StartTransfer(TransferType type, CameraId camera,
                                             Completion completion) {
     if (!completion)
         throw Error(ErrorKind::kBadArgument, "completion must be a function; it is empty");
-    std::vector<std::byte> message = MakeTransferRequest(type, camera, cdb, data);
+    std::vector<std::byte> message = MakeTransferRequest(type, camera, cdb, data, transferOutLimit);
     const Deadline deadline(kTransferTimeout);
     Lock lock(mutex);
     RequireCamera(lock, camera, deadline);

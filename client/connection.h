@@ -84,6 +84,7 @@ private:
     void Close(const Error& error);
 
     const std::wstring pipeName;
+    const std::size_t transferOutLimit;
     const UniqueHandle readEvent;  // of `stream`
 
     std::mutex mutex;                  // of everything below

@@ -8,14 +8,19 @@ namespace orvik {
 
 std::vector<std::byte> MakeTransferRequest(TransferType type, CameraId camera,
                                            std::span<const std::byte> cdb,
-                                           std::span<const std::byte> data) {
+                                           std::span<const std::byte> data,
+                                           std::size_t transferOutLimit) {
     if (cdb.empty() || cdb.size() > kCdbLimit)
         throw Error(ErrorKind::kBadArgument, "cdb must have 1 to " + std::to_string(kCdbLimit) +
                                                  " bytes; it has " + std::to_string(cdb.size()));
-    if (data.size() > kTransferOutLimit)
-        throw Error(ErrorKind::kBadArgument, "data must have at most " +
-                                                 std::to_string(kTransferOutLimit) +
-                                                 " bytes; it has " + std::to_string(data.size()));
+    if (data.size() > transferOutLimit)
+        throw Error(ErrorKind::kBadArgument,
+                    "data must have at most " + std::to_string(transferOutLimit) +
+                        " bytes; it has " + std::to_string(data.size()) +
+                        ". The service gives up a camera whose adapter refuses a long transfer. "
+                        "Send the data with several commands, or set "
+                        "ConnectOptions::transferOutLimit, at most " +
+                        std::to_string(kTransferOutLimit));
     const MessageHeader header{type, 0, camera,
                                static_cast<std::uint32_t>(kCdbFieldSize + data.size())};
     std::vector<std::byte> message;

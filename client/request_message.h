@@ -14,10 +14,12 @@ namespace orvik {
 
 /// A transfer: the header, the CDB in its field, then the data. The request id is 0 until
 /// SetRequestId().
-/// Throws Error kBadArgument if `cdb` or `data` has a length that cannot be sent.
+/// Throws Error kBadArgument if `cdb` has a length that cannot be sent, or `data` more than
+/// `transferOutLimit` bytes.
 std::vector<std::byte> MakeTransferRequest(TransferType type, CameraId camera,
                                            std::span<const std::byte> cdb,
-                                           std::span<const std::byte> data);
+                                           std::span<const std::byte> data,
+                                           std::size_t transferOutLimit);
 
 using RoundTripRequest = std::array<std::byte, sizeof(MessageHeader)>;
 

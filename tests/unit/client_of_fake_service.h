@@ -10,11 +10,12 @@
 
 namespace client_test {
 
-/// A client of a pipe whose server is not the service that the service control manager runs.
+/// A client of a pipe whose server is not the service that the service control manager runs. It may
+/// send as much as it likes.
 class Client : public orvik::Client {
 public:
     Client(std::chrono::milliseconds timeout, const std::wstring& pipe)
-        : orvik::Client(orvik::ConnectOptions{timeout, false, pipe}) {}
+        : orvik::Client(orvik::ConnectOptions{timeout, false, pipe, orvik::kTransferOutLimit}) {}
 };
 
 inline Bytes MakeBytes(std::initializer_list<unsigned> values) {

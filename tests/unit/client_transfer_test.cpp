@@ -9,6 +9,7 @@
 #include <random>
 #include <set>
 #include <span>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -27,6 +28,7 @@ namespace {
 using namespace std::chrono_literals;
 using client_test::Answer;
 using client_test::Client;
+using client_test::ErrorOf;
 using client_test::FakeService;
 using client_test::KindOf;
 using client_test::MakeBytes;
@@ -151,6 +153,28 @@ TEST(ClientTransfer, MessageThatArrivesByteByByteIsReassembled) {
     });
     Client client(kDeadline, service.Name());
     EXPECT_EQ(client.TransferIn(7, orvik::InquiryCdb(), kDeadline), MakeBytes({1, 2, 3, 4, 5}));
+}
+
+TEST(ClientArguments, MoreThan64KibAreRefusedUnlessTheProgramSetsAGreaterLimit) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Request request = peer.ReadRequest();
+        EXPECT_EQ(request.body.size(), kCdbFieldSize + 65'536) << "another request was sent before";
+        peer.Succeed(request);
+        peer.ReadToTheEnd();
+    });
+    orvik::ConnectOptions options;
+    options.timeout = kDeadline;
+    options.checkServer = false;
+    options.pipe = service.Name();
+    orvik::Client client(options);
+    const Bytes data(65'537);
+    const auto error = ErrorOf([&] { client.TransferOut(7, MakeBytes({0x0A}), data, kDeadline); });
+    EXPECT_EQ(error.Kind(), ErrorKind::kBadArgument);
+    EXPECT_NE(std::string(error.what()).find("set ConnectOptions::transferOutLimit"),
+              std::string::npos)
+        << error.what();
+    client.TransferOut(7, MakeBytes({0x0A}), std::span(data).first(65'536), kDeadline);
 }
 
 TEST(ClientArguments, InvalidOnesAreRefusedBeforeAnythingIsSent) {

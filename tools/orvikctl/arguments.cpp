@@ -88,6 +88,7 @@ orvik::Client Connect(const Settings& settings) {
     ThrowIfCancelled();
     orvik::ConnectOptions options;
     options.checkServer = settings.checkServer;
+    options.transferOutLimit = orvik::kTransferOutLimit;  // each command limits what it sends
     return ThenThrowIfCancelled([&options] { return orvik::Client(options); });
 }
 

@@ -67,6 +67,17 @@ using RequestId = std::uint32_t;
 inline constexpr std::chrono::milliseconds kConnectTimeout{5'000};
 inline constexpr std::chrono::milliseconds kTransferTimeout{30'000};
 
+
+/// Maximum length of a command descriptor block: the service passes on no more.
+inline constexpr std::size_t kCdbLimit = 8;
+
+/// Maximum number of bytes that one TransferIn() returns.
+inline constexpr std::size_t kTransferInLimit = 65'536;
+
+/// Maximum number of bytes that one TransferOut() sends: the limit of a program that sets none
+/// (ConnectOptions), and the greatest that a program can set.
+inline constexpr std::size_t kDefaultTransferOutLimit = 65'536;
+inline constexpr std::size_t kTransferOutLimit = 0x7FFF'FFFF;
 /// How to connect.
 struct ConnectOptions {
     std::chrono::milliseconds timeout = kConnectTimeout;
@@ -77,6 +88,12 @@ struct ConnectOptions {
 
     /// The name of the pipe; empty: the service's own. For tests.
     std::wstring pipe{};
+
+    /// Maximum number of bytes that one transfer sends to a camera, up to kTransferOutLimit. Set
+    /// more than the default only for a camera that is known to accept it: many USB adapters accept
+    /// 64 KiB. Windows fails a longer transfer at once, and the service then gives up the camera
+    /// until it is plugged in again.
+    std::size_t transferOutLimit = kDefaultTransferOutLimit;
 };
 
 /// What a subscriber's handler is called with.
@@ -187,9 +204,9 @@ public:
     std::vector<std::byte> TransferIn(CameraId camera, std::span<const std::byte> cdb,
                                       std::chrono::milliseconds timeout = kTransferTimeout);
 
-    /// Sends a command with data for the camera, at most kTransferOutLimit bytes, and waits until
-    /// the camera has executed it. The service holds all the data in memory, and ends its run if
-    /// that fails: send no more at a time than a camera accepts.
+    /// Sends a command with data for the camera, at most ConnectOptions::transferOutLimit bytes,
+    /// and waits until the camera has executed it. The service holds all the data in memory, and
+    /// ends its run if that fails.
     void TransferOut(CameraId camera, std::span<const std::byte> cdb,
                      std::span<const std::byte> data,
                      std::chrono::milliseconds timeout = kTransferTimeout);
@@ -218,13 +235,6 @@ private:
     class Connection;
     std::shared_ptr<Connection> connection;
 };
-
-/// Maximum length of a command descriptor block: the service passes on no more.
-inline constexpr std::size_t kCdbLimit = 8;
-
-/// Maximum number of bytes that one TransferIn() returns, and that one TransferOut() sends.
-inline constexpr std::size_t kTransferInLimit = 65'536;
-inline constexpr std::size_t kTransferOutLimit = 0x7FFF'FFFF;
 
 // SCSI commands (SPC, SBC) for the functions above.
 
