@@ -1,5 +1,6 @@
 #include "client/callback_thread.h"
 
+#include <algorithm>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -55,6 +56,11 @@ void CallbackThread::ExpectCompletion() noexcept {
         Wake();
 }
 
+void CallbackThread::WakeBy(const Deadline& time) noexcept {
+    if (waits != Waits::kNot && time < waitEnd)
+        Wake();
+}
+
 CallbackThread::SynchronousCall::SynchronousCall(CallbackThread& callbackThread) noexcept
     : owner(&callbackThread) {
     ++owner->callsMade;
@@ -80,17 +86,19 @@ void CallbackThread::CallNext(Lock& lock) {
     calling = false;
 }
 
-CallbackThread::Wait CallbackThread::BeginWait(bool completionExpected) noexcept {
+CallbackThread::Wait CallbackThread::BeginWait(bool completionExpected,
+                                               DWORD mostMilliseconds) noexcept {
     const bool called = std::exchange(callsSeen, callsMade) != callsMade;
-    DWORD milliseconds = INFINITE;
+    DWORD milliseconds = mostMilliseconds;
     if (!completionExpected && called) {
         waits = Waits::kForNextCall;
-        milliseconds = kMillisecondsBetweenCalls;
+        milliseconds = std::min(mostMilliseconds, kMillisecondsBetweenCalls);
     } else if (!completionExpected && callsInProgress != 0) {
         waits = Waits::kForLastCall;
     } else {
         waits = Waits::kForPipe;
     }
+    waitEnd = Deadline(std::chrono::milliseconds(milliseconds));
     return {wakeEvent.get(), milliseconds, waits == Waits::kForPipe};
 }
 

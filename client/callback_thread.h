@@ -8,6 +8,7 @@
 
 #include <windows.h>
 
+#include "client/deadline.h"
 #include "windows/unique_handle.h"
 
 namespace orvik {
@@ -48,6 +49,9 @@ public:
     /// reads the pipe.
     void ExpectCompletion() noexcept;
 
+    /// Tells the thread to wait no longer than until then before it looks at everything again.
+    void WakeBy(const Deadline& time) noexcept;
+
     /// One synchronous call, which reads the pipe while this object lives.
     class SynchronousCall {
     public:
@@ -76,8 +80,9 @@ public:
         bool forPipe;        ///< or until something can be read
     };
 
-    /// `completionExpected`: a request with a completion is outstanding.
-    Wait BeginWait(bool completionExpected) noexcept;
+    /// `completionExpected`: a request with a completion is outstanding. `mostMilliseconds`: the
+    /// time until the owner has something to do.
+    Wait BeginWait(bool completionExpected, DWORD mostMilliseconds) noexcept;
     void EndWait() noexcept { waits = Waits::kNot; }
 
 private:
@@ -95,6 +100,7 @@ private:
     std::thread thread;
     std::deque<std::function<void()>> callbacks;
     Waits waits = Waits::kNot;
+    Deadline waitEnd = Deadline::None();
     int callsInProgress = 0;      // synchronous ones
     std::uint64_t callsMade = 0;  // synchronous ones
     std::uint64_t callsSeen = 0;  // by the thread, when it last began to wait

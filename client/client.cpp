@@ -85,18 +85,21 @@ void Client::TransferNoData(CameraId camera, std::span<const std::byte> cdb,
 }
 
 RequestId Client::StartTransferIn(CameraId camera, std::span<const std::byte> cdb,
-                                  Completion completion) {
-    return connection->StartTransfer(kTransferIn, camera, cdb, {}, std::move(completion));
+                                  Completion completion, std::chrono::milliseconds timeout) {
+    return connection->StartTransfer(kTransferIn, camera, cdb, {}, std::move(completion), timeout);
 }
 
 RequestId Client::StartTransferOut(CameraId camera, std::span<const std::byte> cdb,
-                                   std::span<const std::byte> data, Completion completion) {
-    return connection->StartTransfer(kTransferOut, camera, cdb, data, std::move(completion));
+                                   std::span<const std::byte> data, Completion completion,
+                                   std::chrono::milliseconds timeout) {
+    return connection->StartTransfer(kTransferOut, camera, cdb, data, std::move(completion),
+                                     timeout);
 }
 
 RequestId Client::StartTransferNoData(CameraId camera, std::span<const std::byte> cdb,
-                                      Completion completion) {
-    return connection->StartTransfer(kTransferNoData, camera, cdb, {}, std::move(completion));
+                                      Completion completion, std::chrono::milliseconds timeout) {
+    return connection->StartTransfer(kTransferNoData, camera, cdb, {}, std::move(completion),
+                                     timeout);
 }
 
 bool Client::Cancel(RequestId request) {

@@ -166,7 +166,8 @@ UniqueHandle ConnectToService(const std::wstring& pipeName, bool checkServer,
                     if (!others.empty())
                         throw WrongServer(ServerProcess(others.back().get()), ServiceState());
                     throw Error(ErrorKind::kBusy,
-                                "the service is busy: no instance of its pipe was free in time",
+                                "no instance of the service's pipe was free in time; probably the "
+                                "service is busy with a command",
                                 code);
                 }
                 WaitForPipeInstance(pipeName, deadline);

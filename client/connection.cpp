@@ -25,7 +25,8 @@ constexpr int kReadsAtOnce = 32;
 Client::Connection::Connection(const ConnectOptions& options)
     : pipeName(options.pipe.empty() ? std::wstring(kCameraPipeName) : options.pipe),
       transferOutLimit(std::min(options.transferOutLimit, kTransferOutLimit)),
-      readEvent(MakeEvent(true)) {
+      readEvent(MakeEvent(true)),
+      requests(callbacks, options.goneWait) {
     const Deadline deadline(options.timeout);
     stream.emplace(ConnectToService(pipeName, options.checkServer, deadline), readEvent.get());
     // The service sends the notifications of the cameras present before it answers this. If the
@@ -85,7 +86,8 @@ std::vector<std::byte> Client::Connection::Transfer(TransferType type, CameraId 
     std::vector<std::byte> message = MakeTransferRequest(type, camera, cdb, data, transferOutLimit);
     Lock lock(mutex);
     RequireCamera(lock, camera, deadline);
-    TransferResult result = SendAndWait(lock, {.type = type, .camera = camera}, message, deadline);
+    TransferResult result =
+        SendAndWait(lock, {.type = type, .camera = camera, .due = deadline}, message, deadline);
     if (result.error)
         throw Error(*result.error);
     return std::move(result.data);
@@ -93,19 +95,21 @@ std::vector<std::byte> Client::Connection::Transfer(TransferType type, CameraId 
 
 RequestId Client::Connection::StartTransfer(TransferType type, CameraId camera,
                                             std::span<const std::byte> cdb,
-                                            std::span<const std::byte> data,
-                                            Completion completion) {
+                                            std::span<const std::byte> data, Completion completion,
+                                            std::chrono::milliseconds timeout) {
     if (!completion)
         throw Error(ErrorKind::kBadArgument, "completion must be a function; it is empty");
     std::vector<std::byte> message = MakeTransferRequest(type, camera, cdb, data, transferOutLimit);
-    const Deadline deadline(kTransferTimeout);
+    const Deadline due(timeout);
+    const Deadline deadline = std::min(due, Deadline(kTransferTimeout));
     Lock lock(mutex);
     RequireCamera(lock, camera, deadline);
     CallEvents events = TakeEvents();
-    const RequestId id =
-        Send(lock, {.type = type, .camera = camera, .completion = std::move(completion)}, message,
-             events.written.get(), deadline);
+    const RequestId id = Send(
+        lock, {.type = type, .camera = camera, .due = due, .completion = std::move(completion)},
+        message, events.written.get(), deadline);
     callbacks.ExpectCompletion();
+    callbacks.WakeBy(due);
     spareEvents.push_back(std::move(events));
     return id;
 }
@@ -119,12 +123,13 @@ void Client::Connection::RunThread() noexcept {
     Lock lock(mutex);
     while (!callbacks.Stopped()) {
         if (!callbacks.HasCallbacks())
-            ReadAvailable();
+            Poll();
         if (callbacks.HasCallbacks()) {
             callbacks.CallNext(lock);
             continue;
         }
-        const CallbackThread::Wait next = callbacks.BeginWait(requests.CompletionExpected());
+        const CallbackThread::Wait next =
+            callbacks.BeginWait(requests.CompletionExpected(), requests.MillisecondsToDue());
         Wait(lock, next.wake, next.milliseconds, next.forPipe);
         callbacks.EndWait();
     }
@@ -177,25 +182,21 @@ RequestId Client::Connection::Send(Lock& lock, Request request, std::span<std::b
     return id;
 }
 
-/// Sends a request and waits for its answer. Throws as Send() does, and kTimedOut; then the answer
-/// is dropped when it arrives.
+/// Sends a request and waits for its result. Throws as Send() does. `deadline` is for the sending;
+/// the request has its own.
 TransferResult Client::Connection::SendAndWait(Lock& lock, Request request,
                                                std::span<std::byte> message,
                                                const Deadline& deadline) {
-    const std::string answerer =
-        request.roundTrip ? "the service" : "camera " + std::to_string(request.camera);
     CallEvents events = TakeEvents();
     AnswerWaiter waiter(events.answered.get());
     request.waiter = &waiter;
     Send(lock, std::move(request), message, events.written.get(), deadline);
     {
         const CallbackThread::SynchronousCall call(callbacks);
-        for (ReadAvailable(); !waiter.result && !deadline.Passed(); ReadAvailable())
-            Wait(lock, events.answered.get(), deadline.Left(), true);
+        for (Poll(); !waiter.result; Poll())
+            Wait(lock, events.answered.get(), requests.MillisecondsToDue(), true);
     }
     spareEvents.push_back(std::move(events));
-    if (!waiter.result)
-        throw Error(ErrorKind::kTimedOut, answerer + " did not answer in time");
     return std::move(*waiter.result);
 }
 
@@ -203,7 +204,8 @@ TransferResult Client::Connection::SendAndWait(Lock& lock, Request request,
 void Client::Connection::RoundTrip(Lock& lock, const Deadline& deadline) {
     RoundTripRequest message = MakeRoundTripRequest();
     const TransferResult result = SendAndWait(
-        lock, {.type = kTransferNoData, .camera = 0, .roundTrip = true}, message, deadline);
+        lock, {.type = kTransferNoData, .camera = 0, .due = deadline, .roundTrip = true}, message,
+        deadline);
     if (result.error->Kind() != ErrorKind::kRefused)
         throw Error(*result.error);
 }
@@ -220,6 +222,12 @@ void Client::Connection::Wait(Lock& lock, HANDLE event, DWORD milliseconds, bool
         ::ResetEvent(readEvent.get());
         ReadAvailable();  // what arrived before the reset would signal the event no more
     }
+}
+
+/// Reads some of what the service has sent, then ends the requests whose time has come.
+void Client::Connection::Poll() {
+    ReadAvailable();
+    requests.EndDue();
 }
 
 /// Reads some of what the service has sent, and handles the messages. Never waits. False if there
@@ -271,9 +279,10 @@ void Client::Connection::Handle(Message message) {
             break;
         case kCameraDetached:
             cameras.Detach(header.cameraId);
+            requests.CameraGone(header.cameraId);
             break;
         default:
-            requests.Answer(std::move(message));
+            requests.Answer(std::move(message), cameras.Contains(header.cameraId));
             if (header.messageType == kTransferSucceeded)
                 disconnectEvidence.RequestSucceeded(header.requestId);
             break;

@@ -53,7 +53,8 @@ public:
                                     std::span<const std::byte> cdb, std::span<const std::byte> data,
                                     const Deadline& deadline);
     RequestId StartTransfer(TransferType type, CameraId camera, std::span<const std::byte> cdb,
-                            std::span<const std::byte> data, Completion completion);
+                            std::span<const std::byte> data, Completion completion,
+                            std::chrono::milliseconds timeout);
     bool Cancel(RequestId id);
 
 private:
@@ -78,6 +79,7 @@ private:
     void RoundTrip(Lock& lock, const Deadline& deadline);
 
     void Wait(Lock& lock, HANDLE event, DWORD milliseconds, bool forPipe);
+    void Poll();
     bool ReadAvailable();
     bool ReadAllAvailable(Lock& lock, const Deadline& deadline);
     void Handle(Message message);
@@ -93,7 +95,7 @@ private:
     std::optional<Error> closedBy;     // that error
     CallbackThread callbacks;
     CameraList cameras{callbacks};
-    OutstandingRequests requests{callbacks};
+    OutstandingRequests requests;
     DisconnectEvidence disconnectEvidence;
     std::vector<CallEvents> spareEvents;
 };

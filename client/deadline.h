@@ -7,11 +7,16 @@
 
 namespace orvik {
 
-/// The time by which a call must return.
+/// The time by which something must have happened.
 class Deadline {
 public:
     explicit Deadline(std::chrono::milliseconds fromNow) noexcept
         : end(Clock::now() + std::clamp(fromNow, std::chrono::milliseconds(0), kLongest)) {}
+
+    /// Never, for all practical purposes.
+    static Deadline None() noexcept { return Deadline(kLongest); }
+
+    bool operator<(const Deadline& other) const noexcept { return end < other.end; }
 
     /// The milliseconds until then, as the wait functions of Windows take them; 0 when it has
     /// passed.

@@ -14,6 +14,28 @@ namespace {
                                            std::to_string(answer.cameraId) + ", " + why);
 }
 
+bool IsWaitedFor(const Request& request) noexcept {
+    return request.waiter != nullptr || request.completion != nullptr;
+}
+
+Error Refused(const Request& request) {
+    return {ErrorKind::kRefused, "the command failed on camera " + std::to_string(request.camera)};
+}
+
+Error Gone(const Request& request) {
+    return {ErrorKind::kCameraGone, "camera " + std::to_string(request.camera) +
+                                        " was unplugged, or given up, during the command"};
+}
+
+Error TimedOut(const Request& request) {
+    if (request.roundTrip)
+        return {ErrorKind::kTimedOut,
+                "the service did not answer in time; probably the service is busy with a command"};
+    return {ErrorKind::kTimedOut, "camera " + std::to_string(request.camera) +
+                                      " did not answer in time, or the service is busy with "
+                                      "another command"};
+}
+
 }  // namespace
 
 AnswerWaiter::~AnswerWaiter() {
@@ -21,8 +43,14 @@ AnswerWaiter::~AnswerWaiter() {
         request->waiter = nullptr;
 }
 
+void AnswerWaiter::Wake() const noexcept {
+    if (thread != std::this_thread::get_id())
+        ::SetEvent(answeredEvent);
+}
+
 RequestId OutstandingRequests::Add(Request request) {
     const RequestId id = NextId();
+    nextDue = std::min(nextDue, request.due);
     Request& added = requests.emplace(id, std::move(request)).first->second;
     if (added.waiter != nullptr)
         added.waiter->request = &added;
@@ -34,10 +62,16 @@ bool OutstandingRequests::Withdraw(RequestId id) {
     const auto found = requests.find(id);
     if (found == requests.end())
         return false;
+    const bool waitedFor = IsWaitedFor(found->second);
     if (found->second.waiter != nullptr)
         found->second.waiter->request = nullptr;
     requests.erase(found);
-    return true;
+    return waitedFor;
+}
+
+bool OutstandingRequests::IsOutstanding(RequestId id) const {
+    const auto found = requests.find(id);
+    return found != requests.end() && !found->second.refused;
 }
 
 bool OutstandingRequests::CompletionExpected() const {
@@ -45,11 +79,11 @@ bool OutstandingRequests::CompletionExpected() const {
                        [](const auto& entry) { return entry.second.completion != nullptr; });
 }
 
-void OutstandingRequests::Answer(Message message) {
+void OutstandingRequests::Answer(Message message, bool cameraPresent) {
     const MessageHeader header = message.header;
     const bool succeeded = header.messageType == kTransferSucceeded;
     const auto found = requests.find(header.requestId);
-    if (found == requests.end() || found->second.camera != header.cameraId)
+    if (found == requests.end() || found->second.refused || found->second.camera != header.cameraId)
         ThrowBadAnswer(header, "which is not outstanding");
     Request& request = found->second;
     if (succeeded && request.roundTrip)
@@ -57,25 +91,72 @@ void OutstandingRequests::Answer(Message message) {
     if (succeeded && header.bodyLength != 0 && request.type != kTransferIn)
         ThrowBadAnswer(
             header, "which returns no data, with " + std::to_string(header.bodyLength) + " bytes");
+    if (!succeeded && cameraPresent && !request.roundTrip && IsWaitedFor(request)) {
+        Refuse(request);
+        return;
+    }
     TransferResult result{.data = std::move(message.body)};
     if (!succeeded)
-        result.error.emplace(ErrorKind::kRefused,
-                             "the command failed on camera " + std::to_string(header.cameraId));
+        result.error = cameraPresent || request.roundTrip ? Refused(request) : Gone(request);
     End(request, std::move(result));
     requests.erase(found);
 }
 
+void OutstandingRequests::Refuse(Request& request) {
+    request.refused = true;
+    request.due = std::min(request.due, Deadline(goneWait));
+    nextDue = std::min(nextDue, request.due);
+    // Both have computed how long they wait.
+    if (request.waiter != nullptr)
+        request.waiter->Wake();
+    else
+        callbacks->WakeBy(request.due);
+}
+
+void OutstandingRequests::CameraGone(CameraId camera) {
+    for (auto next = requests.begin(); next != requests.end();) {
+        Request& request = next->second;
+        if (request.refused && request.camera == camera) {
+            End(request, {.error = Gone(request)});
+            next = requests.erase(next);
+        } else {
+            ++next;
+        }
+    }
+}
+
+void OutstandingRequests::EndDue() {
+    if (!nextDue.Passed())
+        return;
+    nextDue = Deadline::None();
+    for (auto next = requests.begin(); next != requests.end();) {
+        Request& request = next->second;
+        if (request.due.Passed()) {
+            End(request, {.error = request.refused ? Refused(request) : TimedOut(request)});
+            request.due = Deadline::None();  // the answer is dropped when it arrives
+            if (request.refused) {
+                next = requests.erase(next);
+                continue;
+            }
+        }
+        nextDue = std::min(nextDue, request.due);
+        ++next;
+    }
+}
+
 bool OutstandingRequests::Cancel(RequestId id) {
     const auto found = requests.find(id);
-    if (found == requests.end() || !found->second.completion)
+    if (found == requests.end() || !IsWaitedFor(found->second))
         return false;
     End(found->second, {.error = Error(ErrorKind::kCancelled, "the request was cancelled")});
+    if (found->second.refused)
+        requests.erase(found);
     return true;
 }
 
 void OutstandingRequests::EndAll(const Error& error) {
     for (auto& [id, request] : requests)
-        End(request, {.error = error});
+        End(request, {.error = request.refused ? Refused(request) : error});
     requests.clear();
 }
 
@@ -88,8 +169,7 @@ void OutstandingRequests::End(Request& request, TransferResult result) {
     if (AnswerWaiter* const waiter = std::exchange(request.waiter, nullptr)) {
         waiter->request = nullptr;
         waiter->result = std::move(result);
-        if (waiter->thread != std::this_thread::get_id())
-            ::SetEvent(waiter->answeredEvent);
+        waiter->Wake();
     } else if (request.completion) {
         callbacks->Post([completion = std::exchange(request.completion, nullptr),
                          result = std::move(result)]() mutable { completion(std::move(result)); });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <optional>
 #include <thread>
@@ -7,6 +8,7 @@
 #include <windows.h>
 
 #include "client/callback_thread.h"
+#include "client/deadline.h"
 #include "client/message_reader.h"
 #include "client/request_id.h"
 #include "orvik/client.h"
@@ -16,13 +18,15 @@ namespace orvik {
 
 class AnswerWaiter;
 
-/// One request that has been sent. Its answer goes to `waiter`, or else to `completion`; with
+/// One request that has been sent. Its result goes to `waiter`, or else to `completion`; with
 /// neither it is dropped.
 struct Request {
     TransferType type;
     CameraId camera;
+    Deadline due;                    ///< for the answer, or in `refused` for the report
     bool roundTrip = false;          ///< touches no camera, and so is always refused
     AnswerWaiter* waiter = nullptr;  ///< not owned
+    bool refused = false;            ///< answered; waits for a report that the camera has gone
     Completion completion{};
 };
 
@@ -30,7 +34,7 @@ struct Request {
 /// dropped. Thread: any, with the connection's lock held.
 class AnswerWaiter {
 public:
-    /// `answered` is signalled when another thread has read the answer. Not owned.
+    /// `answered` is signalled when another thread has read an answer. Not owned.
     explicit AnswerWaiter(HANDLE answered) noexcept : answeredEvent(answered) {}
     ~AnswerWaiter();
 
@@ -43,6 +47,9 @@ public:
 private:
     friend class OutstandingRequests;
 
+    /// The call looks again at its result, and how long it waits.
+    void Wake() const noexcept;
+
     const HANDLE answeredEvent;
     const std::thread::id thread = std::this_thread::get_id();
     Request* request = nullptr;  // not owned; null: not sent, or ended
@@ -54,9 +61,11 @@ private:
 /// Thread: any, with the connection's lock held.
 class OutstandingRequests {
 public:
-    /// `callbackThread` is not owned; it outlives this object and calls the completions.
-    explicit OutstandingRequests(CallbackThread& callbackThread) noexcept
-        : callbacks(&callbackThread) {}
+    /// `callbackThread` is not owned; it outlives this object and calls the completions. `wait` is
+    /// ConnectOptions::goneWait.
+    OutstandingRequests(CallbackThread& callbackThread, std::chrono::milliseconds wait) noexcept
+        : callbacks(&callbackThread),
+          goneWait(wait) {}
 
     /// The identifier that the next Add() gives.
     RequestId NextId() const { return NextRequestId(newest, requests); }
@@ -69,17 +78,27 @@ public:
 
     /// The newest request's identifier. 0: none has been sent.
     RequestId Newest() const noexcept { return newest; }
-    bool IsOutstanding(RequestId id) const { return requests.contains(id); }
+    bool IsOutstanding(RequestId id) const;
 
     /// Whether a completion will be called for an answer.
     bool CompletionExpected() const;
 
-    /// Ends the request with the service's answer.
+    /// Ends the request with the service's answer. But a refusal by a camera that is still present
+    /// may mean that it has gone: then the request ends when that is reported, or goneWait later.
     /// Throws Error kBadAnswer if it is no answer to an outstanding request.
-    void Answer(Message message);
+    void Answer(Message message, bool cameraPresent);
 
-    /// Ends a request that has a completion with kCancelled; its answer is dropped. False if there
-    /// is no such request.
+    /// Ends the requests that this camera has refused, because it has gone.
+    void CameraGone(CameraId camera);
+
+    /// Ends the requests whose time has come: with kTimedOut, or kRefused if the camera has refused
+    /// them.
+    void EndDue();
+
+    /// The milliseconds until EndDue() has something to do, or a little less.
+    DWORD MillisecondsToDue() const noexcept { return nextDue.Left(); }
+
+    /// Ends a request with kCancelled; its answer is dropped. False if nothing waits for it.
     bool Cancel(RequestId id);
 
     /// Ends all requests with `error`.
@@ -90,8 +109,11 @@ public:
 
 private:
     void End(Request& request, TransferResult result);
+    void Refuse(Request& request);
 
     CallbackThread* callbacks;
+    std::chrono::milliseconds goneWait;
+    Deadline nextDue = Deadline::None();    // not later than that of any request
     std::map<RequestId, Request> requests;  // until they are answered; the addresses stay
     RequestId newest = 0;
 };

@@ -81,7 +81,9 @@ void PipeWrite::Finish(const Deadline& deadline) {
         return;
     const DWORD code = ::GetLastError();
     if (!inTime && code == ERROR_OPERATION_ABORTED)
-        throw Error(ErrorKind::kTimedOut, "the service did not read the request in time");
+        throw Error(ErrorKind::kTimedOut,
+                    "the service did not read the request in time; probably the service is busy "
+                    "with a command");
     ThrowPipeError("cannot write to the service", code);
 }
 

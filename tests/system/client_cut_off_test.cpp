@@ -16,6 +16,7 @@
 #include "support/bytes.h"
 #include "support/camera_setup.h"
 #include "support/client_results.h"
+#include "watching_test.h"
 
 namespace system_test {
 namespace {
@@ -82,13 +83,14 @@ TEST_P(ClientCutOff, ByTheEndOfTheService) {
 }
 
 TEST_P(ClientCutOff, ByTheUnpluggingOfTheCamera) {
-    Client client;
+    WaitUntilServiceHears(bus, 1);
+    Client client(WaitingForReports());
     camera.Set(Holds());
     auto kind =
         std::async(std::launch::async, [&] { return KindOf([&] { GetParam().make(client); }); });
     bus.WaitForPending(camera.Id(), 1, kDeadline);
     camera.Unplug();
-    EXPECT_EQ(kind.get(), ErrorKind::kRefused);
+    EXPECT_EQ(kind.get(), ErrorKind::kCameraGone);
     EXPECT_TRUE(service.IsRunning());
 }
 

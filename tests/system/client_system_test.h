@@ -26,7 +26,15 @@ class Client : public orvik::Client {
 public:
     explicit Client(std::chrono::milliseconds timeout = kDeadline)
         : orvik::Client(Foreground(timeout)) {}
+    explicit Client(const orvik::ConnectOptions& options) : orvik::Client(options) {}
 };
+
+/// Options of a client that waits as long as needed for the report that a camera has gone.
+inline orvik::ConnectOptions WaitingForReports() {
+    orvik::ConnectOptions options = Foreground();
+    options.goneWait = kDeadline;
+    return options;
+}
 
 /// Suspends a process while this object lives.
 class SuspendedProcess {

@@ -247,7 +247,11 @@ TEST_F(OrvikctlWithCamera, InquiryOfACameraThatIsUnpluggedMeanwhile) {
     OrvikctlProgram inquiry(kNoServerCheck + L"inquiry");
     bus.WaitForPending(camera.Id(), 1, kDeadline);
     camera.Unplug();
-    EXPECT_TRUE(Failed(inquiry.Finish(), 8, "the command failed on camera 1"));
+    // On a busy machine the service's report comes too late for the better message.
+    const Result result = inquiry.Finish();
+    EXPECT_TRUE(Failed(result, 8, "camera 1 was unplugged, or given up, during the command") ||
+                Failed(result, 8, "the command failed on camera 1"))
+        << result;
     EXPECT_TRUE(service.IsRunning());
 }
 

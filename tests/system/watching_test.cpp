@@ -14,12 +14,14 @@ namespace system_test {
 // Windows may take a moment until it tells a window that has just asked for it, and nothing says
 // when. So cameras are plugged until one is seen; then one more, which is known by its name: all
 // before it have been seen or never will be.
-WatchingTest::WatchingTest(const std::wstring& path) : service(GetParam(), path) {
+std::uint32_t WaitUntilServiceHears(vcam::Bus& bus, std::uint32_t present) {
     constexpr std::size_t kMostTries = 100;
     constexpr std::chrono::milliseconds kTry{100};
     const std::string kLast = "Last";
 
     RawClient client;
+    for (std::uint32_t id = 1; id <= present; ++id)
+        client.ReceiveMessage();
     std::vector<std::unique_ptr<PluggedCamera>> cameras;
     std::uint32_t newest = 0;  // identifier
     std::uint32_t unanswered = 0;
@@ -48,10 +50,15 @@ WatchingTest::WatchingTest(const std::wstring& path) : service(GetParam(), path)
         }
     }
     cameras.clear();
-    for (; nextId <= newest; ++nextId)
+    for (std::uint32_t id = present + 1; id <= newest; ++id)
         client.ReceiveMessage();  // the cameras seen are gone
     client.Leave();
+    return newest + 1;
 }
+
+WatchingTest::WatchingTest(const std::wstring& path)
+    : service(GetParam(), path),
+      nextId(WaitUntilServiceHears(bus, 0)) {}
 
 void WatchingTest::ExpectAttached(RawClient& client, std::uint32_t count) {
     for (; count != 0; --count)

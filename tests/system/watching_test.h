@@ -9,6 +9,11 @@
 
 namespace system_test {
 
+/// Waits until the running service hears of devices that come and go. No client is connected, and
+/// the service knows the cameras 1 to `present`. Returns the identifier of the camera that is
+/// plugged next.
+std::uint32_t WaitUntilServiceHears(vcam::Bus& bus, std::uint32_t present);
+
 /// The service, in both run modes, once it hears of devices that come and go. No client is
 /// connected, and no camera plugged.
 class WatchingTest : public SystemTest, public testing::WithParamInterface<RunMode> {
@@ -24,7 +29,7 @@ protected:
     static void Leave(RawClient& client, std::uint32_t cameraId);
 
     RunningService service;
-    std::uint32_t nextId = 1;  // of the camera that is plugged next
+    std::uint32_t nextId;  // of the camera that is plugged next
 };
 
 /// Runs the tests of a suite that is derived from WatchingTest in both modes.

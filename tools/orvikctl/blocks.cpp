@@ -38,7 +38,8 @@ std::vector<std::byte> Finish(Transfers& transfers, const Extent& piece) {
     try {
         return transfers.Finish();
     } catch (const orvik::Error& error) {
-        if (error.Kind() != orvik::ErrorKind::kRefused)
+        if (error.Kind() != orvik::ErrorKind::kRefused &&
+            error.Kind() != orvik::ErrorKind::kCameraGone)
             throw;
         throw Failure(ExitCode::kRefused,
                       "the camera refused the command for " + Words(piece) + ", or was unplugged");

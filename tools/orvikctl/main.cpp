@@ -33,6 +33,7 @@ ExitCode ExitCodeOf(orvik::ErrorKind kind) noexcept {
         case orvik::ErrorKind::kNoSuchCamera:
             return ExitCode::kNoSuchCamera;
         case orvik::ErrorKind::kRefused:
+        case orvik::ErrorKind::kCameraGone:
             return ExitCode::kRefused;
         case orvik::ErrorKind::kServiceGone:
         case orvik::ErrorKind::kBadAnswer:

@@ -35,10 +35,11 @@ enum class ErrorKind {
     kTimedOut,      ///< the deadline passed
     kCancelled,     ///< Cancel() was called
     kNoSuchCamera,  ///< the service has not announced this camera, or has reported it gone
-    kRefused,       ///< the camera or its driver refused the command, or the camera is gone
+    kRefused,       ///< the camera or its driver refused the command; see "Refused" at Client
     kBadAnswer,     ///< the service or the camera sent invalid data
     kBadArgument,   ///< an argument is outside its range; nothing was sent
     kSystem,        ///< another system call failed
+    kCameraGone,    ///< the camera was unplugged, or given up by the service, during the command
 };
 
 /// Thrown for every failure except out of memory (std::bad_alloc).
@@ -67,6 +68,11 @@ using RequestId = std::uint32_t;
 inline constexpr std::chrono::milliseconds kConnectTimeout{5'000};
 inline constexpr std::chrono::milliseconds kTransferTimeout{30'000};
 
+/// How long a refusal waits by default for the report that the camera has gone.
+inline constexpr std::chrono::milliseconds kGoneWait{100};
+
+/// The time-out of a transfer that may take any time.
+inline constexpr std::chrono::milliseconds kNoTimeout = std::chrono::milliseconds::max();
 
 /// Maximum length of a command descriptor block: the service passes on no more.
 inline constexpr std::size_t kCdbLimit = 8;
@@ -94,6 +100,10 @@ struct ConnectOptions {
     /// 64 KiB. Windows fails a longer transfer at once, and the service then gives up the camera
     /// until it is plugged in again.
     std::size_t transferOutLimit = kDefaultTransferOutLimit;
+
+    /// How long a refusal waits for the report that the camera has gone (see "Refused" at Client).
+    /// Set 0 in a program that treats both in the same way, or that is not the main communicator.
+    std::chrono::milliseconds goneWait = kGoneWait;
 };
 
 /// What a subscriber's handler is called with.
@@ -158,6 +168,12 @@ private:
 /// when a request could not be sent completely before its deadline (kTimedOut). To reconnect,
 /// assign a new Client.
 ///
+/// Refused: the service answers a command that the camera refused and one whose camera has been
+/// unplugged in the same way. It reports to the main communicator which cameras have gone, but
+/// sometimes only after the answer. So this library waits for that report
+/// (ConnectOptions::goneWait), and then says kCameraGone, else kRefused. A client that is not the
+/// main communicator always gets kRefused.
+///
 /// Unknown cameras: a request for a camera that the service does not know ends the service's run,
 /// for all clients. The calls below refuse a camera that was never announced or has been reported
 /// gone. But the service reports that only to the main communicator; any other client must connect
@@ -176,7 +192,8 @@ public:
     explicit Client(const ConnectOptions& options = {});
 
     /// Disconnects at a moment that is safe for the service. That usually takes as long as one
-    /// round trip, and at most two seconds if the service hangs. Abandons outstanding requests. No
+    /// round trip, and at most two seconds if the service is busy with a command. On Windows the
+    /// service serves no client while a command runs. Abandons outstanding requests. No
     /// handler or completion is called any more, but a call in progress on the client's thread may
     /// end only after the destructor has returned.
     ~Client();
@@ -199,7 +216,8 @@ public:
     /// Sends a command that returns data, and waits for the data: at most kTransferInLimit bytes,
     /// and often fewer than the command asked for. `cdb`, the command descriptor block, has 1 to
     /// kCdbLimit bytes. It is copied, and so is the data of the calls below.
-    /// Throws kRefused, kTimedOut, and before anything is sent kBadArgument and kNoSuchCamera.
+    /// Throws kRefused, kCameraGone, kTimedOut, and before anything is sent kBadArgument and
+    /// kNoSuchCamera.
     /// After kTimedOut the answer is discarded when it arrives.
     std::vector<std::byte> TransferIn(CameraId camera, std::span<const std::byte> cdb,
                                       std::chrono::milliseconds timeout = kTransferTimeout);
@@ -215,16 +233,20 @@ public:
     void TransferNoData(CameraId camera, std::span<const std::byte> cdb,
                         std::chrono::milliseconds timeout = kTransferTimeout);
 
-    /// Asynchronous forms: they return when the request has been sent, within kTransferTimeout, and
-    /// `completion` is called with the result, possibly before they return. Any number of requests
-    /// can be outstanding, and they complete in any order. `completion` must not be empty. If these
-    /// functions throw, it is not called.
+    /// Asynchronous forms: they return when the request has been sent, within `timeout` and at most
+    /// kTransferTimeout, and `completion` is called with the result, possibly before they return.
+    /// When the camera has not answered within `timeout`, the result is kTimedOut, and the answer
+    /// is discarded when it arrives. Any number of requests can be outstanding, and they complete
+    /// in any order. `completion` must not be empty. If these functions throw, it is not called.
     RequestId StartTransferIn(CameraId camera, std::span<const std::byte> cdb,
-                              Completion completion);
+                              Completion completion,
+                              std::chrono::milliseconds timeout = kNoTimeout);
     RequestId StartTransferOut(CameraId camera, std::span<const std::byte> cdb,
-                               std::span<const std::byte> data, Completion completion);
+                               std::span<const std::byte> data, Completion completion,
+                               std::chrono::milliseconds timeout = kNoTimeout);
     RequestId StartTransferNoData(CameraId camera, std::span<const std::byte> cdb,
-                                  Completion completion);
+                                  Completion completion,
+                                  std::chrono::milliseconds timeout = kNoTimeout);
 
     /// Ends an asynchronous request: its completion is called with kCancelled, and the answer is
     /// discarded when it arrives. The camera still executes the command. Returns at once. Returns
