@@ -3,6 +3,7 @@
 #include <limits>
 #include <utility>
 
+#include "client/connect_canceller.h"
 #include "client/connection.h"
 #include "client/deadline.h"
 #include "protocol/message.h"
@@ -13,6 +14,15 @@ namespace orvik {
 static_assert(kCdbLimit == kCdbLength);
 static_assert(kTransferInLimit == kTransferInLength);
 static_assert(kTransferOutLimit == std::numeric_limits<std::int32_t>::max());
+
+ConnectCanceller::ConnectCanceller() : state(std::make_shared<State>()) {}
+
+void ConnectCanceller::Cancel() const {
+    const std::lock_guard lock(state->mutex);
+    state->cancelled = true;
+    if (state->action)
+        state->action();
+}
 
 Subscription::~Subscription() {
     End();

@@ -22,6 +22,9 @@ namespace {
 /// Between two attempts to open a pipe that does not exist yet.
 constexpr DWORD kMillisecondsBetweenAttempts = 10;
 
+/// How often a wait that cannot be cancelled looks for a cancellation.
+constexpr std::chrono::milliseconds kCancelInterval{50};
+
 [[noreturn]] void ThrowError(const char* text, DWORD code) {
     throw Error(code == ERROR_ACCESS_DENIED ? ErrorKind::kAccessDenied : ErrorKind::kSystem, text,
                 code);
@@ -145,10 +148,12 @@ bool IsServedByService(HANDLE pipe, const std::wstring& pipeName, const Deadline
 }  // namespace
 
 UniqueHandle ConnectToService(const std::wstring& pipeName, bool checkServer,
-                              const Deadline& deadline) {
+                              const Deadline& deadline,
+                              const std::function<void()>& requireNotCancelled) {
     // Instances of other servers. They are held, so that the next attempt opens another one.
     std::vector<UniqueHandle> others;
     while (true) {
+        requireNotCancelled();
         UniqueHandle pipe = OpenPipeInstance(pipeName);
         DWORD code = ::GetLastError();
         if (pipe) {
@@ -170,7 +175,8 @@ UniqueHandle ConnectToService(const std::wstring& pipeName, bool checkServer,
                                 "service is busy with a command",
                                 code);
                 }
-                WaitForPipeInstance(pipeName, deadline);
+                // This wait cannot be cancelled.
+                WaitForPipeInstance(pipeName, std::min(deadline, Deadline(kCancelInterval)));
                 break;
             case ERROR_FILE_NOT_FOUND:
             case ERROR_BROKEN_PIPE:

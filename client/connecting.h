@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "client/deadline.h"
@@ -12,8 +13,10 @@ namespace orvik {
 /// further instances of the pipe, so it tries the next instance, until the deadline, when it meets
 /// another server while the service runs. Throws Error as Client's constructor does; nothing has
 /// been sent then. If the service does not run, a pipe with another server is disconnected cleanly,
-/// because that may be the service in a console.
+/// because that may be the service in a console. `requireNotCancelled` is called before each
+/// attempt, and may throw.
 UniqueHandle ConnectToService(const std::wstring& pipeName, bool checkServer,
-                              const Deadline& deadline);
+                              const Deadline& deadline,
+                              const std::function<void()>& requireNotCancelled);
 
 }  // namespace orvik

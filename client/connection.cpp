@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "client/connect_canceller.h"
 #include "client/connecting.h"
 #include "client/event.h"
 #include "client/request_message.h"
@@ -28,12 +29,30 @@ Client::Connection::Connection(const ConnectOptions& options)
       readEvent(MakeEvent(true)),
       requests(callbacks, options.goneWait) {
     const Deadline deadline(options.timeout);
-    stream.emplace(ConnectToService(pipeName, options.checkServer, deadline), readEvent.get());
+    ConnectCanceller::State& canceller = *options.canceller.state;
+    stream.emplace(ConnectToService(pipeName, options.checkServer, deadline,
+                                    [&canceller] { canceller.RequireNotCancelled(); }),
+                   readEvent.get());
     // The service sends the notifications of the cameras present before it answers this. If the
     // service hangs until the deadline, it finds this request when it goes on, then cannot write
     // the answer, and takes that for an ordinary disconnect.
-    Lock lock(mutex);
-    RoundTrip(lock, deadline);
+    canceller.SetAction([this] {
+        const Lock lock(mutex);
+        requests.Cancel(requests.Newest());
+    });
+    // Ends before Disconnect(), whose round trip must not be cancelled.
+    const auto endAction = [](ConnectCanceller::State* state) { state->SetAction({}); };
+    try {
+        const std::unique_ptr<ConnectCanceller::State, decltype(endAction)> action(&canceller,
+                                                                                   endAction);
+        Lock lock(mutex);
+        canceller.RequireNotCancelled();
+        RoundTrip(lock, deadline);
+    } catch (const Error& error) {
+        if (error.Kind() == ErrorKind::kCancelled)
+            Disconnect();
+        throw;
+    }
 }
 
 void Client::Connection::StartThread() {

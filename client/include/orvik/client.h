@@ -84,6 +84,24 @@ inline constexpr std::size_t kTransferInLimit = 65'536;
 /// (ConnectOptions), and the greatest that a program can set.
 inline constexpr std::size_t kDefaultTransferOutLimit = 65'536;
 inline constexpr std::size_t kTransferOutLimit = 0x7FFF'FFFF;
+
+/// Cancels attempts to connect. Copies cancel the same attempts.
+/// Thread: any.
+class ConnectCanceller {
+public:
+    ConnectCanceller();
+    ConnectCanceller(const ConnectCanceller& other) = default;  // a move copies too
+    ConnectCanceller& operator=(const ConnectCanceller& other) = default;
+
+    /// Ends the attempt in progress, and each later one with the same canceller.
+    void Cancel() const;
+
+private:
+    friend class Client;
+    struct State;
+    std::shared_ptr<State> state;
+};
+
 /// How to connect.
 struct ConnectOptions {
     std::chrono::milliseconds timeout = kConnectTimeout;
@@ -104,6 +122,10 @@ struct ConnectOptions {
     /// How long a refusal waits for the report that the camera has gone (see "Refused" at Client).
     /// Set 0 in a program that treats both in the same way, or that is not the main communicator.
     std::chrono::milliseconds goneWait = kGoneWait;
+
+    /// Cancels the attempt to connect: the constructor throws kCancelled. It still disconnects as
+    /// the destructor does. Without effect once connected.
+    ConnectCanceller canceller{};
 };
 
 /// What a subscriber's handler is called with.
@@ -187,8 +209,8 @@ class Client {
 public:
     /// Connects, and returns when the cameras present are known.
     /// Throws kNotInstalled, kStopped, kStarting, kBusy, kAccessDenied, kWrongServer (which can
-    /// take two seconds longer than the time-out), and kTimedOut when the service accepts the
-    /// connection but does not answer.
+    /// take two seconds longer than the time-out), kTimedOut when the service accepts the
+    /// connection but does not answer, and kCancelled.
     explicit Client(const ConnectOptions& options = {});
 
     /// Disconnects at a moment that is safe for the service. That usually takes as long as one
