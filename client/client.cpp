@@ -94,6 +94,10 @@ void Client::TransferNoData(CameraId camera, std::span<const std::byte> cdb,
     connection->Transfer(kTransferNoData, camera, cdb, {}, Deadline(timeout));
 }
 
+Sense Client::RequestSense(CameraId camera, std::chrono::milliseconds timeout) {
+    return DecodeSense(TransferIn(camera, RequestSenseCdb(), timeout));
+}
+
 RequestId Client::StartTransferIn(CameraId camera, std::span<const std::byte> cdb,
                                   Completion completion, std::chrono::milliseconds timeout) {
     return connection->StartTransfer(kTransferIn, camera, cdb, {}, std::move(completion), timeout);

@@ -101,4 +101,24 @@ TEST(ClientRefusal, AnsweredTwiceIsABadAnswer) {
     EXPECT_EQ(KindOf([&] { client.RoundTrip(kDeadline); }), ErrorKind::kServiceGone);
 }
 
+TEST(ClientRefusal, SenseDataExplainsIt) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        peer.Refuse(peer.ReadRequest());
+        const Request request = peer.ReadRequest();
+        EXPECT_EQ(request.body.at(0), std::byte{0x03});
+        Bytes data(18);
+        data[0] = std::byte{0x70};
+        data[2] = std::byte{0x02};
+        data[7] = std::byte{10};
+        data[12] = std::byte{0x3A};
+        peer.Succeed(request, data);
+        peer.ReadToTheEnd();
+    });
+    Client client(kDeadline, service.Name());
+    EXPECT_EQ(KindOf([&] { client.TransferNoData(7, orvik::TestUnitReadyCdb(), kDeadline); }),
+              ErrorKind::kRefused);
+    EXPECT_EQ(client.RequestSense(7, kDeadline).text, "NOT READY: MEDIUM NOT PRESENT");
+}
+
 }  // namespace

@@ -171,6 +171,15 @@ private:
     std::shared_ptr<const EventHandler> handler;
 };
 
+/// Sense data: why a camera refused a command.
+struct Sense {
+    std::uint8_t key;        ///< sense key, 0 to 15
+    std::uint8_t code;       ///< additional sense code
+    std::uint8_t qualifier;  ///< additional sense code qualifier
+    bool deferred;           ///< about a command before the last one
+    std::string text;        ///< in the words of SPC, such as "NOT READY: MEDIUM NOT PRESENT"
+};
+
 /// A connection to the service.
 ///
 /// Main communicator: a client that connects while no desktop program is connected becomes the main
@@ -255,6 +264,13 @@ public:
     void TransferNoData(CameraId camera, std::span<const std::byte> cdb,
                         std::chrono::milliseconds timeout = kTransferTimeout);
 
+    /// Asks the camera for the sense data, which explains its last refusal: call it right after
+    /// kRefused. Windows decides whether there is any: a driver may have asked for the sense data
+    /// itself, and the service passes on none. Then the camera says NO SENSE. The sense data of a
+    /// refusal is also lost when another command, of any program, reaches the camera first.
+    /// Throws as TransferIn() does.
+    Sense RequestSense(CameraId camera, std::chrono::milliseconds timeout = kTransferTimeout);
+
     /// Asynchronous forms: they return when the request has been sent, within `timeout` and at most
     /// kTransferTimeout, and `completion` is called with the result, possibly before they return.
     /// When the camera has not answered within `timeout`, the result is kTimedOut, and the answer
@@ -305,7 +321,7 @@ std::array<std::byte, 6> Read6Cdb(std::uint32_t first, std::uint32_t count);
 /// WRITE(6) of `count` blocks, starting at `first`, for TransferOut(). Throws as Read6Cdb() does.
 std::array<std::byte, 6> Write6Cdb(std::uint32_t first, std::uint32_t count);
 
-/// REQUEST SENSE for up to 252 bytes of sense data, which explain the camera's last refusal.
+/// REQUEST SENSE for up to 252 bytes of sense data, for DecodeSense(). See Client::RequestSense().
 std::array<std::byte, 6> RequestSenseCdb() noexcept;
 
 /// Standard INQUIRY data. The strings have no trailing spaces, and '?' for each byte that is not
@@ -320,6 +336,11 @@ struct Inquiry {
 
 /// Throws kBadAnswer if `data` has fewer than 36 bytes, the minimum of the standard.
 Inquiry DecodeInquiry(std::span<const std::byte> data);
+
+/// Decodes sense data of the fixed format and of the format with descriptors. A code that the
+/// library does not know is in the text as numbers.
+/// Throws kBadAnswer if `data` has fewer than 8 bytes, or another format.
+Sense DecodeSense(std::span<const std::byte> data);
 
 struct Capacity {
     std::uint64_t blockCount;
