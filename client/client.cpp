@@ -1,6 +1,7 @@
 #include "orvik/client.h"
 
 #include <limits>
+#include <string_view>
 #include <utility>
 
 #include "client/connect_canceller.h"
@@ -8,12 +9,24 @@
 #include "client/deadline.h"
 #include "protocol/message.h"
 
+#define ORVIK_TEXT_OF(value) #value
+#define ORVIK_TEXT(value) ORVIK_TEXT_OF(value)
+
 namespace orvik {
 
 // The public header repeats these, because it includes none of the service's headers.
 static_assert(kCdbLimit == kCdbLength);
 static_assert(kTransferInLimit == kTransferInLength);
+static_assert(std::string_view(ORVIK_CLIENT_VERSION) == ORVIK_VERSION,
+              "client.h must have the version of cmake/version.cmake");
+static_assert(std::string_view(ORVIK_CLIENT_VERSION) ==
+              ORVIK_TEXT(ORVIK_CLIENT_VERSION_MAJOR) "." ORVIK_TEXT(
+                  ORVIK_CLIENT_VERSION_MINOR) "." ORVIK_TEXT(ORVIK_CLIENT_VERSION_PATCH));
 static_assert(kTransferOutLimit == std::numeric_limits<std::int32_t>::max());
+
+std::string_view Version() noexcept {
+    return ORVIK_CLIENT_VERSION;
+}
 
 ConnectCanceller::ConnectCanceller() : state(std::make_shared<State>()) {}
 

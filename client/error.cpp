@@ -27,6 +27,42 @@ std::string WithSystemText(std::string text, DWORD code) {
 
 }  // namespace
 
+std::string_view ToString(ErrorKind kind) noexcept {
+    switch (kind) {
+        case ErrorKind::kNotInstalled:
+            return "not installed";
+        case ErrorKind::kStopped:
+            return "stopped";
+        case ErrorKind::kStarting:
+            return "starting";
+        case ErrorKind::kBusy:
+            return "busy";
+        case ErrorKind::kAccessDenied:
+            return "access denied";
+        case ErrorKind::kWrongServer:
+            return "wrong server";
+        case ErrorKind::kServiceGone:
+            return "service gone";
+        case ErrorKind::kTimedOut:
+            return "timed out";
+        case ErrorKind::kCancelled:
+            return "cancelled";
+        case ErrorKind::kNoSuchCamera:
+            return "no such camera";
+        case ErrorKind::kRefused:
+            return "refused";
+        case ErrorKind::kBadAnswer:
+            return "bad answer";
+        case ErrorKind::kBadArgument:
+            return "bad argument";
+        case ErrorKind::kSystem:
+            return "system error";
+        case ErrorKind::kCameraGone:
+            return "camera gone";
+    }
+    return "unknown";
+}
+
 Error::Error(ErrorKind errorKind, const std::string& text, std::uint32_t systemCode)
     : std::runtime_error(WithSystemText(text, systemCode)),
       kind(errorKind),

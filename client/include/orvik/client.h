@@ -19,9 +19,19 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
+/// The version of this header.
+#define ORVIK_CLIENT_VERSION "4.0.4"
+#define ORVIK_CLIENT_VERSION_MAJOR 4
+#define ORVIK_CLIENT_VERSION_MINOR 0
+#define ORVIK_CLIENT_VERSION_PATCH 4
+
 namespace orvik {
+
+/// The version of the library that the program is linked with, such as "4.0.4".
+std::string_view Version() noexcept;
 
 /// The kind of a failure, for programs; Error::what() describes it in words.
 enum class ErrorKind {
@@ -41,6 +51,9 @@ enum class ErrorKind {
     kSystem,        ///< another system call failed
     kCameraGone,    ///< the camera was unplugged, or given up by the service, during the command
 };
+
+/// The kind in words, such as "timed out".
+std::string_view ToString(ErrorKind kind) noexcept;
 
 /// Thrown for every failure except out of memory (std::bad_alloc).
 class Error : public std::runtime_error {
