@@ -2,13 +2,19 @@
 
 #include <chrono>
 #include <future>
+#include <mutex>
+#include <thread>
 
 #include <gtest/gtest.h>
+#include <windows.h>
 
 #include "client_of_fake_service.h"
+#include "import_hook.h"
 #include "orvik/client.h"
 #include "support/client_results.h"
 #include "support/fake_service.h"
+
+extern "C" decltype(&::WaitForMultipleObjects) __imp_WaitForMultipleObjects;
 
 namespace {
 
@@ -41,7 +47,16 @@ TEST(ClientAsyncDeadline, EndsTheTransferAndDropsTheLateAnswer) {
     EXPECT_EQ(client.TransferIn(7, orvik::InquiryCdb(), kDeadline), MakeBytes({2}));
 }
 
-TEST(ClientAsyncDeadline, HoldsForTheSecondOfTwoTransfers) {
+TEST(ClientAsyncDeadline, HoldsForATransferThatStartsWhileTheThreadWaitsForAnother) {
+    Signal waiting;
+    std::once_flag once;
+    using Wait = HookedImport<&__imp_WaitForMultipleObjects>;
+    const Wait hook([&, test = std::this_thread::get_id()](DWORD count, const HANDLE* handles,
+                                                           BOOL all, DWORD milliseconds) {
+        if (std::this_thread::get_id() != test && count == 2)
+            std::call_once(once, [&] { waiting.Set(); });
+        return Wait::Original(count, handles, all, milliseconds);
+    });
     Signal done;
     FakeService service([&](Peer& peer) {
         peer.Welcome({7});
@@ -52,10 +67,12 @@ TEST(ClientAsyncDeadline, HoldsForTheSecondOfTwoTransfers) {
         peer.Refuse(peer.ReadRequest());  // the destructor's round trip
         peer.ReadToTheEnd();
     });
-    Client client(kDeadline, service.Name());
+    // The thread looks for ended time-outs also at the end of this one.
+    Client client(10 * kDeadline, service.Name());
     Answer first;
     Answer second;
     client.StartTransferNoData(7, orvik::TestUnitReadyCdb(), first.Completion());
+    EXPECT_TRUE(waiting.Wait());
     client.StartTransferOut(7, orvik::TestUnitReadyCdb(), {}, second.Completion(), 50ms);
     EXPECT_EQ(KindOf([&] { second.Data(); }), ErrorKind::kTimedOut);
     done.Set();
