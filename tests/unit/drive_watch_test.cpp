@@ -20,6 +20,7 @@
 #include "support/removable_drive.h"
 
 extern "C" {
+extern decltype(&::CloseHandle) __imp_CloseHandle;
 extern decltype(&::CreateFileW) __imp_CreateFileW;
 extern decltype(&::PathFileExistsW) __imp_PathFileExistsW;
 extern decltype(&::RegisterDeviceNotificationW) __imp_RegisterDeviceNotificationW;
@@ -265,6 +266,30 @@ TEST_F(DriveWatchTest, ForgettingReleasesDrivesThatHaveGone) {
     EXPECT_EQ(knownDrives, ::GetLogicalDrives());
     ForgetChangedDrives();
     EXPECT_TRUE(IsWatched(L'E'));
+}
+
+// As long as the volume is open, the drive cannot be removed safely.
+TEST_F(DriveWatchTest, ReleaseUnregistersTheNotificationAndThenClosesTheVolume) {
+    RemovableDrive e(L'E');
+    ScanDrives(true);
+    const DriveSlot watched = SlotOf(L'E');
+    Texts calls;
+    using Close = HookedImport<&__imp_CloseHandle>;
+    const Close close([&](HANDLE handle) {
+        if (handle == watched.volume)
+            calls.emplace_back(L"close");
+        return Close::Original(handle);
+    });
+    using Unregister = HookedImport<&__imp_UnregisterDeviceNotification>;
+    const Unregister unregister([&](HDEVNOTIFY notification) {
+        EXPECT_EQ(notification, watched.notification);
+        calls.emplace_back(L"unregister");
+        return Unregister::Original(notification);
+    });
+    e.Disappear();
+    ForgetChangedDrives();
+    EXPECT_EQ(calls, (Texts{L"unregister", L"close"}));
+    EXPECT_FALSE(IsWatched(L'E'));
 }
 
 TEST_F(DriveWatchTest, DriveFirstNoticedByForgettingIsNotWatchedUntilItComesAgain) {
