@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include "guarded_heap.h"
 #include "lifetime_fixture.h"
 
 namespace {
@@ -104,6 +105,23 @@ TEST_P(LateQueuedTransferTest, QueuedButNotTakenWhenTheSessionEnds) {
     EndSession(client);
     port.DispatchQueued();
     ExpectServingOthers();
+}
+
+TEST_F(LifetimeTest, BodyOfARequestIsFreedWithItsSessionAndNotWithItsTransfer) {
+    ORVIK_NEEDS_GUARDED_HEAP();
+    constexpr std::size_t kBody = 5000;
+    const std::size_t before = guarded_heap::LiveBlocks(kBody);
+    main = ConnectQuietly();
+    bus.SetBehaviour(camera, HeldUntil(TransferEnd::kSuccess));
+    main->Write(MessageBytes(kTransferIn, 1, kFirstCamera, Read6(0, 1) + Pattern(kBody - 16)));
+    port.DispatchUntil("the request", [&] { return Pending() == 1 && main->PendingWrites() == 0; });
+    EXPECT_EQ(guarded_heap::LiveBlocks(kBody), before + 1);
+    EndSession(*main, End::kRegistryRemoves);
+    EXPECT_EQ(guarded_heap::LiveBlocks(kBody), before);
+    EXPECT_EQ(Pending(), 1u);
+    bus.ReleaseAll(camera);
+    port.DispatchQueued();
+    ExpectServing();
 }
 
 }  // namespace
