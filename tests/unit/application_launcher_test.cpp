@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -19,7 +20,11 @@
 #include "in_process_service.h"
 #include "recording_application.h"
 
-extern "C" decltype(&::CreateProcessAsUserW) __imp_CreateProcessAsUserW;
+extern "C" {
+extern decltype(&::CreateProcessAsUserW) __imp_CreateProcessAsUserW;
+extern decltype(&::RegCloseKey) __imp_RegCloseKey;
+extern decltype(&::RegOpenKeyExW) __imp_RegOpenKeyExW;
+}
 
 namespace {
 
@@ -295,6 +300,33 @@ TEST_F(LauncherTest, EmptyValuesGiveTheFixedPath) {
     ExpectFallback();
     appPath.SetBytes("x", 1, REG_BINARY);  // less than a character
     ExpectFallback();
+}
+
+TEST_F(LauncherTest, KeyIsClosedWhetherItsValueIsUsedOrNot) {
+    std::size_t opened = 0;
+    std::set<HKEY> open;
+    using Open = HookedImport<&__imp_RegOpenKeyExW>;
+    const Open openHook(
+        [&](HKEY root, const wchar_t* path, DWORD options, REGSAM access, HKEY* key) {
+            const LSTATUS result = Open::Original(root, path, options, access, key);
+            if (path == std::wstring(kAppPathKey) && result == ERROR_SUCCESS) {
+                ++opened;
+                open.insert(*key);
+            }
+            return result;
+        });
+    using Close = HookedImport<&__imp_RegCloseKey>;
+    const Close closeHook([&](HKEY key) {
+        open.erase(key);
+        return Close::Original(key);
+    });
+    AppPath appPath;
+    appPath.Set(Named());
+    ExpectStarted(Named());
+    appPath.Set(L"");
+    ExpectFallback();
+    EXPECT_EQ(opened, 2u);
+    EXPECT_EQ(open.size(), 0u);
 }
 
 TEST_F(LauncherTest, ValueOfExactly1024BytesIsUsedAndALongerOneIsNot) {
