@@ -118,6 +118,19 @@ TEST(ClientInvalidMessages, SecondAnswerToOneRequest) {
     EXPECT_EQ(KindOf([&] { second.Data(); }), ErrorKind::kBadAnswer);
 }
 
+TEST(ClientInvalidMessages, DataInTheAnswerToACommandThatSendsData) {
+    FakeService service([](Peer& peer) {
+        peer.Welcome({7});
+        const Request request = peer.ReadRequest();
+        peer.Send(MessageHeader{kTransferSucceeded, request.header.requestId, 7, 1}, Bytes(1));
+        peer.ReadToTheEnd();
+    });
+    Client client(kDeadline, service.Name());
+    EXPECT_EQ(
+        KindOf([&] { client.TransferOut(7, orvik::TestUnitReadyCdb(), Bytes(4), kDeadline); }),
+        ErrorKind::kBadAnswer);
+}
+
 TEST(ClientInvalidMessages, SuccessInsteadOfTheRefusalOfARoundTrip) {
     FakeService service([](Peer& peer) {
         peer.Succeed(peer.ReadRequest());
