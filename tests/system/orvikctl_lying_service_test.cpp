@@ -199,6 +199,17 @@ TEST_F(OrvikctlLyingService, CameraThatGoesBetweenTwoCommandsOfARead) {
                "the camera was unplugged before the command for 1 block starting at block 1"));
 }
 
+TEST_F(OrvikctlLyingService, CameraWhoseBlocksAreTooLargeForOneCommand) {
+    const auto service = Play([](Peer& peer) {
+        peer.Welcome({1});
+        peer.Succeed(peer.ReadRequest(), CapacityOf(2, 65'537));
+        peer.ReadToTheEnd();
+    });
+    EXPECT_TRUE(Failed(Run(L"read -o "), 1,
+                       "a block of the camera has 65537 bytes, but one command can transfer only "
+                       "65536"));
+}
+
 /// READ(6) and WRITE(6) reach the first 2^21 blocks.
 TEST_F(OrvikctlLyingService, CameraWithMoreBlocksThanCanBeReached) {
     for (const wchar_t* const arguments :

@@ -226,13 +226,14 @@ TEST_F(OrvikctlStatus, LogAndDumps) {
     ::ExpandEnvironmentStringsW(L"%SystemRoot%\\Temp", temporary.data(), MAX_PATH);
     const std::filesystem::path dumps = temporary.data();
 
-    // Newer than all that may be there; the newest by far is none of the service's.
+    // Newer than all that may be there; the two newest by far are none of the service's.
     const auto tomorrow = std::filesystem::file_time_type::clock::now() + std::chrono::hours(24);
     const std::filesystem::path files[] = {dumps / L"01234567-89ab-cdef-0123-456789abcdef.dmp",
                                            dumps / L"fedcba98-89ab-cdef-0123-456789abcdef.dmp",
-                                           dumps / L"another.dmp"};
+                                           dumps / L"another.dmp",
+                                           dumps / L"fedcba98-89ab-cdef-0123-456789abcdef 2.dmp"};
     const std::chrono::hours age[] = {std::chrono::hours(0), std::chrono::hours(1),
-                                      std::chrono::hours(-1)};
+                                      std::chrono::hours(-1), std::chrono::hours(-2)};
     for (std::size_t i = 0; i < std::size(files); ++i) {
         std::ofstream(files[i]).close();
         std::filesystem::last_write_time(files[i], tomorrow - age[i]);

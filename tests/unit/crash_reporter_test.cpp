@@ -81,6 +81,16 @@ TEST_F(LaunchCrashReporterTest, ReportersPathHasUpTo259Characters) {
     EXPECT_EQ(Logged(), Lines({"[ERROR][crash]:\tNo path to crashreporter"}));
 }
 
+TEST_F(LaunchCrashReporterTest, FolderOfMoreThan255CharactersHasNoReporter) {
+    fake.RunAsService();
+    fake.program = LR"(C:\)" + std::wstring(254, L'p') + LR"(\s)";
+    ASSERT_EQ(fake.program.size(), 259U);
+    EXPECT_EQ(SetUpWith(fake), Lines());
+    EXPECT_EQ(fake.services, Folders()) << "without a name it is no service";
+    EXPECT_FALSE(Launch());
+    EXPECT_EQ(Logged(), Lines({"[ERROR][crash]:\tNo path to crashreporter"}));
+}
+
 TEST_F(LaunchCrashReporterTest, LongCommandLineIsCut) {
     SetUpCrashHandler(std::wstring(3000, L'v'), L"Unknown");
     EXPECT_TRUE(Launch());

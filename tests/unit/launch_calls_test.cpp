@@ -11,6 +11,7 @@
 #include "import_hook.h"
 #include "in_process_service.h"
 #include "server/launch_functions.h"
+#include "windows/system_dll.h"
 
 extern "C" {
 extern decltype(&::CloseHandle) __imp_CloseHandle;
@@ -159,6 +160,13 @@ TEST_F(LaunchCallsTest, WithoutAnEnvironmentOneLineSaysSoAndNothingIsStarted) {
         EXPECT_EQ(output.Out(), kLaunching);
         EXPECT_EQ(output.Error(), "Failed to get User Environment for App launch.\n");
     }
+}
+
+TEST(SystemFunction, IsNullIfSystem32DoesNotHaveTheDllOrTheDllTheFunction) {
+    using Function = decltype(&::CloseHandle);
+    EXPECT_EQ(SystemFunction<Function>(L"no_such.dll", "CloseHandle"), nullptr);
+    EXPECT_EQ(SystemFunction<Function>(L"userenv.dll", "CloseHandle"), nullptr);
+    EXPECT_NE(SystemFunction<Function>(L"kernel32.dll", "CloseHandle"), nullptr);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <windows.h>
 
 #include "notification_window_fixture.h"
+#include "support/deadline.h"
 #include "support/removable_drive.h"
 #include "windows/unique_handle.h"
 
@@ -96,6 +97,18 @@ TEST_F(WindowThreadTest, RegistersForAllInterfacesThenForTheDrivesAndUndoesBothA
     EXPECT_EQ(calls.filter.dbcc_name[0], L'\0');
     EXPECT_EQ(calls.interfaceFlags, DWORD{DEVICE_NOTIFY_ALL_INTERFACE_CLASSES});
     EXPECT_EQ(output.Error(), "");
+}
+
+TEST_F(WindowThreadTest, DispatchesPostedMessagesToo) {
+    const WindowThread thread;
+    while (notificationWindow == nullptr)
+        ASSERT_FALSE(thread.HasEnded(1));
+    HWND const window = notificationWindow;
+    ASSERT_TRUE(::PostMessageW(window, WM_CLOSE, 0, 0));
+    const Deadline deadline;
+    while (::IsWindow(window) && !deadline.Over())
+        ASSERT_FALSE(thread.HasEnded(1));
+    EXPECT_FALSE(::IsWindow(window)) << "the window has not got its message";
 }
 
 TEST_F(WindowThreadTest, ARealArrivalReachesTheServer) {
