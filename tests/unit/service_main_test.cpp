@@ -19,6 +19,8 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <dbt.h>
+
 #include "device/io_operation.h"
 #include "import_hook.h"
 #include "output_capture.h"
@@ -121,6 +123,7 @@ public:
         }
         if (actor.joinable())
             actor.join();
+        UseServerAsTheWindowThreadMay();
         if (port != nullptr)
             Say("quit packets left: " + std::to_string(QuitPacketsLeft()));
         EndProcess(kReturned);
@@ -198,6 +201,15 @@ private:
         if (const std::size_t ended = output.CountOut("ServerClient shutdown.\n"))
             text += ", sessions ended: " + std::to_string(ended);
         return text;
+    }
+
+    /// That thread is never stopped, so the server's memory must be there although the server has
+    /// been destroyed. On the guarded heap it would be a fault otherwise.
+    static void UseServerAsTheWindowThreadMay() {
+        DEV_BROADCAST_HDR record{};
+        record.dbch_size = sizeof(record);
+        if (Server* const server = theServer)
+            server->PostDeviceEvent(DBT_DEVICEARRIVAL, &record);
     }
 
     std::size_t QuitPacketsLeft() const {
