@@ -12,7 +12,12 @@
 
 #include <dbt.h>
 
+#include "device/io_operation.h"
+#include "guarded_heap.h"
+#include "import_hook.h"
 #include "in_process_service.h"
+
+extern "C" decltype(&::PostQueuedCompletionStatus) __imp_PostQueuedCompletionStatus;
 
 namespace {
 
@@ -83,6 +88,32 @@ TEST_F(ForgedEventTest, RecordThatSaysItIsEmptyIsDropped) {
     }
     EXPECT_EQ(output.Wide(), L"");
     ExpectServing();
+}
+
+TEST_F(ForgedEventTest, CopyOfARecordThatIsShorterThanItsHeaderEndsWithZeros) {
+    ORVIK_NEEDS_GUARDED_HEAP();
+    StartServer();
+    DEV_BROADCAST_HDR record;
+    std::memset(&record, 0x11, sizeof(record));
+    for (DWORD size = 0; size < sizeof(record); ++size) {
+        SCOPED_TRACE(size);
+        record.dbch_size = size;
+        DEV_BROADCAST_HDR expected{};
+        std::memcpy(&expected, &record, size);
+        const std::size_t headers = guarded_heap::LiveBlocks(sizeof(record));
+        {
+            using Post = HookedImport<&__imp_PostQueuedCompletionStatus>;
+            const Post post([&](HANDLE to, DWORD bytes, ULONG_PTR key, OVERLAPPED* overlapped) {
+                const void* const copy = IoOperation::FromOverlapped(overlapped)->transferBuffer;
+                EXPECT_EQ(std::memcmp(copy, &expected, sizeof(expected)), 0);
+                return Post::Original(to, bytes, key, overlapped);
+            });
+            server->PostDeviceEvent(DBT_DEVICEARRIVAL, &record);
+        }
+        EXPECT_EQ(guarded_heap::LiveBlocks(sizeof(record)), headers + 1);
+        port.DispatchQueued();
+    }
+    EXPECT_EQ(output.Wide(), L"");
 }
 
 }  // namespace
