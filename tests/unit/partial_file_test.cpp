@@ -149,6 +149,19 @@ TEST_F(PartialFileTest, CtrlCEndsTheTriesAndCostsNoData) {
     EXPECT_EQ(FileCount(), 2);
 }
 
+TEST_F(PartialFileTest, FailedWriteLeavesTheOldFileAlone) {
+    const WriteHook write([](HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*) {
+        ::SetLastError(ERROR_DISK_FULL);
+        return FALSE;
+    });
+    {
+        PartialFile file(target);
+        EXPECT_THROW(file.Write(kBytes), FileError);
+    }
+    EXPECT_EQ(Content(), "old");
+    EXPECT_EQ(FileCount(), 1);
+}
+
 TEST_F(PartialFileTest, FailedFlushLeavesTheOldFileAlone) {
     const FlushHook flush([](HANDLE) {
         ::SetLastError(ERROR_DISK_FULL);

@@ -1,0 +1,95 @@
+// The folders of a service that runs as another account than LocalSystem, for answers of Windows
+// that the test chooses.
+
+#include "service_folders.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <sddl.h>
+
+#include "fake_service_manager.h"
+#include "windows/unique_memory.h"
+
+extern "C" {
+extern decltype(&::LookupAccountNameW) __imp_LookupAccountNameW;
+extern decltype(&::RegGetValueW) __imp_RegGetValueW;
+}
+
+namespace {
+
+class ServiceFolders : public testing::Test {
+protected:
+    /// Makes the service run as `account`. Windows knows the accounts of this machine alone, all
+    /// with one identifier.
+    void RunAs(std::wstring name) {
+        account = std::move(name);
+        manager.config.lpServiceStartName = account.data();
+    }
+
+    std::wstring account;
+    std::wstring lookedUp;
+    std::wstring key;  // of the registry value that was read
+    FakeManager manager;
+    const HookedImport<&__imp_LookupAccountNameW> lookUp{
+        [this](const wchar_t* machine, const wchar_t* name, void* to, DWORD* size, wchar_t*, DWORD*,
+               SID_NAME_USE*) {
+            EXPECT_EQ(machine, nullptr);
+            lookedUp = name;
+            if (lookedUp.find(L'\\') != std::wstring::npos) {
+                ::SetLastError(ERROR_NONE_MAPPED);
+                return FALSE;
+            }
+            void* sid = nullptr;
+            EXPECT_TRUE(::ConvertStringSidToSidW(L"S-1-5-21-1-2-3-1000", &sid));
+            const std::unique_ptr<void, LocalFreer> owner(sid);
+            return ::CopySid(*size, to, sid);
+        }};
+    const HookedImport<&__imp_RegGetValueW> read{[this](HKEY root, const wchar_t* path,
+                                                        const wchar_t* value, DWORD, DWORD*,
+                                                        void* to, DWORD* size) -> LSTATUS {
+        EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+        EXPECT_STREQ(value, L"ProfileImagePath");
+        key = path;
+        constexpr wchar_t kProfile[] = LR"(C:\Users\camera)";
+        EXPECT_GE(*size, sizeof(kProfile));
+        std::memcpy(to, kProfile, sizeof(kProfile));
+        return ERROR_SUCCESS;
+    }};
+};
+
+TEST_F(ServiceFolders, LogIsInTheProfileOfTheServicesAccount) {
+    RunAs(LR"(.\camera)");
+    EXPECT_EQ(ServiceLogFolder(), LR"(C:\Users\camera\AppData\Local\Orvik)");
+    EXPECT_EQ(lookedUp, L"camera") << "an account of this machine";
+    EXPECT_EQ(key,
+              LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\)"
+              L"S-1-5-21-1-2-3-1000");
+    RunAs(L"localsystem");
+    lookedUp.clear();
+    EXPECT_EQ(ServiceLogFolder(), LR"(C:\Users\camera\AppData\Local\Orvik)");
+    EXPECT_EQ(lookedUp, L"") << "it is no account that can be looked up";
+    EXPECT_EQ(key, LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\S-1-5-18)");
+}
+
+TEST_F(ServiceFolders, AccountThatIsNotFoundIsNamed) {
+    RunAs(LR"(domain\camera)");
+    EXPECT_EQ(
+        FailureOf(ServiceLogFolder),
+        SystemFailure(R"(cannot look up the service's account domain\camera)", ERROR_NONE_MAPPED)
+            .what());
+    EXPECT_EQ(lookedUp, LR"(domain\camera)");
+}
+
+TEST_F(ServiceFolders, TemporaryFolderOfAnotherAccountIsNotKnown) {
+    RunAs(LR"(.\camera)");
+    EXPECT_EQ(FailureOf(ServiceDumpFolder),
+              R"(the service runs as .\camera, and only processes of that account know its )"
+              "temporary folder");
+}
+
+}  // namespace
