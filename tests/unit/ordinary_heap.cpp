@@ -77,7 +77,7 @@ std::vector<std::size_t> AllocationRecord::Stop() {
 
 ErrorChangingFree::ErrorChangingFree() noexcept = default;
 ErrorChangingFree::~ErrorChangingFree() {
-    // Free() was not changed.
+    // free() was not changed.
 }
 
 FailingAllocation::FailingAllocation(std::size_t /*number*/) noexcept {}
