@@ -35,14 +35,19 @@ std::vector<std::byte> InputFile::Read(std::size_t length) {
     std::size_t done = 0;
     while (done < length) {
         DWORD count = 0;
+        ::SetLastError(ERROR_SUCCESS);
         const BOOL read = ::ReadFile(file, bytes.data() + done, static_cast<DWORD>(length - done),
                                      &count, nullptr);
-        const DWORD code = read ? ERROR_SUCCESS : ::GetLastError();
-        ThrowIfCancelled();  // Ctrl-C makes ReadFile return if the input is a console
-        if (code == ERROR_BROKEN_PIPE || (read && count == 0))
-            break;
-        if (!read)
+        const DWORD code = ::GetLastError();
+        // Ctrl-C makes a read of the console succeed without data, perhaps before the handler of
+        // Ctrl-C has run on its own thread.
+        if (read && code == ERROR_OPERATION_ABORTED)
+            ::WaitForSingleObject(CancellationEvent(), INFINITE);
+        ThrowIfCancelled();
+        if (!read && code != ERROR_BROKEN_PIPE)
             throw FileError("cannot read", path, code);
+        if (count == 0)
+            break;
         done += count;
     }
     bytes.resize(done);
