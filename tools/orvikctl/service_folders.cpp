@@ -38,7 +38,8 @@ std::wstring RegistryText(const std::wstring& key, const wchar_t* value) {
 }
 
 bool IsLocalSystem(const std::wstring& account) {
-    return EqualIgnoringCase(account, L"LocalSystem");
+    return EqualIgnoringCase(account, L"LocalSystem") ||
+           EqualIgnoringCase(account, LR"(.\LocalSystem)");
 }
 
 /// The security identifier of an account, as a text.
