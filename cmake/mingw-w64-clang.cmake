@@ -23,7 +23,10 @@ set(CMAKE_C_FLAGS_INIT "-nostdlibinc -idirafter /usr/${triple}/include -femulate
 set(CMAKE_CXX_FLAGS_INIT
     "${CMAKE_C_FLAGS_INIT} -isystem ${gcc}/include/c++ -isystem ${gcc}/include/c++/${triple}")
 # GCC's driver adds the threads library by itself. The flags of the compiler are given to the linker's
-# driver too, which has no use for all of them.
+# driver too, which has no use for all of them. The dependencies have a libstdc++ for lld.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -B${gcc} -L${gcc} -lpthread -Qunused-arguments")
+if(DEFINED ORVIK_DEPS)
+  string(PREPEND CMAKE_EXE_LINKER_FLAGS_INIT "-L${ORVIK_DEPS}/lib/lld ")
+endif()
 set(CMAKE_SHARED_LINKER_FLAGS_INIT ${CMAKE_EXE_LINKER_FLAGS_INIT})
 set(CMAKE_MODULE_LINKER_FLAGS_INIT ${CMAKE_EXE_LINKER_FLAGS_INIT})
