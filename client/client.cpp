@@ -86,9 +86,10 @@ void Client::RoundTrip(std::chrono::milliseconds timeout) {
 Subscription Client::Subscribe(EventHandler handler) {
     if (!handler)
         throw Error(ErrorKind::kBadArgument, "handler must be a function; it is empty");
+    const auto subscriber = std::make_shared<const EventHandler>(std::move(handler));
+    connection->Subscribe(subscriber);
     Subscription subscription;
-    subscription.handler = std::make_shared<const EventHandler>(std::move(handler));
-    connection->Subscribe(subscription.handler);
+    subscription.handler = subscriber;
     return subscription;
 }
 

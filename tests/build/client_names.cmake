@@ -18,10 +18,10 @@ list(REMOVE_DUPLICATES names)
 list(FILTER names EXCLUDE REGEX "^_[_A-Z]") # reserved
 list(REMOVE_ITEM names orvik orvik_internal std
      # what a demangled name is made of besides
-     bool char const decltype for guard int lambda long name nullptr operator short typeinfo unsigned
+     bool char const decltype false for guard int lambda long name nullptr operator short typeinfo unsigned
      variable void vtable wchar_t
-     # a type of Windows, and a name of namespace std that clang's mangling has without it
-     SC_HANDLE__ is_constructible_v)
+     # types of Windows, and a name of namespace std that clang's mangling has without it
+     HWND__ SC_HANDLE__ is_constructible_v)
 if(names)
   message(FATAL_ERROR "names outside namespace orvik: ${names}")
 endif()

@@ -109,10 +109,12 @@ private:
 /// next is created only when a client has connected to that one.
 class FakeService {
 public:
-    /// `script` runs on a thread of its own, for the client with the number `scripted`; clients are
-    /// numbered from 1 on. For each other client the fake service reads and does not answer.
-    /// `beforeNextInstance` is called with the number of each client, before the next instance is
-    /// created.
+    static constexpr int kEveryClient = 0;
+
+    /// `script` runs on a thread of its own, for the client with the number `scripted`, or for
+    /// every client; clients are numbered from 1 on. For each other client the fake service reads
+    /// and does not answer. `beforeNextInstance` is called with the number of each client, before
+    /// the next instance is created.
     explicit FakeService(std::function<void(Peer&)> script,
                          std::function<void(int)> beforeNextInstance = {},
                          std::wstring pipeName = UniqueName(), int scripted = 1)
@@ -133,7 +135,8 @@ public:
                     beforeNextInstance(number);
                 listening = MakeInstance();
                 players.emplace_back(
-                    [peer = std::move(peer), plays = number == scripted, script]() mutable {
+                    [peer = std::move(peer), script,
+                     plays = scripted == kEveryClient || scripted == number]() mutable {
                         if (plays)
                             script(peer);
                         else

@@ -181,7 +181,8 @@ public:
 
 private:
     friend class Client;
-    std::shared_ptr<const EventHandler> handler;
+    friend class PersistentClient;
+    std::shared_ptr<const void> handler;
 };
 
 /// Sense data: why a camera refused a command.

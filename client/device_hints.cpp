@@ -1,0 +1,138 @@
+#include "client/device_hints.h"
+
+#include <exception>
+#include <future>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include <windows.h>
+
+#include <dbt.h>
+
+#include "orvik/client.h"
+
+namespace orvik {
+
+namespace {
+
+// As <winioctl.h> declares them. It defines them only together with <initguid.h>.
+constexpr GUID kDiskInterface = {
+    0x53F56307, 0xB6BF, 0x11D0, {0x94, 0xF2, 0x00, 0xA0, 0xC9, 0x1E, 0xFB, 0x8B}};
+constexpr GUID kCdRomInterface = {
+    0x53F56308, 0xB6BF, 0x11D0, {0x94, 0xF2, 0x00, 0xA0, 0xC9, 0x1E, 0xFB, 0x8B}};
+
+/// The program or DLL that contains this library.
+HINSTANCE ThisModule() noexcept {
+    HMODULE module = nullptr;
+    ::GetModuleHandleExW(
+        GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+        reinterpret_cast<const wchar_t*>(&kDiskInterface), &module);
+    return module;
+}
+
+struct Unregister {
+    using pointer = HDEVNOTIFY;
+    void operator()(HDEVNOTIFY notification) const noexcept {
+        ::UnregisterDeviceNotification(notification);
+    }
+};
+using Registration = std::unique_ptr<void, Unregister>;
+
+Registration RegisterFor(HWND window, const GUID& interfaceClass) {
+    DEV_BROADCAST_DEVICEINTERFACE_W filter{};
+    filter.dbcc_size = sizeof(filter);
+    filter.dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
+    filter.dbcc_classguid = interfaceClass;
+    Registration registration(
+        ::RegisterDeviceNotificationW(window, &filter, DEVICE_NOTIFY_WINDOW_HANDLE));
+    if (!registration)
+        throw Error(ErrorKind::kSystem, "cannot register for device notifications",
+                    ::GetLastError());
+    return registration;
+}
+
+}  // namespace
+
+DeviceHints::DeviceHints(std::function<void(Change)> onChange) : changed(std::move(onChange)) {
+    std::promise<void> ready;
+    std::future<void> started = ready.get_future();
+    auto run = [this, ready = std::move(ready)]() mutable {
+        Registration disks;
+        Registration cdRoms;
+        try {
+            WNDCLASSEXW windowClass{};
+            windowClass.cbSize = sizeof(windowClass);
+            windowClass.lpfnWndProc = WindowProcedure;
+            windowClass.hInstance = ThisModule();
+            windowClass.lpszClassName = kWindowClass;
+            ::RegisterClassExW(&windowClass);  // fails if an earlier object has registered it
+            window = ::CreateWindowExW(0, kWindowClass, L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr,
+                                       windowClass.hInstance, this);
+            if (window == nullptr)
+                throw Error(ErrorKind::kSystem, "cannot create a window", ::GetLastError());
+            disks = RegisterFor(window, kDiskInterface);
+            cdRoms = RegisterFor(window, kCdRomInterface);
+        } catch (...) {
+            if (window != nullptr)
+                ::DestroyWindow(window);
+            ready.set_exception(std::current_exception());
+            return;
+        }
+        ready.set_value();
+        MSG message;
+        while (::GetMessageW(&message, nullptr, 0, 0) > 0)
+            ::DispatchMessageW(&message);
+        disks.reset();
+        cdRoms.reset();
+        ::DestroyWindow(window);
+    };
+    try {
+        thread = std::thread(std::move(run));
+    } catch (const std::system_error& error) {
+        throw Error(ErrorKind::kSystem,
+                    std::string("cannot start a thread for device notifications: ") + error.what());
+    }
+    try {
+        started.get();
+    } catch (...) {
+        thread.join();
+        throw;
+    }
+}
+
+DeviceHints::~DeviceHints() {
+    ::PostMessageW(window, WM_CLOSE, 0, 0);
+    thread.join();
+}
+
+LRESULT CALLBACK DeviceHints::WindowProcedure(HWND window, UINT message, WPARAM wParam,
+                                              LPARAM lParam) {
+    switch (message) {
+        case WM_NCCREATE: {
+            const auto* const creation = reinterpret_cast<const CREATESTRUCTW*>(lParam);
+            ::SetWindowLongPtrW(window, GWLP_USERDATA,
+                                reinterpret_cast<LONG_PTR>(creation->lpCreateParams));
+            break;
+        }
+        case WM_DEVICECHANGE: {
+            const auto* const self =
+                reinterpret_cast<const DeviceHints*>(::GetWindowLongPtrW(window, GWLP_USERDATA));
+            if (wParam == DBT_DEVICEARRIVAL)
+                self->changed(Change::kArrived);
+            else if (wParam == DBT_DEVICEREMOVECOMPLETE)
+                self->changed(Change::kRemoved);
+            return TRUE;
+        }
+        case WM_CLOSE:
+            // The registrations end before the window does.
+            ::PostQuitMessage(0);
+            return 0;
+        default:
+            break;
+    }
+    return ::DefWindowProcW(window, message, wParam, lParam);
+}
+
+}  // namespace orvik
