@@ -23,7 +23,7 @@ else() # GCC and Clang
 endif()
 # mingw-w64's headers include one of clang 19 that is deprecated.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 19)
-  target_compile_definitions(orvik_build_options INTERFACE _CLANG_DISABLE_CRT_DEPRECATION_WARNINGS)
+  add_compile_definitions(_CLANG_DISABLE_CRT_DEPRECATION_WARNINGS) # also for the driver
 endif()
 if(MINGW)
   # One file, no DLL of the tool chain beside it. The three bits are the defaults of binutils 2.40's
