@@ -54,8 +54,8 @@ constexpr std::size_t kAnySize = SIZE_MAX;
 std::size_t failingSize = kAnySize;
 std::size_t allocationsUntilFailure = 0;  // 0: it has failed
 
-/// The C runtime's own function. Not __real_free, because lld 14 gives it an import thunk that leads
-/// to __wrap_free.
+/// The C runtime's own function. Not __real_free, because lld 14 gives it an import thunk that
+/// leads to __wrap_free.
 template <class Function>
 Function* OfRuntime(const char* name) noexcept {
 #ifdef _UCRT
