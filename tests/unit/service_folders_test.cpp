@@ -69,11 +69,15 @@ TEST_F(ServiceFolders, LogIsInTheProfileOfTheServicesAccount) {
     EXPECT_EQ(key,
               LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\)"
               L"S-1-5-21-1-2-3-1000");
-    RunAs(L"localsystem");
-    lookedUp.clear();
-    EXPECT_EQ(ServiceLogFolder(), LR"(C:\Users\camera\AppData\Local\Orvik)");
-    EXPECT_EQ(lookedUp, L"") << "it is no account that can be looked up";
-    EXPECT_EQ(key, LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\S-1-5-18)");
+}
+
+TEST_F(ServiceFolders, LocalSystemHasTwoNames) {
+    for (const wchar_t* const name : {L"localsystem", LR"(.\LocalSystem)"}) {
+        RunAs(name);
+        EXPECT_EQ(ServiceLogFolder(), LR"(C:\Users\camera\AppData\Local\Orvik)");
+        EXPECT_EQ(lookedUp, L"") << "it is no account that can be looked up";
+        EXPECT_EQ(key, LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\S-1-5-18)");
+    }
 }
 
 TEST_F(ServiceFolders, AccountThatIsNotFoundIsNamed) {
