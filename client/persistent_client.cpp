@@ -1,5 +1,6 @@
 #include "orvik/persistent_client.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "client/deadline.h"
@@ -11,6 +12,11 @@ namespace {
 
 std::chrono::milliseconds Left(const Deadline& deadline) {
     return std::chrono::milliseconds(deadline.Left());
+}
+
+/// When an asynchronous request must have been sent.
+Deadline SendDeadline(std::chrono::milliseconds timeout) {
+    return Deadline(std::min(timeout, kTransferTimeout));
 }
 
 }  // namespace
@@ -70,7 +76,7 @@ PersistentClient::Request PersistentClient::StartTransferIn(const Camera& camera
                                                             Completion completion,
                                                             std::chrono::milliseconds timeout) {
     const Deadline deadline(timeout);
-    const auto link = state->LinkFor(camera, deadline);
+    const auto link = state->LinkFor(camera, SendDeadline(timeout));
     return {link->number, link->client->StartTransferIn(
                               camera.id, cdb, state->OnHandlerThread(link, std::move(completion)),
                               Left(deadline))};
@@ -82,7 +88,7 @@ PersistentClient::Request PersistentClient::StartTransferOut(const Camera& camer
                                                              Completion completion,
                                                              std::chrono::milliseconds timeout) {
     const Deadline deadline(timeout);
-    const auto link = state->LinkFor(camera, deadline);
+    const auto link = state->LinkFor(camera, SendDeadline(timeout));
     return {link->number, link->client->StartTransferOut(
                               camera.id, cdb, data,
                               state->OnHandlerThread(link, std::move(completion)), Left(deadline))};
@@ -93,7 +99,7 @@ PersistentClient::Request PersistentClient::StartTransferNoData(const Camera& ca
                                                                 Completion completion,
                                                                 std::chrono::milliseconds timeout) {
     const Deadline deadline(timeout);
-    const auto link = state->LinkFor(camera, deadline);
+    const auto link = state->LinkFor(camera, SendDeadline(timeout));
     return {link->number, link->client->StartTransferNoData(
                               camera.id, cdb, state->OnHandlerThread(link, std::move(completion)),
                               Left(deadline))};
