@@ -257,9 +257,10 @@ TEST_F(PersistentClientTest, RequestCanBeCancelledOrAbandoned) {
     EXPECT_FALSE(client->Cancel(request));
     EXPECT_FALSE(client->Cancel({request.connection + 1, request.id}));
     std::atomic<bool> ended{false};
-    client->StartTransferNoData({1, 7}, orvik::TestUnitReadyCdb(), [&ended](orvik::TransferResult) {
-        EXPECT_FALSE(ended) << "called after the client's end";
-    });
+    client->StartTransferNoData({1, 7}, orvik::TestUnitReadyCdb(),
+                                [&ended](const orvik::TransferResult&) {
+                                    EXPECT_FALSE(ended) << "called after the client's end";
+                                });
     release.Set();
     client.reset();
     ended = true;
@@ -301,10 +302,11 @@ TEST_F(PersistentClientTest, EndsAfterAHandlerInProgress) {
 
 TEST_F(PersistentClientTest, CompletionMayDestroyIt) {
     Signal destroyed;
-    client->StartTransferNoData({1, 7}, orvik::TestUnitReadyCdb(), [&](orvik::TransferResult) {
-        client.reset();
-        destroyed.Set();
-    });
+    client->StartTransferNoData({1, 7}, orvik::TestUnitReadyCdb(),
+                                [&](const orvik::TransferResult&) {
+                                    client.reset();
+                                    destroyed.Set();
+                                });
     EXPECT_TRUE(destroyed.Wait());
 }
 

@@ -13,7 +13,6 @@
 
 namespace {
 
-using client_test::ErrorOf;
 using client_test::KindOf;
 using client_test::MakeBytes;
 using orvik::DecodeSense;
