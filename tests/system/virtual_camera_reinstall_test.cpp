@@ -1,5 +1,10 @@
 // The driver removed and installed again while cameras are in use.
 
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
 #include <utility>
 
 #include "vcamctl_program.h"
@@ -12,6 +17,37 @@ namespace {
 struct Reinstalling {
     ~Reinstalling() { EXPECT_EQ(system_test::Vcamctl(L"install").exitCode, 0u); }
 };
+
+std::string ContentOf(const std::filesystem::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(stream), {});
+}
+
+/// How many copies of the driver's INF the system keeps. Their names are the system's choice.
+int KeptInfs() {
+    const std::string inf =
+        ContentOf(system_test::TestFolder() + L"\\..\\virtualcamera\\orvikvcam.inf");
+    EXPECT_FALSE(inf.empty());
+    std::array<wchar_t, MAX_PATH> windows = {};
+    ::GetSystemWindowsDirectoryW(windows.data(), static_cast<UINT>(windows.size()));
+    int count = 0;
+    for (const std::filesystem::directory_entry& entry :
+         std::filesystem::directory_iterator(std::filesystem::path(windows.data()) / L"inf"))
+        count += entry.is_regular_file() && entry.file_size() == inf.size() &&
+                 ContentOf(entry.path()) == inf;
+    return count;
+}
+
+TEST_F(VirtualCamera, UninstallRemovesTheCopyOfTheInf) {
+    EXPECT_EQ(KeptInfs(), 1);
+    {
+        const Reinstalling reinstalling;
+        const system_test::ProgramResult uninstall = system_test::Vcamctl(L"uninstall");
+        EXPECT_EQ(uninstall.exitCode, 0u) << testing::PrintToString(uninstall.errors);
+        EXPECT_EQ(KeptInfs(), 0);
+    }
+    bus = vcam::Bus();
+}
 
 TEST_F(VirtualCamera, UninstallWithAHandleOpenAndARequestPending) {
     if (!RunsOnWine())
