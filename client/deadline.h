@@ -25,6 +25,11 @@ public:
         return left.count() > 0 ? static_cast<DWORD>(left.count()) : 0;
     }
 
+    /// The same as a duration.
+    std::chrono::milliseconds TimeLeft() const noexcept {
+        return std::chrono::milliseconds(Left());
+    }
+
     bool Passed() const noexcept { return Clock::now() >= end; }
 
 private:

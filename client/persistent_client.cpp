@@ -10,13 +10,15 @@ namespace orvik {
 
 namespace {
 
-std::chrono::milliseconds Left(const Deadline& deadline) {
-    return std::chrono::milliseconds(deadline.Left());
-}
-
-/// When an asynchronous request must have been sent.
-Deadline SendDeadline(std::chrono::milliseconds timeout) {
-    return Deadline(std::min(timeout, kTransferTimeout));
+/// Starts an asynchronous request. `start` sends it: it is called with the Client, the completion
+/// and the time-out of the answer.
+template <typename State, typename Start>
+PersistentClient::Request StartRequest(State& state, const Camera& camera, Completion completion,
+                                       std::chrono::milliseconds timeout, Start start) {
+    const Deadline due(timeout);
+    const auto link = state.LinkFor(camera, std::min(due, Deadline(kTransferTimeout)));
+    return {link->number, start(*link->client, state.OnHandlerThread(link, std::move(completion)),
+                                due.TimeLeft())};
 }
 
 }  // namespace
@@ -49,7 +51,7 @@ std::vector<std::byte> PersistentClient::TransferIn(const Camera& camera,
                                                     std::chrono::milliseconds timeout) {
     const Deadline deadline(timeout);
     const auto link = state->LinkFor(camera, deadline);
-    return link->client->TransferIn(camera.id, cdb, Left(deadline));
+    return link->client->TransferIn(camera.id, cdb, deadline.TimeLeft());
 }
 
 void PersistentClient::TransferOut(const Camera& camera, std::span<const std::byte> cdb,
@@ -57,14 +59,14 @@ void PersistentClient::TransferOut(const Camera& camera, std::span<const std::by
                                    std::chrono::milliseconds timeout) {
     const Deadline deadline(timeout);
     const auto link = state->LinkFor(camera, deadline);
-    link->client->TransferOut(camera.id, cdb, data, Left(deadline));
+    link->client->TransferOut(camera.id, cdb, data, deadline.TimeLeft());
 }
 
 void PersistentClient::TransferNoData(const Camera& camera, std::span<const std::byte> cdb,
                                       std::chrono::milliseconds timeout) {
     const Deadline deadline(timeout);
     const auto link = state->LinkFor(camera, deadline);
-    link->client->TransferNoData(camera.id, cdb, Left(deadline));
+    link->client->TransferNoData(camera.id, cdb, deadline.TimeLeft());
 }
 
 Sense PersistentClient::RequestSense(const Camera& camera, std::chrono::milliseconds timeout) {
@@ -75,11 +77,11 @@ PersistentClient::Request PersistentClient::StartTransferIn(const Camera& camera
                                                             std::span<const std::byte> cdb,
                                                             Completion completion,
                                                             std::chrono::milliseconds timeout) {
-    const Deadline deadline(timeout);
-    const auto link = state->LinkFor(camera, SendDeadline(timeout));
-    return {link->number, link->client->StartTransferIn(
-                              camera.id, cdb, state->OnHandlerThread(link, std::move(completion)),
-                              Left(deadline))};
+    return StartRequest(*state, camera, std::move(completion), timeout,
+                        [&](Client& client, Completion onAnswer, std::chrono::milliseconds left) {
+                            return client.StartTransferIn(camera.id, cdb, std::move(onAnswer),
+                                                          left);
+                        });
 }
 
 PersistentClient::Request PersistentClient::StartTransferOut(const Camera& camera,
@@ -87,22 +89,22 @@ PersistentClient::Request PersistentClient::StartTransferOut(const Camera& camer
                                                              std::span<const std::byte> data,
                                                              Completion completion,
                                                              std::chrono::milliseconds timeout) {
-    const Deadline deadline(timeout);
-    const auto link = state->LinkFor(camera, SendDeadline(timeout));
-    return {link->number, link->client->StartTransferOut(
-                              camera.id, cdb, data,
-                              state->OnHandlerThread(link, std::move(completion)), Left(deadline))};
+    return StartRequest(*state, camera, std::move(completion), timeout,
+                        [&](Client& client, Completion onAnswer, std::chrono::milliseconds left) {
+                            return client.StartTransferOut(camera.id, cdb, data,
+                                                           std::move(onAnswer), left);
+                        });
 }
 
 PersistentClient::Request PersistentClient::StartTransferNoData(const Camera& camera,
                                                                 std::span<const std::byte> cdb,
                                                                 Completion completion,
                                                                 std::chrono::milliseconds timeout) {
-    const Deadline deadline(timeout);
-    const auto link = state->LinkFor(camera, SendDeadline(timeout));
-    return {link->number, link->client->StartTransferNoData(
-                              camera.id, cdb, state->OnHandlerThread(link, std::move(completion)),
-                              Left(deadline))};
+    return StartRequest(*state, camera, std::move(completion), timeout,
+                        [&](Client& client, Completion onAnswer, std::chrono::milliseconds left) {
+                            return client.StartTransferNoData(camera.id, cdb, std::move(onAnswer),
+                                                              left);
+                        });
 }
 
 bool PersistentClient::Cancel(const Request& request) {

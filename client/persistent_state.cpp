@@ -25,10 +25,6 @@ bool Contains(const std::vector<CameraId>& cameras, CameraId camera) {
     return std::find(cameras.begin(), cameras.end(), camera) != cameras.end();
 }
 
-std::chrono::milliseconds Left(const Deadline& deadline) {
-    return std::chrono::milliseconds(deadline.Left());
-}
-
 /// Why the connection is closed.
 Error ReasonOf(Client& client) {
     try {
@@ -256,7 +252,7 @@ std::optional<Error> PersistentClient::State::TryConnect() noexcept {
 /// and `link` does not, `link` is deaf, and the second connection replaces it.
 /// Throws what connecting and Client::RoundTrip() throw.
 void PersistentClient::State::Check(const std::shared_ptr<Link>& link, const Deadline& deadline) {
-    const std::unique_lock alone(checking, Left(deadline));
+    const std::unique_lock alone(checking, deadline.TimeLeft());
     if (!alone)
         throw Error(ErrorKind::kTimedOut, "the service did not answer in time");
     bool hears = false;
@@ -267,17 +263,17 @@ void PersistentClient::State::Check(const std::shared_ptr<Link>& link, const Dea
         hears = link->hears;
     }
     if (hears) {
-        link->client->RoundTrip(Left(deadline));
+        link->client->RoundTrip(deadline.TimeLeft());
         return;
     }
     const std::vector<CameraId> before = link->client->Cameras();
     ConnectOptions second = options;
-    second.timeout = std::min(options.timeout, Left(deadline));
+    second.timeout = std::min(options.timeout, deadline.TimeLeft());
     const auto other = std::make_shared<Link>(shared_from_this(), second);
     const std::vector<CameraId> present = other->client->Cameras();
     // After this, `link` has received everything that the service sent it before it announced the
     // cameras of `present`. It also shows that the service has not been started anew meanwhile.
-    link->client->RoundTrip(Left(deadline));
+    link->client->RoundTrip(deadline.TimeLeft());
     const std::vector<CameraId> after = link->client->Cameras();
     const bool missed = std::any_of(present.begin(), present.end(),
                                     [&](CameraId camera) { return !Contains(after, camera); }) ||
