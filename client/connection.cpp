@@ -239,7 +239,9 @@ void Client::Connection::Wait(Lock& lock, HANDLE event, DWORD milliseconds, bool
     lock.lock();
     if (first == WAIT_OBJECT_0 + 1 && !ReadAvailable()) {
         ::ResetEvent(readEvent.get());
-        ReadAvailable();  // what arrived before the reset would signal the event no more
+        // What arrived before the reset signals the event no more. The client's thread may call a
+        // handler before it reads again, and another thread may wait for the event meanwhile.
+        ReadAvailable();
     }
 }
 
