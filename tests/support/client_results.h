@@ -2,11 +2,9 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +13,7 @@
 
 #include "deadline.h"
 #include "orvik/client.h"
+#include "word_log.h"
 
 namespace client_test {
 
@@ -61,39 +60,12 @@ private:
     std::shared_future<void> future = promise.get_future().share();
 };
 
-/// The events that a subscriber has received, as words: "+3" camera 3 attached, "-3" camera 3
-/// detached, "gone" for the service.
-class EventLog {
+/// The events that a subscriber has received: "+3" camera 3 attached, "-3" camera 3 detached,
+/// "gone" for the service.
+class EventLog : public WordLog {
 public:
     orvik::EventHandler Handler() {
-        return [this](const orvik::Event& event) {
-            const std::lock_guard lock(mutex);
-            words.push_back(Word(event));
-            changed.notify_all();
-        };
-    }
-
-    /// Waits for that many events, and returns all.
-    std::vector<std::string> WaitFor(std::size_t count) {
-        std::unique_lock lock(mutex);
-        changed.wait_for(lock, kDeadline, [&] { return words.size() >= count; });
-        return words;
-    }
-
-    std::size_t Count() const {
-        const std::lock_guard lock(mutex);
-        return words.size();
-    }
-
-    /// Waits for more than `count` events.
-    void WaitForMore(std::size_t count) {
-        std::unique_lock lock(mutex);
-        EXPECT_TRUE(changed.wait_for(lock, kDeadline, [&] { return words.size() > count; }));
-    }
-
-    std::vector<std::string> Words() const {
-        const std::lock_guard lock(mutex);
-        return words;
+        return [this](const orvik::Event& event) { Add(Word(event)); };
     }
 
 private:
@@ -108,10 +80,6 @@ private:
         }
         return "gone";
     }
-
-    mutable std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<std::string> words;
 };
 
 /// Runs `call`, which must throw, and returns its error.

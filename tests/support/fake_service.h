@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <initializer_list>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -42,9 +43,12 @@ public:
         return bytes;
     }
 
-    Request ReadRequest() {
-        Request request{};
+    /// None if the client has disconnected.
+    std::optional<Request> NextRequest() {
         const Bytes header = ReadOnce(sizeof(MessageHeader));
+        if (header.empty())
+            return std::nullopt;
+        Request request{};
         EXPECT_EQ(header.size(), sizeof(MessageHeader)) << "no whole header came";
         if (header.size() != sizeof(MessageHeader))
             return request;
@@ -53,6 +57,12 @@ public:
             request.body = ReadOnce(request.header.bodyLength);
         EXPECT_EQ(request.body.size(), request.header.bodyLength);
         return request;
+    }
+
+    Request ReadRequest() {
+        std::optional<Request> request = NextRequest();
+        EXPECT_TRUE(request) << "no request came";
+        return request ? std::move(*request) : Request{};
     }
 
     bool Send(const Bytes& bytes) {

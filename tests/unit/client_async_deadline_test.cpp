@@ -20,6 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using client_test::Answer;
+using client_test::AnswerTwoRequestsTogether;
 using client_test::Client;
 using client_test::FakeService;
 using client_test::KindOf;
@@ -30,14 +31,7 @@ using client_test::Signal;
 using orvik::ErrorKind;
 
 TEST(ClientAsyncDeadline, EndsTheTransferAndDropsTheLateAnswer) {
-    FakeService service([](Peer& peer) {
-        peer.Welcome({7});
-        const Request first = peer.ReadRequest();
-        const Request second = peer.ReadRequest();
-        peer.Succeed(first, MakeBytes({1}));
-        peer.Succeed(second, MakeBytes({2}));
-        peer.ReadToTheEnd();
-    });
+    FakeService service(AnswerTwoRequestsTogether);
     Client client(kDeadline, service.Name());
     Answer first;
     const orvik::RequestId id =

@@ -70,7 +70,7 @@ TEST(ClientEvents, NoCallBeginsOnceASubscriptionHasEnded) {
             const std::size_t count = all.Count();
             peer.Announce(camera);
             peer.Send({kCameraDetached, kNotificationId, camera, 0});
-            all.WaitForMore(count);
+            all.WaitFor(count + 1);
         }
         lastSent.Set();
         peer.ReadToTheEnd();
@@ -93,9 +93,9 @@ TEST(ClientEvents, NoCallBeginsOnceASubscriptionHasEnded) {
                 });
                 EXPECT_TRUE(called.Wait());
                 subscription.End();
-                all.WaitForMore(all.Count());  // a call that was in progress has ended then
+                all.WaitFor(all.Count() + 1);  // a call that was in progress has ended then
                 ended = true;
-                all.WaitForMore(all.Count());
+                all.WaitFor(all.Count() + 1);
             }
         });
     }

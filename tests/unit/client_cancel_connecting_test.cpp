@@ -1,26 +1,23 @@
 // Connecting that is cancelled.
 
 #include <future>
-#include <mutex>
 #include <string>
 
 #include <gtest/gtest.h>
-#include <windows.h>
 
+#include "busy_pipe.h"
 #include "client_of_fake_service.h"
-#include "import_hook.h"
 #include "orvik/client.h"
 #include "support/client_results.h"
 #include "support/fake_service.h"
-#include "windows/unique_handle.h"
-
-extern "C" decltype(&::WaitNamedPipeW) __imp_WaitNamedPipeW;
 
 namespace {
 
+using client_test::BusyPipe;
 using client_test::FakeService;
 using client_test::KindOf;
 using client_test::Peer;
+using client_test::PipeWaitObserver;
 using client_test::Request;
 using client_test::Signal;
 using orvik::ErrorKind;
@@ -55,25 +52,13 @@ TEST(ClientCancelConnecting, EndsTheWaitForTheServiceAndDisconnectsCleanly) {
 }
 
 TEST(ClientCancelConnecting, EndsTheWaitForAFreeInstance) {
-    const wchar_t name[] = LR"(\\.\pipe\orvik-client-test-cancel)";
-    const UniqueHandle instance = OwnFile(
-        ::CreateNamedPipeW(name, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 65536, 65536, 0, nullptr));
-    ASSERT_TRUE(instance);
-    const UniqueHandle other = OwnFile(
-        ::CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    ASSERT_TRUE(other);
-    Signal waiting;
-    std::once_flag once;
-    using Wait = HookedImport<&__imp_WaitNamedPipeW>;
-    const Wait hook([&](const wchar_t* pipe, DWORD milliseconds) {
-        std::call_once(once, [&] { waiting.Set(); });
-        return Wait::Original(pipe, milliseconds);
-    });
+    const BusyPipe pipe;
+    const PipeWaitObserver observer;
     const orvik::ConnectCanceller canceller;
     auto kind = std::async(std::launch::async, [&] {
-        return KindOf([&] { orvik::Client client(Options(name, canceller)); });
+        return KindOf([&] { orvik::Client client(Options(pipe.Name(), canceller)); });
     });
-    EXPECT_TRUE(waiting.Wait());
+    EXPECT_TRUE(observer.Wait());
     canceller.Cancel();
     EXPECT_EQ(kind.get(), ErrorKind::kCancelled);
 }

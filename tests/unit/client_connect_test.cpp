@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include "busy_pipe.h"
 #include "client_of_fake_service.h"
 #include "import_hook.h"
 #include "orvik/client.h"
@@ -20,19 +21,21 @@ extern "C" {
 extern decltype(&::CreateFileW) __imp_CreateFileW;
 extern decltype(&::OpenServiceW) __imp_OpenServiceW;
 extern decltype(&::PeekNamedPipe) __imp_PeekNamedPipe;
-extern decltype(&::WaitNamedPipeW) __imp_WaitNamedPipeW;
 }
 
 namespace {
 
 using namespace std::chrono_literals;
+using client_test::BusyPipe;
 using client_test::Client;
 using client_test::ErrorOf;
 using client_test::FakeService;
 using client_test::KindOf;
 using client_test::Peer;
+using client_test::PipeWaitObserver;
 using client_test::Request;
 using client_test::Signal;
+using client_test::TakeInstance;
 using orvik::ErrorKind;
 
 TEST(ClientConnect, KnowsTheCamerasPresent) {
@@ -57,14 +60,8 @@ TEST(ClientConnect, PipeThatDoesNotExistMeansAStoppedService) {
 }
 
 TEST(ClientConnect, PipeWithoutAFreeInstanceIsBusyAtTheDeadline) {
-    const wchar_t name[] = LR"(\\.\pipe\orvik-client-test-busy)";
-    const UniqueHandle instance = OwnFile(
-        ::CreateNamedPipeW(name, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 65536, 65536, 0, nullptr));
-    ASSERT_TRUE(instance);
-    const UniqueHandle other = OwnFile(
-        ::CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    ASSERT_TRUE(other);
-    const auto error = ErrorOf([&] { Client(100ms, name); });
+    const BusyPipe pipe;
+    const auto error = ErrorOf([&] { Client(100ms, pipe.Name()); });
     EXPECT_EQ(error.Kind(), ErrorKind::kBusy) << error.what();
     EXPECT_EQ(error.SystemCode(), DWORD{ERROR_PIPE_BUSY});
 }
@@ -84,20 +81,12 @@ TEST(ClientConnect, WaitsForAFreeInstance) {
             }
         },
         FakeService::UniqueName(), 2);
-    const UniqueHandle other =
-        OwnFile(::CreateFileW(service.Name().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                              OPEN_EXISTING, 0, nullptr));
+    const UniqueHandle other = TakeInstance(service.Name());
     ASSERT_TRUE(busy.Wait());
-    Signal waiting;
-    std::once_flag once;
-    using Wait = HookedImport<&__imp_WaitNamedPipeW>;
-    const Wait hook([&](const wchar_t* name, DWORD milliseconds) {
-        std::call_once(once, [&] { waiting.Set(); });
-        return Wait::Original(name, milliseconds);
-    });
+    const PipeWaitObserver observer;
     auto cameras =
         std::async(std::launch::async, [&] { return Client(kDeadline, service.Name()).Cameras(); });
-    EXPECT_TRUE(waiting.Wait());
+    EXPECT_TRUE(observer.Wait());
     free.Set();
     EXPECT_EQ(cameras.get(), std::vector<orvik::CameraId>{7});
 }

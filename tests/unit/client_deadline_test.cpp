@@ -27,6 +27,7 @@ extern decltype(&::ReadFile) __imp_ReadFile;
 namespace {
 
 using namespace std::chrono_literals;
+using client_test::AnswerTwoRequestsTogether;
 using client_test::Client;
 using client_test::EventLog;
 using client_test::FakeService;
@@ -38,14 +39,7 @@ using client_test::Signal;
 using orvik::ErrorKind;
 
 TEST(ClientDeadline, AnswerAfterTheTimeOutIsDiscarded) {
-    FakeService service([](Peer& peer) {
-        peer.Welcome({7});
-        const Request first = peer.ReadRequest();
-        const Request second = peer.ReadRequest();
-        peer.Succeed(first, MakeBytes({1}));
-        peer.Succeed(second, MakeBytes({2}));
-        peer.ReadToTheEnd();
-    });
+    FakeService service(AnswerTwoRequestsTogether);
     Client client(kDeadline, service.Name());
     EXPECT_EQ(KindOf([&] { client.TransferIn(7, orvik::InquiryCdb(), 50ms); }),
               ErrorKind::kTimedOut);
@@ -165,7 +159,7 @@ TEST(ClientDeadline, HoldsWhileAServiceSendsWithoutEnd) {
     const auto log = std::make_shared<EventLog>();
     const orvik::Subscription subscription = client.Subscribe(HandlerOf(log));
     service.Begin();
-    log->WaitForMore(0);
+    log->WaitFor(1);
     service.ExpectEnd(
         [&] { EXPECT_EQ(KindOf([&] { client.RoundTrip(200ms); }), ErrorKind::kTimedOut); });
     service.Stop();
@@ -192,7 +186,7 @@ TEST(ClientDeadline, DestructorTakesAtMostTwoSecondsWhileAServiceSendsWithoutEnd
     // With a request outstanding the destructor waits for an answer, which never comes.
     client->StartTransferNoData(1, orvik::TestUnitReadyCdb(), [](const orvik::TransferResult&) {});
     service.Begin();
-    log->WaitForMore(0);
+    log->WaitFor(1);
     service.ExpectEnd([&] { client.reset(); });
 }
 

@@ -7,6 +7,7 @@
 
 #include "orvik/client.h"
 #include "support/bytes.h"
+#include "support/fake_service.h"
 
 namespace client_test {
 
@@ -23,6 +24,17 @@ inline Bytes MakeBytes(std::initializer_list<unsigned> values) {
     for (const unsigned value : values)
         bytes.push_back(static_cast<std::byte>(value));
     return bytes;
+}
+
+/// A fake service's script with camera 7: receives two requests, then answers the first one with
+/// the byte 1 and the second one with the byte 2.
+inline void AnswerTwoRequestsTogether(Peer& peer) {
+    peer.Welcome({7});
+    const Request first = peer.ReadRequest();
+    const Request second = peer.ReadRequest();
+    peer.Succeed(first, MakeBytes({1}));
+    peer.Succeed(second, MakeBytes({2}));
+    peer.ReadToTheEnd();
 }
 
 }  // namespace client_test

@@ -27,6 +27,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using client_test::Answer;
+using client_test::AnswerTwoRequestsTogether;
 using client_test::Client;
 using client_test::ErrorOf;
 using client_test::FakeService;
@@ -270,14 +271,7 @@ TEST(ClientRequestIds, AreNeitherTakenNorThatOfNotifications) {
 }
 
 TEST(ClientCancel, EndsTheRequestAndDropsItsAnswer) {
-    FakeService service([](Peer& peer) {
-        peer.Welcome({7});
-        const Request first = peer.ReadRequest();
-        const Request second = peer.ReadRequest();
-        peer.Succeed(first, MakeBytes({1}));
-        peer.Succeed(second, MakeBytes({2}));
-        peer.ReadToTheEnd();
-    });
+    FakeService service(AnswerTwoRequestsTogether);
     Client client(kDeadline, service.Name());
     Answer cancelled;
     const orvik::RequestId id =

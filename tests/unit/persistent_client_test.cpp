@@ -4,11 +4,11 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -75,25 +75,20 @@ private:
             for (const std::uint32_t camera : present)
                 peer.Announce(camera);
         }
-        for (Bytes bytes = peer.ReadOnce(sizeof(MessageHeader)); !bytes.empty();
-             bytes = peer.ReadOnce(sizeof(MessageHeader))) {
-            Request request{};
-            std::memcpy(&request.header, bytes.data(), sizeof(MessageHeader));
-            if (request.header.bodyLength != 0)
-                request.body = peer.ReadOnce(request.header.bodyLength);
+        while (const std::optional<Request> request = peer.NextRequest()) {
             std::function<void(Peer&)> before;
             {
                 const std::lock_guard lock(mutex);
-                named.push_back(request.header.cameraId);
+                named.push_back(request->header.cameraId);
                 before = beforeAnswer;
             }
-            if (request.body.empty()) {
-                peer.Refuse(request);
+            if (request->body.empty()) {
+                peer.Refuse(*request);
                 continue;
             }
             if (before)
                 before(peer);
-            peer.Succeed(request);
+            peer.Succeed(*request);
         }
     }
 
