@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <semaphore>
 #include <string>
 #include <thread>
 #include <utility>
@@ -14,8 +13,10 @@
 
 #include "installed_service.h"
 #include "raw_client.h"
+#include "support/deadline.h"
 #include "support/plugged_camera.h"
 #include "system_test.h"
+#include "windows/unique_handle.h"
 
 namespace system_test {
 namespace {
@@ -34,9 +35,11 @@ class Repeatedly {
 public:
     explicit Repeatedly(std::function<bool()> action)
         : thread([this, action = std::move(action)] {
-              while (action() && !ended)
-                  called.release();
-              called.release();
+              bool again = true;
+              while (again && !ended) {
+                  again = action();
+                  ::SetEvent(called.get());
+              }
           }) {}
     ~Repeatedly() {
         ended = true;
@@ -45,11 +48,16 @@ public:
     Repeatedly(const Repeatedly&) = delete;
     Repeatedly& operator=(const Repeatedly&) = delete;
 
-    void WaitForFirstCall() { called.acquire(); }
+    void WaitForFirstCall() const {
+        EXPECT_EQ(::WaitForSingleObject(called.get(), Deadline().MillisecondsLeft()),
+                  WAIT_OBJECT_0);
+    }
 
 private:
     std::atomic<bool> ended = false;
-    std::counting_semaphore<> called{0};
+    // Not a std::counting_semaphore: that of libstdc++ 12 loses a wake-up now and then where the
+    // system has no futex.
+    UniqueHandle called{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     std::thread thread;
 };
 
