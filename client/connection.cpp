@@ -30,9 +30,17 @@ Client::Connection::Connection(const ConnectOptions& options)
       requests(callbacks, options.goneWait) {
     const Deadline deadline(options.timeout);
     ConnectCanceller::State& canceller = *options.canceller.state;
-    stream.emplace(ConnectToService(pipeName, options.checkServer, deadline,
-                                    [&canceller] { canceller.RequireNotCancelled(); }),
-                   readEvent.get());
+    try {
+        stream.emplace(ConnectToService(pipeName, options.checkServer, deadline,
+                                        [&canceller] { canceller.RequireNotCancelled(); }),
+                       readEvent.get());
+    } catch (const Error& error) {
+        if (trace)
+            trace.NotConnected(error);
+        throw;
+    }
+    if (trace)
+        trace.Connected(stream->ServerProcess(), pipeName);
     // The service sends the notifications of the cameras present before it answers this. If the
     // service hangs until the deadline, it finds this request when it goes on, then cannot write
     // the answer, and takes that for an ordinary disconnect.
@@ -51,6 +59,8 @@ Client::Connection::Connection(const ConnectOptions& options)
     } catch (const Error& error) {
         if (error.Kind() == ErrorKind::kCancelled)
             Disconnect();
+        else if (trace && stream)
+            trace.Closed(error);
         throw;
     }
 }
@@ -74,6 +84,8 @@ void Client::Connection::Disconnect() noexcept {
     } catch (const std::exception&) {
         // The service has gone, or has hung until the deadline.
     }
+    if (trace && stream)
+        trace.Disconnected();
     stream.reset();
     callbacks.JoinOrDetach(lock);
 }
@@ -179,8 +191,12 @@ void Client::Connection::RequireCamera(Lock& lock, CameraId camera, const Deadli
 RequestId Client::Connection::Send(Lock& lock, Request request, std::span<std::byte> message,
                                    HANDLE written, const Deadline& deadline) {
     RequireOpen();
+    if (trace)
+        request.sent = std::chrono::steady_clock::now();
     const RequestId id = requests.Add(std::move(request));
     SetRequestId(message, id);
+    if (trace)
+        trace.Sent(message);
     disconnectEvidence.RequestSent(id);
     try {
         PipeWrite write(written);
@@ -294,6 +310,8 @@ bool Client::Connection::ReadAllAvailable(Lock& lock, const Deadline& deadline) 
 
 void Client::Connection::Handle(Message message) {
     const MessageHeader header = message.header;
+    if (trace)
+        trace.Received(header, requests.TimeSinceSent(header.requestId));
     switch (header.messageType) {
         case kCameraAttached:
             cameras.Attach(header.cameraId);
@@ -314,6 +332,8 @@ void Client::Connection::Handle(Message message) {
 void Client::Connection::Close(const Error& error) {
     if (!stream)
         return;
+    if (trace)
+        trace.Closed(error);
     stream.reset();
     closedBy = error;
     requests.EndAll(error);

@@ -16,6 +16,7 @@
 #include "client/message_reader.h"
 #include "client/outstanding_requests.h"
 #include "client/pipe_stream.h"
+#include "client/trace.h"
 #include "orvik/client.h"
 #include "windows/unique_handle.h"
 
@@ -85,6 +86,7 @@ private:
     void Handle(Message message);
     void Close(const Error& error);
 
+    const Trace trace;
     const std::wstring pipeName;
     const std::size_t transferOutLimit;
     const UniqueHandle readEvent;  // of `stream`

@@ -74,6 +74,14 @@ bool OutstandingRequests::IsOutstanding(RequestId id) const {
     return found != requests.end() && !found->second.refused;
 }
 
+std::optional<std::chrono::microseconds> OutstandingRequests::TimeSinceSent(RequestId id) const {
+    const auto found = requests.find(id);
+    if (found == requests.end())
+        return std::nullopt;
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() -
+                                                                 found->second.sent);
+}
+
 bool OutstandingRequests::CompletionExpected() const {
     return std::any_of(requests.begin(), requests.end(),
                        [](const auto& entry) { return entry.second.completion != nullptr; });

@@ -28,6 +28,7 @@ struct Request {
     AnswerWaiter* waiter = nullptr;  ///< not owned
     bool refused = false;            ///< answered; waits for a report that the camera has gone
     Completion completion{};
+    std::chrono::steady_clock::time_point sent{};  ///< for the trace
 };
 
 /// A synchronous call that waits for the answer to its request. When it is destroyed, the answer is
@@ -79,6 +80,9 @@ public:
     /// The newest request's identifier. 0: none has been sent.
     RequestId Newest() const noexcept { return newest; }
     bool IsOutstanding(RequestId id) const;
+
+    /// None if there is no such request.
+    std::optional<std::chrono::microseconds> TimeSinceSent(RequestId id) const;
 
     /// Whether a completion will be called for an answer.
     bool CompletionExpected() const;

@@ -6,16 +6,21 @@
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/plugged_camera.h"
+#include "support/trace_lines.h"
 #include "system_test.h"
 #include "watching_test.h"
 
 namespace system_test {
 namespace {
+
+using client_test::LinesOf;
+using client_test::WithoutTimes;
 
 std::wstring ExamplePath(const wchar_t* fileName) {
     const std::wstring folder = TestFolder();
@@ -49,6 +54,14 @@ std::string Joined(const std::vector<std::string>& lines) {
     return text;
 }
 
+std::vector<std::string> Lines(const std::string& text) {
+    std::istringstream stream(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
 class ClientExamplesTest : public SystemTest {
 protected:
     PluggedCamera camera{bus};
@@ -57,6 +70,38 @@ protected:
 
 TEST_F(ClientExamplesTest, PageShowsTheFirstProgramAndItsOutput) {
     EXPECT_EQ(Blocks("cpp").at(0), ContentsOf(TestFolder() + L"\\list.cpp"));
+    Program list(ExamplePath(L"list.exe"), L"");
+    EXPECT_EQ(Joined(list.Output().WaitForEnd()), Blocks("text").at(0));
+    EXPECT_EQ(list.Errors().WaitForEnd(), std::vector<std::string>());
+    EXPECT_EQ(list.WaitForEnd(), 0u);
+}
+
+/// What the programs of these tests write their trace to.
+class TraceVariable {
+public:
+    explicit TraceVariable(std::wstring file) : path(std::move(file)) {
+        ::SetEnvironmentVariableW(L"ORVIK_TRACE", path.c_str());
+    }
+    ~TraceVariable() {
+        ::SetEnvironmentVariableW(L"ORVIK_TRACE", nullptr);
+        ::DeleteFileW(path.c_str());
+    }
+
+    TraceVariable(const TraceVariable&) = delete;
+    TraceVariable& operator=(const TraceVariable&) = delete;
+
+    const std::wstring path;
+};
+
+TEST_F(ClientExamplesTest, PageShowsTheTraceOfTheFirstProgram) {
+    const TraceVariable trace(TestFolder() + L"\\trace.txt");
+    Program list(ExamplePath(L"list.exe"), L"");
+    EXPECT_EQ(list.WaitForEnd(), 0u);
+    EXPECT_EQ(WithoutTimes(LinesOf(trace.path)), WithoutTimes(Lines(Blocks("text").at(1))));
+}
+
+TEST_F(ClientExamplesTest, TraceThatCannotBeWrittenDoesNotDisturbTheProgram) {
+    const TraceVariable trace(TestFolder());
     Program list(ExamplePath(L"list.exe"), L"");
     EXPECT_EQ(Joined(list.Output().WaitForEnd()), Blocks("text").at(0));
     EXPECT_EQ(list.Errors().WaitForEnd(), std::vector<std::string>());
