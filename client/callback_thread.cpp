@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "client/event.h"
+#include "client/module.h"
 #include "orvik/client.h"
 
 namespace orvik {
@@ -42,6 +43,8 @@ void CallbackThread::Stop() noexcept {
 
 void CallbackThread::JoinOrDetach(Lock& lock) noexcept {
     const bool inCallback = calling;
+    if (inCallback)  // while the lock shows that the thread has not ended
+        KeepModuleLoadedDuring(callingThread);
     lock.unlock();
     if (!thread.joinable())
         return;
@@ -75,6 +78,7 @@ CallbackThread::SynchronousCall::~SynchronousCall() {
 
 void CallbackThread::CallNext(Lock& lock) {
     calling = true;
+    callingThread = ::GetCurrentThreadId();
     {
         const std::function<void()> callback = std::move(callbacks.front());
         callbacks.pop_front();

@@ -42,7 +42,8 @@ public:
     void Stop() noexcept;
 
     /// After Stop(): waits for the end of the thread, but not if a callback is in progress, because
-    /// the caller may be that callback, or what it waits for. Releases the lock.
+    /// the caller may be that callback, or what it waits for. Then a DLL that contains this library
+    /// stays loaded until the thread has ended. Releases the lock.
     void JoinOrDetach(Lock& lock) noexcept;
 
     /// Tells the thread that the answer of a request with a completion is expected, so that it
@@ -105,6 +106,7 @@ private:
     std::uint64_t callsMade = 0;  // synchronous ones
     std::uint64_t callsSeen = 0;  // by the thread, when it last began to wait
     bool calling = false;
+    DWORD callingThread = 0;  // while `calling`
     bool stopped = false;
 };
 

@@ -3,6 +3,7 @@
 #include <exception>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -11,6 +12,7 @@
 
 #include <dbt.h>
 
+#include "client/module.h"
 #include "orvik/client.h"
 
 namespace orvik {
@@ -23,14 +25,9 @@ constexpr GUID kDiskInterface = {
 constexpr GUID kCdRomInterface = {
     0x53F56308, 0xB6BF, 0x11D0, {0x94, 0xF2, 0x00, 0xA0, 0xC9, 0x1E, 0xFB, 0x8B}};
 
-/// The program or DLL that contains this library.
-HINSTANCE ThisModule() noexcept {
-    HMODULE module = nullptr;
-    ::GetModuleHandleExW(
-        GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-        reinterpret_cast<const wchar_t*>(&kDiskInterface), &module);
-    return module;
-}
+/// The window class is registered while there are windows of it: a DLL that contains this library
+/// may be unloaded afterwards.
+std::mutex windowClassMutex;
 
 struct Unregister {
     using pointer = HDEVNOTIFY;
@@ -62,21 +59,11 @@ DeviceHints::DeviceHints(std::function<void(Change)> onChange) : changed(std::mo
         Registration disks;
         Registration cdRoms;
         try {
-            WNDCLASSEXW windowClass{};
-            windowClass.cbSize = sizeof(windowClass);
-            windowClass.lpfnWndProc = WindowProcedure;
-            windowClass.hInstance = ThisModule();
-            windowClass.lpszClassName = kWindowClass;
-            ::RegisterClassExW(&windowClass);  // fails if an earlier object has registered it
-            window = ::CreateWindowExW(0, kWindowClass, L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr,
-                                       windowClass.hInstance, this);
-            if (window == nullptr)
-                throw Error(ErrorKind::kSystem, "cannot create a window", ::GetLastError());
+            CreateHintWindow();
             disks = RegisterFor(window, kDiskInterface);
             cdRoms = RegisterFor(window, kCdRomInterface);
         } catch (...) {
-            if (window != nullptr)
-                ::DestroyWindow(window);
+            DestroyHintWindow();
             ready.set_exception(std::current_exception());
             return;
         }
@@ -86,7 +73,7 @@ DeviceHints::DeviceHints(std::function<void(Change)> onChange) : changed(std::mo
             ::DispatchMessageW(&message);
         disks.reset();
         cdRoms.reset();
-        ::DestroyWindow(window);
+        DestroyHintWindow();
     };
     try {
         thread = std::thread(std::move(run));
@@ -105,6 +92,27 @@ DeviceHints::DeviceHints(std::function<void(Change)> onChange) : changed(std::mo
 DeviceHints::~DeviceHints() {
     ::PostMessageW(window, WM_CLOSE, 0, 0);
     thread.join();
+}
+
+void DeviceHints::CreateHintWindow() {
+    WNDCLASSEXW windowClass{};
+    windowClass.cbSize = sizeof(windowClass);
+    windowClass.lpfnWndProc = WindowProcedure;
+    windowClass.hInstance = ThisModule();
+    windowClass.lpszClassName = kWindowClass;
+    const std::lock_guard lock(windowClassMutex);
+    ::RegisterClassExW(&windowClass);  // fails if another object has registered it
+    window = ::CreateWindowExW(0, kWindowClass, L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr,
+                               windowClass.hInstance, this);
+    if (window == nullptr)
+        throw Error(ErrorKind::kSystem, "cannot create a window", ::GetLastError());
+}
+
+void DeviceHints::DestroyHintWindow() noexcept {
+    const std::lock_guard lock(windowClassMutex);
+    if (window != nullptr)
+        ::DestroyWindow(window);
+    ::UnregisterClassW(kWindowClass, ThisModule());  // fails while another object has a window
 }
 
 LRESULT CALLBACK DeviceHints::WindowProcedure(HWND window, UINT message, WPARAM wParam,

@@ -29,6 +29,8 @@ public:
     static constexpr wchar_t kWindowClass[] = L"OrvikClientDeviceHints";
 
 private:
+    void CreateHintWindow();
+    void DestroyHintWindow() noexcept;
     static LRESULT CALLBACK WindowProcedure(HWND window, UINT message, WPARAM wParam,
                                             LPARAM lParam);
 

@@ -10,7 +10,7 @@ run(${CMAKE_COMMAND} --install ${BUILD} --component client --prefix ${WORK}/pref
 
 # What is installed is what its users need, and nothing of the service.
 file(GLOB_RECURSE headers RELATIVE ${WORK}/prefix ${WORK}/prefix/*.h)
-if(NOT headers STREQUAL "include/orvik/client.h;include/orvik/persistent_client.h")
+if(NOT headers STREQUAL "include/orvik/client.h;include/orvik/orvik.h;include/orvik/persistent_client.h")
   message(FATAL_ERROR "these headers were installed: ${headers}")
 endif()
 set(package ${WORK}/prefix/lib/cmake/OrvikClient)

@@ -1,0 +1,254 @@
+// What the tests of the C interface with a fake service share.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "orvik/orvik.h"
+#include "protocol/message.h"
+#include "support/client_results.h"
+#include "support/deadline.h"
+#include "support/fake_service.h"
+#include "windows/utf.h"
+
+namespace c_api_test {
+
+using client_test::FakeService;
+using client_test::Peer;
+using client_test::Request;
+using client_test::Signal;
+
+constexpr auto kMilliseconds = static_cast<std::uint32_t>(
+    std::chrono::duration_cast<std::chrono::milliseconds>(kDeadline).count());
+
+constexpr std::uint32_t kCameraId = 7;
+
+/// What the first byte of a CDB makes the fake service do.
+enum Command : std::uint8_t {
+    kSucceed = 1,    // the second byte is the number of KiB of the data
+    kRefuse = 2,     // the camera stays
+    kGone = 3,       // reports the camera gone, then refuses
+    kBadAnswer = 4,  // answers a request that was never sent
+    kHangUp = 5,     // closes the connection
+    kHold = 6,       // answers only together with kRelease
+    kRelease = 7,    // answers the held requests, then this one
+};
+
+inline Bytes DataOf(std::uint8_t kibibytes) {
+    return Pattern(std::size_t{kibibytes} * 1024);
+}
+
+/// Serves one client, with camera 7.
+inline void ServeCommands(Peer& peer) {
+    peer.Announce(kCameraId);
+    std::vector<Request> held;
+    for (Bytes bytes = peer.ReadOnce(sizeof(MessageHeader)); !bytes.empty();
+         bytes = peer.ReadOnce(sizeof(MessageHeader))) {
+        Request request{};
+        std::memcpy(&request.header, bytes.data(), sizeof(MessageHeader));
+        if (request.header.bodyLength == 0) {
+            peer.Refuse(request);
+            continue;
+        }
+        request.body = peer.ReadOnce(request.header.bodyLength);
+        const auto answer = [&peer](const Request& one) {
+            peer.Succeed(one, one.header.messageType == kTransferIn
+                                  ? DataOf(std::to_integer<std::uint8_t>(one.body.at(1)))
+                                  : Bytes());
+        };
+        switch (std::to_integer<std::uint8_t>(request.body.at(0))) {
+            case kRefuse:
+                peer.Refuse(request);
+                break;
+            case kGone:
+                peer.Send({kCameraDetached, kNotificationId, kCameraId, 0});
+                peer.Refuse(request);
+                break;
+            case kBadAnswer:
+                peer.Send({kTransferSucceeded, request.header.requestId + 1, kCameraId, 0});
+                break;
+            case kHangUp:
+                peer.Close();
+                return;
+            case kHold:
+                held.push_back(request);
+                break;
+            case kRelease:
+                for (const Request& one : held)
+                    answer(one);
+                held.clear();
+                answer(request);
+                break;
+            default:
+                answer(request);
+                break;
+        }
+    }
+}
+
+/// The event and completion callbacks of a test, as functions with state.
+class Recorder {
+public:
+    using OnEvent = std::function<void(orvik_client*, const orvik_event&)>;
+
+    /// Is called after each event has been recorded.
+    void Then(OnEvent function) { onEvent = std::move(function); }
+
+    static void ORVIK_CALL Event(orvik_client* client, const orvik_event* event, void* user) {
+        auto* const self = static_cast<Recorder*>(user);
+        EXPECT_EQ(event->size, sizeof(orvik_event));
+        {
+            const std::lock_guard lock(self->mutex);
+            self->words.push_back(Word(*event));
+            self->changed.notify_all();
+        }
+        if (self->onEvent)
+            self->onEvent(client, *event);
+    }
+
+    /// Waits for that many events, and returns all: "connected", "+4294967303" for a camera
+    /// attached, "-…" for one detached, or the status and text of a disconnect.
+    std::vector<std::string> WaitFor(std::size_t count) {
+        std::unique_lock lock(mutex);
+        changed.wait_for(lock, kDeadline, [&] { return words.size() >= count; });
+        return words;
+    }
+
+private:
+    static std::string Word(const orvik_event& event) {
+        switch (event.kind) {
+            case ORVIK_EVENT_CONNECTED:
+                EXPECT_STREQ(event.text, "");
+                return "connected";
+            case ORVIK_EVENT_ATTACHED:
+                return "+" + std::to_string(event.camera);
+            case ORVIK_EVENT_DETACHED:
+                return "-" + std::to_string(event.camera);
+            default:
+                EXPECT_EQ(event.kind, ORVIK_EVENT_DISCONNECTED);
+                EXPECT_STRNE(event.text, "");
+                return orvik_status_text(event.status);
+        }
+    }
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::string> words;
+    OnEvent onEvent;
+};
+
+/// The result of one asynchronous transfer.
+class Completion {
+public:
+    using Then = std::function<void()>;
+
+    Completion() = default;
+    explicit Completion(Then function) : then(std::move(function)) {}
+
+    static void ORVIK_CALL Call(orvik_status status, const void* data, std::uint32_t length,
+                                void* user) {
+        auto* const self = static_cast<Completion*>(user);
+        ++self->calls;
+        self->result = status;
+        self->text = orvik_last_error_text();
+        self->data.assign(static_cast<const std::byte*>(data),
+                          static_cast<const std::byte*>(data) + length);
+        if (self->then)
+            self->then();
+        self->called.Set();
+    }
+
+    /// Waits.
+    orvik_status Status() const {
+        EXPECT_TRUE(called.Wait()) << "the completion was not called";
+        return result;
+    }
+
+    int calls = 0;
+    Bytes data;
+    std::string text;
+
+private:
+    orvik_status result = ORVIK_OK;
+    Then then;
+    Signal called;
+};
+
+inline orvik_options Options(const std::string& pipe) {
+    orvik_options options;
+    EXPECT_EQ(orvik_options_init(&options, sizeof(options)), ORVIK_OK);
+    options.timeout_ms = kMilliseconds;
+    options.gone_wait_ms = 50;
+    options.check_server = 0;
+    options.pipe = pipe.c_str();
+    return options;
+}
+
+/// A fake service, and a client of it.
+class CApi : public testing::TestWithParam<bool> {
+protected:
+    ~CApi() override { Close(); }  // before the fake service, which waits for it
+
+    void Connect() {
+        options.on_event = Recorder::Event;
+        options.user = &events;
+        ASSERT_EQ(orvik_client_connect(&options, &client), ORVIK_OK) << orvik_last_error_text();
+        camera = kCameraId;
+    }
+
+    void Open() {
+        options.on_event = Recorder::Event;
+        options.user = &events;
+        ASSERT_EQ(orvik_client_open(&options, &client), ORVIK_OK) << orvik_last_error_text();
+        camera = (std::uint64_t{1} << 32) + kCameraId;
+        ASSERT_EQ(events.WaitFor(2),
+                  (std::vector<std::string>{"connected", "+" + std::to_string(camera)}));
+    }
+
+    /// The parameter says whether it is a persistent client.
+    void ConnectOrOpen() {
+        if (GetParam())
+            Open();
+        else
+            Connect();
+    }
+
+    void Close() {
+        orvik_client_close(client);
+        client = nullptr;
+    }
+
+    orvik_status NoData(std::uint8_t command, std::uint32_t timeout = kMilliseconds) {
+        return orvik_transfer_no_data(client, camera, &command, 1, timeout);
+    }
+
+    orvik_status Start(std::uint8_t command, Completion& completion,
+                       orvik_request** request = nullptr,
+                       std::uint32_t timeout = ORVIK_NO_TIMEOUT) {
+        return orvik_start_no_data(client, camera, &command, 1, Completion::Call, &completion,
+                                   timeout, request);
+    }
+
+    Recorder events;
+    FakeService service{ServeCommands, {}, FakeService::UniqueName(), FakeService::kEveryClient};
+    std::string pipe = ToUtf8(service.Name());
+    orvik_options options = Options(pipe);
+    orvik_client* client = nullptr;
+    orvik_camera camera = 0;
+};
+
+inline std::string NameOfKind(const testing::TestParamInfo<bool>& persistent) {
+    return persistent.param ? "Persistent" : "Plain";
+}
+
+}  // namespace c_api_test
