@@ -37,17 +37,20 @@ std::wstring RegistryText(const std::wstring& key, const wchar_t* value) {
     return text.data();
 }
 
+/// The name without the ".\" that an account of this machine may have in front of it.
+std::wstring NameOf(const std::wstring& account) {
+    return account.starts_with(L".\\") ? account.substr(2) : account;
+}
+
 bool IsLocalSystem(const std::wstring& account) {
-    return EqualIgnoringCase(account, L"LocalSystem") ||
-           EqualIgnoringCase(account, LR"(.\LocalSystem)");
+    return EqualIgnoringCase(NameOf(account), L"LocalSystem");
 }
 
 /// The security identifier of an account, as a text.
 std::wstring IdentifierOf(const std::wstring& account) {
     if (IsLocalSystem(account))
         return L"S-1-5-18";
-    // ".\name" is an account of this machine.
-    const std::wstring name = account.starts_with(L".\\") ? account.substr(2) : account;
+    const std::wstring name = NameOf(account);
     alignas(SID) std::array<std::byte, SECURITY_MAX_SID_SIZE> identifier{};
     std::array<wchar_t, 256> domain{};
     auto identifierSize = static_cast<DWORD>(identifier.size());
