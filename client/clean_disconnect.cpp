@@ -1,5 +1,7 @@
 #include "client/clean_disconnect.h"
 
+#include <array>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -35,17 +37,21 @@ void PrepareDisconnect(const PipeStream& connection, const std::wstring& pipeNam
     if (second.confirmed)
         return;
     // The service hangs. If it goes on one day, its next reads find these requests. It cannot write
-    // the answers, because the clients have gone, and takes that for an ordinary disconnect.
+    // the answers, because the clients have gone, and takes that for an ordinary disconnect. Two,
+    // because the end of an earlier write may still be queued behind the first: then the answer to
+    // the first waits for that write, and the service reads once more.
     const RoundTripRequest request = MakeRoundTripRequest(id);
+    const std::array requests{request, request};
+    const auto bytes = std::as_bytes(std::span(requests));
     const UniqueHandle event = MakeEvent(true);
     PipeWrite first(event.get());
-    first.Start(connection, request);
+    first.Start(connection, bytes);
     first.Finish(deadline);
     if (!second.pipe)
         return;
     const PipeStream secondStream(std::move(second.pipe), nullptr);  // reads nothing
     PipeWrite write(event.get());
-    write.Start(secondStream, request);
+    write.Start(secondStream, bytes);
     write.Finish(deadline);
 }
 

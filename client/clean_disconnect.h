@@ -63,7 +63,7 @@ struct SecondConnection {
 };
 
 /// Waits until `connection`, on which no request is outstanding, can be closed. If the service
-/// hangs until the deadline, it finds a request that touches no camera, with the identifier `id`,
+/// hangs until the deadline, it finds two requests that touch no camera, with the identifier `id`,
 /// when it reads again; then its run does not end.
 /// Throws Error when the pipe fails.
 void PrepareDisconnect(const PipeStream& connection, const std::wstring& pipeName, RequestId id,
