@@ -79,15 +79,18 @@ private:
     std::vector<char> bytes;
 };
 
-class ShippedPrograms : public testing::TestWithParam<const char*> {
+/// The programs and the DLL.
+class ShippedFiles : public testing::TestWithParam<const char*> {
 protected:
     const Image image{PathOf(GetParam())};
 };
 
+class ShippedPrograms : public ShippedFiles {};
+
 // Windows takes these from System32, whatever is beside the program: known DLLs of Windows 10 (the
 // registry key KnownDLLs), and API sets, whose names ("api-ms-win-...") are no files. Others are
 // loaded after main() has begun (windows/system_dll.h).
-TEST_P(ShippedPrograms, ImportOnlyDllsThatAlwaysComeFromTheSystemFolder) {
+TEST_P(ShippedFiles, ImportOnlyDllsThatAlwaysComeFromTheSystemFolder) {
     ASSERT_TRUE(image.IsValid()) << PathOf(GetParam());
     const std::set<std::string> known = {"advapi32.dll", "kernel32.dll", "msvcrt.dll",
                                          "ole32.dll",    "rpcrt4.dll",   "setupapi.dll",
@@ -98,7 +101,7 @@ TEST_P(ShippedPrograms, ImportOnlyDllsThatAlwaysComeFromTheSystemFolder) {
         EXPECT_TRUE(known.contains(name) || name.starts_with("api-ms-win-")) << name;
 }
 
-TEST_P(ShippedPrograms, AreHardened) {
+TEST_P(ShippedFiles, AreHardened) {
     ASSERT_TRUE(image.IsValid()) << PathOf(GetParam());
     const WORD bits = image.Headers().OptionalHeader.DllCharacteristics;
     EXPECT_TRUE(bits & IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE);
@@ -110,7 +113,7 @@ TEST_P(ShippedPrograms, AreHardened) {
               0u);
 }
 
-TEST_P(ShippedPrograms, TellTheirVersion) {
+TEST_P(ShippedFiles, TellTheirVersion) {
     const std::wstring path = PathOf(GetParam()).wstring();
     std::vector<std::byte> block(::GetFileVersionInfoSizeW(path.c_str(), nullptr));
     ASSERT_FALSE(block.empty()) << path;
@@ -153,6 +156,9 @@ std::string NameWithoutExtension(const testing::TestParamInfo<const char*>& prog
     return std::filesystem::path(program.param).stem().string();
 }
 
+INSTANTIATE_TEST_SUITE_P(Programs, ShippedFiles, testing::Values(SHIPPED_PROGRAMS),
+                         NameWithoutExtension);
+INSTANTIATE_TEST_SUITE_P(Dll, ShippedFiles, testing::Values("orvik.dll"), NameWithoutExtension);
 INSTANTIATE_TEST_SUITE_P(All, ShippedPrograms, testing::Values(SHIPPED_PROGRAMS),
                          NameWithoutExtension);
 

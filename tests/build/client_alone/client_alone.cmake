@@ -32,5 +32,10 @@ endif()
 set(ENV{CXXFLAGS} "-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror")
 foreach(toolchain ${TOOLCHAINS32})
   cmake_path(GET toolchain STEM name)
-  build(${CLIENT} ${WORK}/${name} -DCMAKE_TOOLCHAIN_FILE=${toolchain} -DORVIK_CLIENT_EXAMPLES=OFF)
+  set(dll ON)
+  if(name MATCHES "clang") # its linker does not take Debian's 32-bit libstdc++
+    set(dll OFF)
+  endif()
+  build(${CLIENT} ${WORK}/${name} -DCMAKE_TOOLCHAIN_FILE=${toolchain} -DORVIK_CLIENT_EXAMPLES=OFF
+        -DORVIK_CLIENT_DLL=${dll})
 endforeach()
