@@ -77,6 +77,7 @@ void PersistentClient::State::End() noexcept {
         callbacks.Stop();
         subscribers.clear();
         changed.notify_all();
+        ::SetEvent(pauseEnd.get());
     }
     if (connecting.joinable())
         connecting.join();
@@ -191,7 +192,7 @@ void PersistentClient::State::RunConnecting() noexcept {
     std::chrono::milliseconds pause = kFirstPause;
     while (!ending) {
         if (!current) {
-            tryNow = false;
+            ::ResetEvent(pauseEnd.get());
             lock.unlock();
             const std::optional<Error> error = TryConnect();
             lock.lock();
@@ -200,7 +201,9 @@ void PersistentClient::State::RunConnecting() noexcept {
                 continue;
             }
             Disconnected(*error);
-            changed.wait_for(lock, pause, [this] { return ending || tryNow; });
+            lock.unlock();
+            Pause(error->Kind(), pause);
+            lock.lock();
             pause = std::min(pause * 2, kLongestPause);
         } else if (current->closed) {
             std::shared_ptr<Link> link = current;
@@ -245,6 +248,15 @@ std::optional<Error> PersistentClient::State::TryConnect() noexcept {
     } catch (const std::bad_alloc&) {
         return Error(ErrorKind::kSystem, "cannot connect to the service", ERROR_NOT_ENOUGH_MEMORY);
     }
+}
+
+/// The time between two attempts to connect.
+void PersistentClient::State::Pause(ErrorKind kind, std::chrono::milliseconds time) noexcept {
+    // Only when the service does not run: otherwise the notice would come at once, each time.
+    if (options.checkServer && (kind == ErrorKind::kStopped || kind == ErrorKind::kStarting))
+        startNotice.Wait(pauseEnd.get(), time);
+    else
+        ::WaitForSingleObject(pauseEnd.get(), static_cast<DWORD>(time.count()));
 }
 
 /// Makes sure that this object knows the cameras present. If `link` has not yet heard anything from
@@ -351,7 +363,7 @@ void PersistentClient::State::OnHint(DeviceHints::Change change) {
     const Lock lock(mutex);
     if (change == DeviceHints::Change::kRemoved)
         ++removals;
-    tryNow = true;
+    ::SetEvent(pauseEnd.get());
     if (!current || !current->hears) {
         // The earliest check stays, so that a series of hints does not put it off.
         if (!checks.empty())

@@ -14,8 +14,11 @@
 #include "client/callback_thread.h"
 #include "client/deadline.h"
 #include "client/device_hints.h"
+#include "client/event.h"
+#include "client/service_start_notice.h"
 #include "orvik/client.h"
 #include "orvik/persistent_client.h"
+#include "windows/unique_handle.h"
 
 namespace orvik {
 
@@ -76,6 +79,7 @@ private:
     void RunConnecting() noexcept;
 
     std::optional<Error> TryConnect() noexcept;
+    void Pause(ErrorKind kind, std::chrono::milliseconds time) noexcept;
     void Check(const std::shared_ptr<Link>& link, const Deadline& deadline);
     void Adopt(const std::shared_ptr<Link>& link, const std::vector<CameraId>& present,
                bool sameRun);
@@ -93,6 +97,8 @@ private:
     ConnectOptions options;
     std::optional<DeviceHints> hints;
     std::thread connecting;
+    const UniqueHandle pauseEnd = MakeEvent(false);
+    ServiceStartNotice startNotice;  // of the connecting thread
 
     // Held while a connection is made or checked; locked before `mutex`.
     std::timed_mutex checking;
@@ -107,10 +113,9 @@ private:
     std::shared_ptr<Link> current;  // none: not connected
     std::optional<Error> reason;    // why not; none before the first attempt has failed
     std::uint64_t generation = 0;
-    std::vector<Camera> cameras;   // all of this generation
-    std::set<CameraId> announced;  // in this generation; none is attached twice
-    std::uint64_t removals = 0;    // hints of removed drives
-    bool tryNow = false;
+    std::vector<Camera> cameras;            // all of this generation
+    std::set<CameraId> announced;           // in this generation; none is attached twice
+    std::uint64_t removals = 0;             // hints of removed drives
     std::vector<Clock::time_point> checks;  // when to look which cameras are present, sorted
     std::vector<std::weak_ptr<Link>> links;
     std::uint64_t newestLink = 0;

@@ -49,8 +49,9 @@ using CameraEventHandler = std::function<void(const CameraEvent& event)>;
 /// has ended. It also hears of cameras when another program receives the service's notifications.
 ///
 /// Connecting: the first attempt begins at once. After an attempt that fails, the next one follows
-/// after 250 ms, then after twice the time before, up to 5 s. It follows at once when Windows
-/// reports that a disk or CD-ROM drive has arrived or been removed.
+/// after 250 ms, then after twice the time before, up to 5 s. It follows at once when the service
+/// control manager reports that the service runs, or Windows reports that a disk or CD-ROM drive
+/// has arrived or been removed.
 ///
 /// Cameras: each subscriber receives kCameraAttached and kCameraDetached for each camera in turn,
 /// never one of them twice. When the connection ends, all cameras are detached first.
