@@ -1,5 +1,6 @@
 // PersistentClient against a fake service.
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -10,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -20,10 +22,13 @@
 
 #include "client/device_hints.h"
 #include "client_of_fake_service.h"
+#include "import_hook.h"
 #include "orvik/persistent_client.h"
 #include "support/camera_event_log.h"
 #include "support/client_results.h"
 #include "support/fake_service.h"
+
+extern "C" decltype(&::WaitForMultipleObjects) __imp_WaitForMultipleObjects;
 
 namespace {
 
@@ -314,6 +319,46 @@ TEST_F(PersistentClientTest, HandlerMayWaitForAnAnswer) {
         }
     });
     EXPECT_TRUE(answered.Wait());
+}
+
+TEST(PersistentClient, AsynchronousRequestWithoutATimeOutIsConfirmedWithin30Seconds) {
+    Signal waits;
+    std::atomic<bool> confirming{false};
+    std::atomic<DWORD> longest{0};
+    std::once_flag once;
+    using Wait = HookedImport<&__imp_WaitForMultipleObjects>;
+    const Wait wait([&, test = std::this_thread::get_id()](DWORD count, const HANDLE* handles,
+                                                           BOOL all, DWORD milliseconds) {
+        if (confirming && std::this_thread::get_id() == test) {
+            longest = std::max<DWORD>(longest, milliseconds);
+            std::call_once(once, [&] { waits.Set(); });
+        }
+        return Wait::Original(count, handles, all, milliseconds);
+    });
+    std::atomic<int> clients{0};
+    FakeService service(
+        [&](Peer& peer) {
+            const bool confirms = ++clients == 2;
+            peer.Announce(7);
+            while (const std::optional<Request> request = peer.NextRequest()) {
+                EXPECT_TRUE(!confirms || waits.Wait());
+                request->body.empty() ? peer.Refuse(*request) : peer.Succeed(*request);
+            }
+        },
+        {}, FakeService::UniqueName(), FakeService::kEveryClient);
+    orvik::ConnectOptions options = Options(service.Name());
+    options.timeout = 10 * kDeadline;
+    PersistentClient client(options);
+    CameraEventLog log;
+    const orvik::Subscription subscription = client.Subscribe(log.Handler());
+    EXPECT_EQ(log.WaitFor(2), (Words{"connected", "+1.7"}));
+    Answer answer;
+    confirming = true;
+    client.StartTransferNoData({1, 7}, orvik::TestUnitReadyCdb(), answer.Completion());
+    confirming = false;
+    EXPECT_TRUE(answer.Data().empty());
+    EXPECT_GT(longest, DWORD{0});
+    EXPECT_LE(longest, DWORD{30'000});
 }
 
 TEST_F(PersistentClientTest, InvalidArgumentsAreRefused) {
