@@ -11,7 +11,7 @@
 CLI::Option* AddCamera(CLI::App& command, vcam::CameraId& id) {
     constexpr vcam::CameraId kMost = std::numeric_limits<vcam::CameraId>::max();
     return command.add_option("id", id, "Id of the camera, as printed by plug and list")
-        ->check(CLI::Range(vcam::CameraId{1}, kMost));
+        ->check(NumberFrom(vcam::CameraId{1}, kMost));
 }
 
 GUID ParseClass(const std::string& name) {

@@ -55,8 +55,9 @@ void AddBehave(CLI::App& app) {
     Arguments& a = *arguments;
     AddCamera(*command, a.id)->required();
     command->add_option("--scsi-status", a.scsiStatus, "SCSI status of every command")
-        ->check(CLI::Range(0U, 255U));
-    const CLI::Range anyNumber(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max());
+        ->check(NumberFrom(0U, 255U));
+    const CLI::Validator anyNumber =
+        NumberFrom(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max());
     command
         ->add_option("--completion-status", a.completionStatus,
                      "NTSTATUS that completes every request after it was pended")
@@ -69,10 +70,10 @@ void AddBehave(CLI::App& app) {
         ->add_option("--block", a.block,
                      "Milliseconds for which the driver's dispatch routine waits first, and the "
                      "caller with it")
-        ->check(CLI::Range(std::uint32_t{0}, std::uint32_t{3'600'000}));
+        ->check(NumberFrom(std::uint32_t{0}, std::uint32_t{3'600'000}));
     // 0xFFFFFFFF is no delay that the control library accepts.
     command->add_option("--delay", a.delay, "Milliseconds for which every request is pended")
-        ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max() - 1));
+        ->check(NumberFrom(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max() - 1));
     command->add_flag("--hold", a.hold, "Pend every request until it is released");
     command->add_flag("--ignore-cancel", a.ignoreCancel, "Pended requests cannot be cancelled");
     command->add_option("--max-data", a.maximumData, "Most data bytes of an answer")

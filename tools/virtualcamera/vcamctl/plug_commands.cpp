@@ -103,7 +103,7 @@ void AddPlug(CLI::App& app) {
     command->add_option("--class", a.interfaceClass, "cdrom, disk or a {GUID}")
         ->capture_default_str();
     command->add_option("--blocks", a.plug.blockCount, "Size of the memory in blocks of 512 bytes")
-        ->check(CLI::Range(std::uint32_t{1}, vcam::kBlockLimit))
+        ->check(NumberFrom(std::uint32_t{1}, vcam::kBlockLimit))
         ->capture_default_str();
     command->add_option("--transfer-limit", a.plug.transferLimit, "Most data bytes of one command")
         ->capture_default_str();

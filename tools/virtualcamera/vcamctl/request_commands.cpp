@@ -53,7 +53,7 @@ void AddRequests(CLI::App& app) {
     auto count = std::make_shared<std::uint32_t>(8);
     AddCamera(*command, *id)->required();
     command->add_option("--count", *count, "Number of requests")
-        ->check(CLI::Range(std::uint32_t{0}, vcam::kRequestsKept))
+        ->check(NumberFrom(std::uint32_t{0}, vcam::kRequestsKept))
         ->capture_default_str();
     command->callback([id, count] { PrintRequests(*id, *count); });
 }
@@ -66,7 +66,7 @@ void AddRelease(CLI::App& app) {
     command
         ->add_option("sequence", *sequenceNumber,
                      "Number of the request, as printed by requests (default: all held requests)")
-        ->check(CLI::Range(std::uint64_t{1}, std::numeric_limits<std::uint64_t>::max()));
+        ->check(NumberFrom(std::uint64_t{1}, std::numeric_limits<std::uint64_t>::max()));
     command->callback([id, sequenceNumber] {
         vcam::Bus bus;
         if (*sequenceNumber)
