@@ -139,25 +139,22 @@ TEST_F(VirtualCamera, BadOptionsAreRefused) {
     EXPECT_TRUE(bus.List().empty());
 }
 
-/// Takes the name of a camera's interface, so that no camera can offer it.
+/// Takes the name of a camera's interface, so that no camera can offer it. The object with that
+/// name is a directory, because Wine may take a symbolic link of another program for the camera's
+/// own.
 UniqueHandle TakeInterfaceName(const std::wstring& path) {
     // The kernel's spelling of the directory that "\\\\?\\" stands for.
     std::wstring name = L"\\??\\Global\\" + path.substr(4);
-    std::wstring target = L"\\Device\\Null";
-    const auto text = [](std::wstring& from) {
-        const auto bytes = static_cast<USHORT>(from.size() * sizeof(wchar_t));
-        return UNICODE_STRING{bytes, bytes, from.data()};
-    };
-    UNICODE_STRING nameText = text(name);
-    UNICODE_STRING targetText = text(target);
+    const auto bytes = static_cast<USHORT>(name.size() * sizeof(wchar_t));
+    UNICODE_STRING text{bytes, bytes, name.data()};
     OBJECT_ATTRIBUTES attributes = {};
-    InitializeObjectAttributes(&attributes, &nameText, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    constexpr ACCESS_MASK kAllAccess = STANDARD_RIGHTS_REQUIRED | 1;  // SYMBOLIC_LINK_ALL_ACCESS
-    using Create = NTSTATUS(NTAPI*)(HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*, UNICODE_STRING*);
-    const auto create = NtFunction<Create>("NtCreateSymbolicLinkObject");
-    HANDLE link = nullptr;
-    EXPECT_EQ(create(&link, kAllAccess, &attributes, &targetText), 0);
-    return UniqueHandle(link);
+    InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    constexpr ACCESS_MASK kAllAccess = STANDARD_RIGHTS_REQUIRED | 0xF;  // DIRECTORY_ALL_ACCESS
+    using Create = NTSTATUS(NTAPI*)(HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*);
+    const auto create = NtFunction<Create>("NtCreateDirectoryObject");
+    HANDLE directory = nullptr;
+    EXPECT_EQ(create(&directory, kAllAccess, &attributes), 0);
+    return UniqueHandle(directory);
 }
 
 TEST_F(VirtualCamera, ACameraThatCannotBeStartedIsUnpluggedAgain) {
