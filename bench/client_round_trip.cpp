@@ -1,20 +1,25 @@
-// Compares the time of a synchronous transfer of the client library with that of a client that
-// calls nothing but WriteFile and ReadFile. The two take turns, so that other load on the machine
-// slows both.
+// Compares the time of a synchronous transfer of the client library, and of its C interface, with
+// that of a client that calls nothing but WriteFile and ReadFile. They take turns, so that other
+// load on the machine slows all of them.
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <functional>
 #include <iomanip>
 #include <iostream>
+#include <span>
 #include <stdexcept>
 #include <vector>
 
 #include <windows.h>
 
 #include "orvik/client.h"
+#include "orvik/orvik.h"
+#include "orvik/persistent_client.h"
 #include "protocol/message.h"
 #include "support/plugged_camera.h"
 #include "system_test.h"
@@ -26,7 +31,7 @@ using Clock = std::chrono::steady_clock;
 using Microseconds = std::chrono::duration<double, std::micro>;
 
 constexpr orvik::CameraId kCamera = 1;
-constexpr int kTurns = 30;
+constexpr std::size_t kTurns = 100;
 
 /// A client with the necessary system calls only.
 class BareClient {
@@ -88,41 +93,115 @@ double Measure(int calls, Call call) {
     return Microseconds(Clock::now() - start).count() / calls;
 }
 
-template <typename Bare, typename Library>
-void Compare(const char* name, int calls, Bare bare, Library library) {
-    std::vector<double> bareTimes;
-    std::vector<double> libraryTimes;
-    std::vector<double> ratios;
-    for (int turn = 0; turn < kTurns; ++turn) {
-        bareTimes.push_back(Measure(calls, bare));
-        libraryTimes.push_back(Measure(calls, library));
-        ratios.push_back(libraryTimes.back() / bareTimes.back());
+/// One way to make a transfer, and its cost relative to another one's in each turn.
+struct Way {
+    const char* name;
+    std::function<void()> call;
+    std::size_t comparedWith;
+    std::vector<double> times{};
+    std::vector<double> ratios{};
+};
+
+/// Lets the ways take turns. Each turn begins with another one.
+void Compare(const char* name, int calls, std::vector<Way> ways) {
+    for (std::size_t turn = 0; turn < kTurns; ++turn) {
+        for (std::size_t i = 0; i < ways.size(); ++i) {
+            Way& way = ways[(turn + i) % ways.size()];
+            way.times.push_back(Measure(calls, way.call));
+        }
+        for (Way& way : ways)
+            way.ratios.push_back(way.times.back() / ways[way.comparedWith].times.back());
     }
-    std::cout << std::left << std::setw(28) << name << std::right << std::fixed
-              << std::setprecision(1) << std::setw(10) << Median(bareTimes) << std::setw(10)
-              << Median(libraryTimes) << std::setw(9) << (Median(ratios) - 1) * 100 << " %"
-              << std::endl;
+    std::cout << name << ", microseconds\n" << std::fixed << std::setprecision(1);
+    for (const Way& way : ways) {
+        std::cout << "  " << std::left << std::setw(30) << way.name << std::right << std::setw(10)
+                  << Median(way.times);
+        if (&way != &ways[way.comparedWith])
+            std::cout << std::setw(8) << (Median(way.ratios) - 1) * 100 << " % more than "
+                      << ways[way.comparedWith].name;
+        std::cout << std::endl;
+    }
 }
+
+/// A client of the C interface. Throws what it says.
+class CClient {
+public:
+    enum class Kind { kPlain, kPersistent };
+
+    explicit CClient(Kind kind) {
+        Require(kind == Kind::kPlain ? orvik_client_connect(nullptr, &client)
+                                     : orvik_client_open(nullptr, &client));
+        std::uint32_t count = 0;
+        while (count == 0) {
+            Require(orvik_client_cameras(client, &camera, 1, &count));
+            ::Sleep(1);  // no event of this benchmark reports that it has connected
+        }
+    }
+    ~CClient() { orvik_client_close(client); }
+
+    CClient(const CClient&) = delete;
+    CClient& operator=(const CClient&) = delete;
+
+    void NoData(std::span<const std::byte> cdb) {
+        Require(orvik_transfer_no_data(client, camera, Bytes(cdb), Length(cdb),
+                                       ORVIK_TRANSFER_TIMEOUT));
+    }
+
+    void In(std::span<const std::byte> cdb) {
+        std::uint32_t length = 0;
+        Require(orvik_transfer_in(client, camera, Bytes(cdb), Length(cdb), buffer.data(),
+                                  ORVIK_TRANSFER_IN_LIMIT, &length, ORVIK_TRANSFER_TIMEOUT));
+    }
+
+private:
+    static void Require(orvik_status status) {
+        if (status != ORVIK_OK)
+            throw std::runtime_error(orvik_last_error_text());
+    }
+    static const std::uint8_t* Bytes(std::span<const std::byte> cdb) {
+        return reinterpret_cast<const std::uint8_t*>(cdb.data());
+    }
+    static std::uint32_t Length(std::span<const std::byte> cdb) {
+        return static_cast<std::uint32_t>(cdb.size());
+    }
+
+    orvik_client* client = nullptr;
+    orvik_camera camera = 0;
+    std::vector<std::byte> buffer = std::vector<std::byte>(ORVIK_TRANSFER_IN_LIMIT);
+};
 
 void Run() {
     vcam::Bus bus;
     bus.UnplugAll();
-    const PluggedCamera camera(bus);
+    const PluggedCamera plugged(bus);
     const system_test::RunningService service(system_test::RunMode::kServiceManager);
 
     BareClient bare;
     orvik::Client client;
+    orvik::PersistentClient persistent;
+    while (persistent.Cameras().empty())
+        ::Sleep(1);  // no event of this benchmark reports that it has connected
+    const orvik::Camera camera = persistent.Cameras().front();
+    CClient cPlain(CClient::Kind::kPlain);
+    CClient cPersistent(CClient::Kind::kPersistent);
 
-    std::cout << "microseconds per round trip        bare   library     more\n";
-    Compare(
-        "TEST UNIT READY", 200, [&] { bare.Transfer(kTransferNoData, orvik::TestUnitReadyCdb()); },
-        [&] { client.TransferNoData(kCamera, orvik::TestUnitReadyCdb()); });
-    Compare(
-        "INQUIRY, 36 bytes", 200, [&] { bare.Transfer(kTransferIn, orvik::InquiryCdb()); },
-        [&] { client.TransferIn(kCamera, orvik::InquiryCdb()); });
-    Compare(
-        "READ(6), 65536 bytes", 50, [&] { bare.Transfer(kTransferIn, orvik::Read6Cdb(0, 128)); },
-        [&] { client.TransferIn(kCamera, orvik::Read6Cdb(0, 128)); });
+    const auto compare = [&](const char* name, int calls, std::span<const std::byte> cdb) {
+        Compare(name, calls,
+                {{"bare", [&] { bare.Transfer(kTransferIn, cdb); }, 0},
+                 {"Client", [&] { client.TransferIn(kCamera, cdb); }, 0},
+                 {"PersistentClient", [&] { persistent.TransferIn(camera, cdb); }, 0},
+                 {"C, plain client", [&] { cPlain.In(cdb); }, 1},
+                 {"C, persistent client", [&] { cPersistent.In(cdb); }, 2}});
+    };
+    const auto ready = orvik::TestUnitReadyCdb();
+    Compare("TEST UNIT READY", 50,
+            {{"bare", [&] { bare.Transfer(kTransferNoData, ready); }, 0},
+             {"Client", [&] { client.TransferNoData(kCamera, ready); }, 0},
+             {"PersistentClient", [&] { persistent.TransferNoData(camera, ready); }, 0},
+             {"C, plain client", [&] { cPlain.NoData(ready); }, 1},
+             {"C, persistent client", [&] { cPersistent.NoData(ready); }, 2}});
+    compare("INQUIRY, 36 bytes", 50, orvik::InquiryCdb());
+    compare("READ(6), 65536 bytes", 25, orvik::Read6Cdb(0, 128));
 }
 
 }  // namespace
