@@ -13,6 +13,7 @@
 #include "support/camera_event_log.h"
 #include "support/camera_setup.h"
 #include "support/client_results.h"
+#include "test_console.h"
 #include "watching_test.h"
 
 namespace system_test {
@@ -43,9 +44,11 @@ void WaitUntilWindowsReportsDevices(vcam::Bus& bus, const CameraEventLog& log) {
         log.WaitFor(log.Words().size() + 1);
 }
 
-TEST_F(ClientTest, PersistentClientHearsOfCamerasAfterTheMainCommunicatorHasLeft) {
+TEST_F(ClientTest, PersistentClientHearsOfCamerasAfterOrvikctlWatchHasEnded) {
     WaitUntilServiceHears(bus, 1);
-    auto watch = std::make_unique<Client>();  // as orvikctl watch does
+    TestConsole console;
+    console.Start(ProgramPath(L"orvikctl.exe"), L"--no-server-check watch");
+    service.Output().WaitFor("attached main communicator", 2);
     PersistentClient client(Foreground());
     CameraEventLog log;
     const orvik::Subscription subscription = client.Subscribe(log.Handler());
@@ -56,7 +59,8 @@ TEST_F(ClientTest, PersistentClientHearsOfCamerasAfterTheMainCommunicatorHasLeft
     Answer answer;
     client.StartTransferNoData(first, orvik::TestUnitReadyCdb(), answer.Completion());
     bus.WaitForPending(camera.Id(), 1, kDeadline);
-    watch.reset();
+    console.PressCtrlC();
+    EXPECT_EQ(console.WaitForEnd(), 0u);
 
     Words expected = log.Words();
     PluggedCamera another(bus);
