@@ -13,6 +13,7 @@
 #include <iostream>
 #include <span>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
@@ -79,9 +80,14 @@ private:
     std::vector<std::byte> buffer = std::vector<std::byte>(orvik::kTransferInLimit);
 };
 
-double Median(std::vector<double> values) {
+/// The value that a part of the values is below: 0.5 for the median.
+double Quantile(std::vector<double> values, double part) {
     std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
+    return values[static_cast<std::size_t>(part * static_cast<double>(values.size()))];
+}
+
+double Median(std::vector<double> values) {
+    return Quantile(std::move(values), 0.5);
 }
 
 /// Microseconds per call.
@@ -112,13 +118,17 @@ void Compare(const char* name, int calls, std::vector<Way> ways) {
         for (Way& way : ways)
             way.ratios.push_back(way.times.back() / ways[way.comparedWith].times.back());
     }
-    std::cout << name << ", microseconds\n" << std::fixed << std::setprecision(1);
+    std::cout << name
+              << ", median in microseconds, median of the ratios, ratio of the lower quartiles\n"
+              << std::fixed << std::setprecision(1);
     for (const Way& way : ways) {
         std::cout << "  " << std::left << std::setw(30) << way.name << std::right << std::setw(10)
                   << Median(way.times);
-        if (&way != &ways[way.comparedWith])
-            std::cout << std::setw(8) << (Median(way.ratios) - 1) * 100 << " % more than "
-                      << ways[way.comparedWith].name;
+        const Way& other = ways[way.comparedWith];
+        if (&way != &other)
+            std::cout << std::setw(8) << (Median(way.ratios) - 1) * 100 << " %" << std::setw(8)
+                      << (Quantile(way.times, 0.25) / Quantile(other.times, 0.25) - 1) * 100
+                      << " % more than " << other.name;
         std::cout << std::endl;
     }
 }

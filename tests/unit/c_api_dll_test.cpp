@@ -7,6 +7,7 @@
 #include <windows.h>
 
 #include "c_api_fake_service.h"
+#include "client/device_hints.h"
 #include "orvik/orvik.h"
 #include "support/client_results.h"
 #include "support/deadline.h"
@@ -36,6 +37,8 @@ public:
 
     Dll(const Dll&) = delete;
     Dll& operator=(const Dll&) = delete;
+
+    HMODULE Module() const noexcept { return module; }
 
     using Connect = orvik_status ORVIK_CALL(const orvik_options*, orvik_client**);
     decltype(&orvik_client_close) close;
@@ -88,6 +91,10 @@ TEST(CApiDll, IsUnloadedAfterCallbacksHaveClosedTheirClients) {
             ASSERT_EQ(dll.open(&options, &client), ORVIK_OK);
             ASSERT_TRUE(plain.closed.Wait());
             ASSERT_TRUE(persistent.closed.Wait());
+            WNDCLASSEXW windowClass{};
+            EXPECT_FALSE(
+                ::GetClassInfoExW(dll.Module(), orvik::DeviceHints::kWindowClass, &windowClass))
+                << "the window's class is still registered";
         }
         const Deadline deadline;
         while (::GetModuleHandleW(L"orvik.dll") != nullptr) {
