@@ -33,9 +33,9 @@ std::string ContentsOf(const std::wstring& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// The blocks of the page that begin with ``` and `language`, in order.
-std::vector<std::string> Blocks(const std::string& language) {
-    std::istringstream page(ContentsOf(TestFolder() + L"\\client.md"));  // the build copies it
+/// The blocks of a page that begin with ``` and `language`, in order.
+std::vector<std::string> Blocks(const std::string& language, const wchar_t* name = L"client.md") {
+    std::istringstream page(ContentsOf(TestFolder() + L"\\" + name));  // the build copies it
     std::vector<std::string> blocks;
     for (std::string line; std::getline(page, line);) {
         if (line != "```" + language)
@@ -74,6 +74,14 @@ TEST_F(ClientExamplesTest, PageShowsTheFirstProgramAndItsOutput) {
     EXPECT_EQ(Joined(list.Output().WaitForEnd()), Blocks("text").at(0));
     EXPECT_EQ(list.Errors().WaitForEnd(), std::vector<std::string>());
     EXPECT_EQ(list.WaitForEnd(), 0u);
+}
+
+TEST_F(ClientExamplesTest, PageOfTheCInterfaceShowsTheFirstProgramAndItsOutput) {
+    EXPECT_EQ(Blocks("c", L"c-api.md").at(0), ContentsOf(TestFolder() + L"\\first.c"));
+    Program first(ExamplePath(L"first.exe"), L"");
+    EXPECT_EQ(Joined(first.Output().WaitForEnd()), Blocks("text", L"c-api.md").at(0));
+    EXPECT_EQ(first.Errors().WaitForEnd(), std::vector<std::string>());
+    EXPECT_EQ(first.WaitForEnd(), 0u);
 }
 
 /// What the programs of these tests write their trace to.
