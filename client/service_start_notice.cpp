@@ -6,6 +6,11 @@
 
 namespace orvik {
 
+void CALLBACK ServiceStartNotice::OnNotice(void* parameter) {
+    const auto* const called = static_cast<const SERVICE_NOTIFYW*>(parameter);
+    static_cast<ServiceStartNotice*>(called->pContext)->notified = true;
+}
+
 void ServiceStartNotice::Wait(HANDLE wake, std::chrono::milliseconds most) noexcept {
     const Deadline deadline(most);
     notified = false;
@@ -15,10 +20,7 @@ void ServiceStartNotice::Wait(HANDLE wake, std::chrono::milliseconds most) noexc
     if (service) {
         record = {};
         record.dwVersion = SERVICE_NOTIFY_STATUS_CHANGE;
-        record.pfnNotifyCallback = [](void* parameter) {
-            const auto* const called = static_cast<const SERVICE_NOTIFYW*>(parameter);
-            static_cast<ServiceStartNotice*>(called->pContext)->notified = true;
-        };
+        record.pfnNotifyCallback = OnNotice;
         record.pContext = this;
         // A service that is deleted stays until all its handles have been closed.
         if (::NotifyServiceStatusChangeW(service.get(),

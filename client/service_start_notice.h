@@ -21,6 +21,8 @@ public:
     void Wait(HANDLE wake, std::chrono::milliseconds most) noexcept;
 
 private:
+    static void CALLBACK OnNotice(void* parameter);
+
     // Not on the stack: under Wine the system may write to it a moment after the handle of the
     // service has been closed.
     SERVICE_NOTIFYW record{};
