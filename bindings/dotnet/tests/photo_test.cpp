@@ -137,11 +137,12 @@ class PhotoOnConsole : public PhotoTest {
 protected:
     void Start() { console.Start(RuntimePath(), Arguments()); }
 
-    void ExpectCancelled() {
+    /// `before` is on the screen.
+    void ExpectCancelled(Lines before) {
         console.PressCtrlC();
         EXPECT_EQ(console.WaitForEnd(), 1u);
-        const Lines screen = console.Screen();
-        EXPECT_EQ(screen.empty() ? "" : screen.back(), "error: The operation was canceled.");
+        before.insert(before.end(), {"", "error: The operation was canceled."});
+        EXPECT_EQ(console.Screen(), before);
         EXPECT_FALSE(std::filesystem::exists(file));
     }
 
@@ -153,7 +154,7 @@ TEST_F(PhotoOnConsole, CtrlCEndsItDuringTheRead) {
     PlugHeld();
     Start();
     WaitForReads();
-    ExpectCancelled();
+    ExpectCancelled({"waiting for a camera"});
     EXPECT_TRUE(service->IsRunning());
     bus.ReleaseAll(camera->Id());
 }
@@ -162,7 +163,7 @@ TEST_F(PhotoOnConsole, CtrlCEndsItWithoutAService) {
     Start();
     for (const Deadline deadline; console.Screen().size() < 2; ::Sleep(kMillisecondsBetweenLooks))
         ASSERT_FALSE(deadline.Over());  // no event reports it
-    ExpectCancelled();
+    ExpectCancelled(console.Screen());
 }
 
 }  // namespace
