@@ -30,6 +30,9 @@ struct RequestState {
 }  // namespace orvik::c_api
 
 struct orvik_request {
+    explicit orvik_request(std::shared_ptr<orvik::c_api::RequestState> shared)
+        : state(std::move(shared)) {}
+
     const std::shared_ptr<orvik::c_api::RequestState> state;
 };
 
@@ -63,7 +66,7 @@ orvik_status StartRequest(orvik_client* client, orvik_camera camera, orvik_compl
         std::unique_ptr<orvik_request> handle;
         if (request != nullptr) {
             state = std::make_shared<RequestState>(callbacks);
-            handle.reset(new orvik_request{state});
+            handle = std::make_unique<orvik_request>(state);
         }
         const std::uint64_t number = callbacks->Add(completion, user);
         if (request != nullptr)
