@@ -33,6 +33,27 @@ if(NOT result EQUAL 1 OR NOT output MATCHES "error: the service OrvikService is 
   message(FATAL_ERROR "the program returned ${result} and said: ${output}")
 endif()
 
+# The C interface, for a C compiler that knows nothing of CMake.
+find_program(gcc x86_64-w64-mingw32-gcc-posix)
+find_program(pkg_config pkg-config)
+if(gcc AND pkg_config)
+  set(ENV{PKG_CONFIG_PATH} ${WORK}/prefix/lib/pkgconfig)
+  run(${pkg_config} --cflags --libs orvik)
+  separate_arguments(flags UNIX_COMMAND "${output}")
+  cmake_path(REPLACE_FILENAME SOURCE first.c OUTPUT_VARIABLE first)
+  run(${gcc} -std=c99 ${first} ${flags} -o ${WORK}/prefix/bin/first.exe)
+  execute_process(COMMAND ${EMULATOR} ${WORK}/prefix/bin/first.exe RESULT_VARIABLE result
+                  OUTPUT_VARIABLE output ERROR_VARIABLE output)
+  if(NOT result EQUAL 1 OR NOT output MATCHES "error: the service OrvikService is not installed")
+    message(FATAL_ERROR "the program in C returned ${result} and said: ${output}")
+  endif()
+endif()
+foreach(file bin/orvik.dll lib/orvik.lib)
+  if(NOT EXISTS ${WORK}/prefix/${file})
+    message(FATAL_ERROR "${file} was not installed")
+  endif()
+endforeach()
+
 # refuses(folder message option...): the configuration fails with this message.
 function(refuses folder message)
   execute_process(COMMAND ${configure} -B ${WORK}/${folder} ${ARGN} RESULT_VARIABLE result
