@@ -82,7 +82,7 @@ std::set<std::string> ExportsOf(HMODULE module) {
 
 #define ORVIK_STRUCTURE(type) #type " " << sizeof(type) << "\n"
 #define ORVIK_MEMBER(type, member) \
-    "    " #member " " << offsetof(type, member) << " " << sizeof(type::member) << "\n"
+    "    " #member " " << offsetof(type, member) << " " << sizeof(decltype(type::member)) << "\n"
 
 std::string Layouts() {
     std::ostringstream text;
