@@ -25,7 +25,8 @@ async function read(client, camera, stop) {
             const count = Math.min(most, blocks - first);
             next += count;
             const data = await client.transferIn(camera, orvik.read6Cdb(first, count), options);
-            if (data.length !== count * blockLength) throw new Error('the camera returned too few bytes');
+            if (data.length !== count * blockLength)
+                throw new Error('the camera returned too few bytes');
             data.copy(photo, first * blockLength);
             done += data.length;
             process.stdout.write(`\r${Math.floor((100 * done) / LENGTH)} %`);
@@ -69,4 +70,5 @@ async function main(path) {
     }
 }
 
-main(process.argv[2]);
+if (process.argv.length === 3) main(process.argv[2]);
+else console.error('usage: node photo.js FILE');

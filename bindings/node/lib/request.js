@@ -103,4 +103,4 @@ class Request {
     }
 }
 
-module.exports = { Request };
+module.exports = { Request, outstanding };

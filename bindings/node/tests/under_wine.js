@@ -1,10 +1,11 @@
 // Preloaded by the tests (node -r). It changes something under Wine only.
 //
-// koffi calls native functions on a stack of its own. Wine keeps a list of its exception handlers for each
-// thread, and takes those whose address is below the stack pointer for inner ones. If koffi's stack is
-// above the thread's own, Wine calls its outermost handler before it looks for one in orvik.dll, and an
-// exception that orvik.dll would catch ends the process. Windows has no such handlers on x64. So this
-// empties the list of the main thread and of the one thread that libuv then has.
+// koffi calls native functions on a stack of its own. Wine keeps a list of its exception handlers
+// for each thread, and takes those whose address is below the stack pointer for inner ones. If
+// koffi's stack is above the thread's own, Wine calls its outermost handler before it looks for one
+// in orvik.dll, and an exception that orvik.dll would catch ends the process. Windows has no such
+// list on x64. So this empties the list of the main thread and of the one thread that libuv then
+// has: UV_THREADPOOL_SIZE must be 1.
 'use strict';
 
 const koffi = require('koffi');
@@ -34,7 +35,6 @@ function emptyHandlerList(information) {
 }
 
 if (isWine()) {
-    process.env.UV_THREADPOOL_SIZE = '1';
     const ofMain = Buffer.alloc(48);
     queryThread(...query(ofMain));
     emptyHandlerList(ofMain);

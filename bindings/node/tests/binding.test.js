@@ -4,21 +4,11 @@
 const assert = require('node:assert');
 const { once } = require('node:events');
 const test = require('node:test');
+const { setImmediate } = require('node:timers/promises');
 const orvik = require('..');
 const { FakeService, type } = require('./fake_service');
-
-/** A client of a new fake service with camera 1; both end with the test. */
-async function connect(t, answer, options = {}) {
-    const service = new FakeService([1], answer);
-    await service.start();
-    const client = new orvik.PersistentClient({ ...service.options, ...options });
-    t.after(async () => {
-        await client.close();
-        await service.stop();
-    });
-    const [camera] = await once(client, 'attached');
-    return { service, client, camera };
-}
+const { connect } = require('./connected_client');
+const { outstanding } = require('../lib/request');
 
 test('events tell of the connection and of cameras, in order', async (t) => {
     const service = new FakeService([7]);
@@ -102,17 +92,6 @@ test('a transfer may return no data, and 64 KiB', async (t) => {
     assert.ok((await client.transferIn(camera, orvik.read6Cdb(0, 128))).equals(most));
 });
 
-test('requests reach the service in the order of the calls', async (t) => {
-    const order = [];
-    const { client, camera } = await connect(t, (request, peer) => {
-        order.push(request.cdb[3]);
-        peer.succeed(request);
-    });
-    const all = Array.from({ length: 50 }, (_, i) => i);
-    await Promise.all(all.map((i) => client.transferIn(camera, orvik.read6Cdb(i, 1))));
-    assert.deepStrictEqual(order, all);
-});
-
 test('a transfer without an answer ends at its time-out', async (t) => {
     const { client, camera } = await connect(t, () => {});
     await assert.rejects(client.transferIn(camera, orvik.inquiryCdb(), { timeout: 50 }), {
@@ -138,6 +117,18 @@ test('an AbortSignal ends an outstanding transfer and no other', async (t) => {
     await assert.rejects(cancelled, { kind: 'cancelled', code: 9, cause: 'not needed' });
     await client.close();
     await other;
+});
+
+test('a transfer that an AbortSignal has ended ends in the DLL too', async (t) => {
+    const abort = new AbortController();
+    const { client, camera } = await connect(t, () => abort.abort());
+    const options = { signal: abort.signal, timeout: Infinity };
+    await assert.rejects(client.transferIn(camera, orvik.inquiryCdb(), options));
+    const end = Date.now() + 30000;
+    while (outstanding.size !== 0) {
+        assert.ok(Date.now() < end, 'the request is still outstanding');
+        await setImmediate(); // no event reports it
+    }
 });
 
 test('a transfer with an aborted signal is not sent', async (t) => {
@@ -192,12 +183,14 @@ test('close() ends transfers, and nothing is called after it', async (t) => {
     await assert.rejects(client.transferIn(camera, orvik.inquiryCdb()), { kind: 'cancelled' });
 });
 
-test('close() may be called by a listener', async (t) => {
+test('close() may be called by a listener, which gets no event after that', async (t) => {
     const { service, client } = await connect(t);
+    client.on('attached', () => assert.fail('an event came'));
     const closed = new Promise((resolve) =>
         client.once('detached', () => client.close().then(resolve)),
     );
     service.peers[0].notify(type.detached, 1);
+    for (let camera = 2; camera < 10; ++camera) service.peers[0].notify(type.attached, camera);
     await closed;
 });
 

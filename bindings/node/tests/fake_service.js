@@ -57,7 +57,8 @@ class Peer {
             if (this.#bytes.length < 16 + length) return;
             const body = this.#bytes.subarray(16, 16 + length);
             this.#bytes = this.#bytes.subarray(16 + length);
-            const request = { messageType, id, camera, cdb: body.subarray(0, 8), data: body.subarray(16) };
+            const [cdb, data] = [body.subarray(0, 8), body.subarray(16)];
+            const request = { messageType, id, camera, cdb, data };
             if (length < 16) this.refuse(request); // a round trip
             else this.#answer(request, this);
         }
