@@ -554,7 +554,8 @@ static class Tests
 
     static string UpperCase(string name)
     {
-        return string.Concat(name.Select((c, i) => i != 0 && char.IsUpper(c) ? "_" + c : c.ToString())).ToUpperInvariant();
+        return string.Concat(name.Select((c, i) => i != 0 && char.IsUpper(c) ? "_" + c : c.ToString()))
+            .ToUpperInvariant();
     }
 
     static int SizeOf(FieldInfo field)
