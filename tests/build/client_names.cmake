@@ -21,7 +21,9 @@ list(REMOVE_ITEM names orvik orvik_internal std
      bool char const decltype false for guard int lambda long name nullptr operator short typeinfo unsigned
      variable void vtable wchar_t
      # types of Windows, and a name of namespace std that clang's mangling has without it
-     HWND__ SC_HANDLE__ is_constructible_v)
+     HWND__ SC_HANDLE__ is_constructible_v
+     # a function of C that the headers of mingw-w64 12 define inline; no program may have its own
+     snprintf)
 if(names)
   message(FATAL_ERROR "names outside namespace orvik: ${names}")
 endif()
