@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -13,7 +15,9 @@
 
 #include "support/plugged_camera.h"
 #include "support/trace_lines.h"
+#include "suspended_process.h"
 #include "system_test.h"
+#include "test_console.h"
 #include "watching_test.h"
 
 namespace system_test {
@@ -69,7 +73,7 @@ protected:
 };
 
 TEST_F(ClientExamplesTest, PageShowsTheFirstProgramAndItsOutput) {
-    EXPECT_EQ(Blocks("cpp").at(0), ContentsOf(TestFolder() + L"\\list.cpp"));
+    EXPECT_EQ(Blocks("cpp").at(1), ContentsOf(TestFolder() + L"\\list.cpp"));
     Program list(ExamplePath(L"list.exe"), L"");
     EXPECT_EQ(Joined(list.Output().WaitForEnd()), Blocks("text").at(0));
     EXPECT_EQ(list.Errors().WaitForEnd(), std::vector<std::string>());
@@ -116,23 +120,6 @@ TEST_F(ClientExamplesTest, TraceThatCannotBeWrittenDoesNotDisturbTheProgram) {
     EXPECT_EQ(list.WaitForEnd(), 0u);
 }
 
-TEST_F(ClientExamplesTest, ReadFileReadsTheWholeCamera) {
-    std::vector<std::byte> memory(2048 * vcam::kBlockSize);
-    for (std::size_t i = 0; i < memory.size(); ++i)
-        memory[i] = static_cast<std::byte>(i * 7 + i / 251);
-    bus.WriteMemory(camera.Id(), 0, memory);
-    const std::wstring path = TestFolder() + L"\\read_file.bin";
-    Program readFile(ExamplePath(L"read_file.exe"), L"\"" + path + L"\"");
-    EXPECT_EQ(readFile.Output().WaitForEnd(), std::vector<std::string>{"read 2048 blocks"});
-    EXPECT_EQ(readFile.Errors().WaitForEnd(), std::vector<std::string>());
-    EXPECT_EQ(readFile.WaitForEnd(), 0u);
-    const std::string contents = ContentsOf(path);
-    EXPECT_TRUE(std::equal(memory.begin(), memory.end(),
-                           reinterpret_cast<const std::byte*>(contents.data()),
-                           reinterpret_cast<const std::byte*>(contents.data() + contents.size())));
-    ::DeleteFileW(path.c_str());
-}
-
 using ClientExamplesWatchingTest = WatchingTest;
 
 TEST_P(ClientExamplesWatchingTest, WatchPrintsAttachedAndDetachedCameras) {
@@ -151,6 +138,100 @@ TEST_P(ClientExamplesWatchingTest, WatchPrintsAttachedAndDetachedCameras) {
     EXPECT_EQ(watch.WaitForEnd(), 0u);
 }
 
+/// The photo program: 1 MiB, with four transfers outstanding.
+class PhotoExample : public WatchingTest {
+protected:
+    static constexpr std::uint32_t kOutstanding = 4;
+
+    ~PhotoExample() override { ::DeleteFileW(path.c_str()); }
+
+    /// Plugs a camera that holds all commands. The service sees it only then.
+    std::unique_ptr<PluggedCamera> PlugHolding() {
+        const SuspendedProcess suspended(service.Process());
+        auto camera = std::make_unique<PluggedCamera>(bus);
+        camera->Set(Holds());
+        bus.WriteMemory(camera->Id(), 0, memory);
+        return camera;
+    }
+
+    static std::vector<std::byte> Memory() {
+        std::vector<std::byte> bytes(2048 * vcam::kBlockSize);
+        for (std::size_t i = 0; i < bytes.size(); ++i)
+            bytes[i] = static_cast<std::byte>(i * 7 + i / 251);
+        return bytes;
+    }
+
+    const std::vector<std::byte> memory = Memory();
+    const std::wstring path = TestFolder() + L"\\photo.bin";
+    const std::wstring program = ExamplePath(L"photo.exe");
+};
+
+TEST_P(PhotoExample, WaitsAndSurvivesUnplugReplugAndARestartOfTheService) {
+    Program photo(program, L"\"" + path + L"\"");
+    photo.Output().WaitFor("waiting for a camera");
+    auto first = PlugHolding();
+    bus.WaitForPending(first->Id(), kOutstanding, kDeadline);
+    first->Unplug();
+    photo.Output().WaitFor("waiting for a camera", 2);
+    const auto second = PlugHolding();
+    bus.WaitForPending(second->Id(), kOutstanding, kDeadline);
+    service.Stop();
+    photo.Output().WaitFor("waiting for a camera", 3);
+    bus.ReleaseAll(second->Id());
+    service.Start();
+    bus.WaitForPending(second->Id(), kOutstanding, kDeadline);
+    second->Set({});
+    bus.ReleaseAll(second->Id());
+    EXPECT_EQ(photo.WaitForEnd(), 0u);
+    const std::string progress = photo.Output().WaitForEnd().back();
+    EXPECT_EQ(progress.substr(0, 17), "\r64 of 1024 KiB\r1");
+    EXPECT_NE(progress.find("\r960 of 1024 KiB\r1024 of 1024 KiB"), std::string::npos) << progress;
+    EXPECT_EQ(photo.Errors().WaitForEnd(), std::vector<std::string>());
+    const std::string contents = ContentsOf(path);
+    EXPECT_TRUE(std::equal(memory.begin(), memory.end(),
+                           reinterpret_cast<const std::byte*>(contents.data()),
+                           reinterpret_cast<const std::byte*>(contents.data() + contents.size())));
+    EXPECT_TRUE(service.IsRunning());
+}
+
+TEST_P(PhotoExample, CtrlCEndsItAtAnyMomentAndDoesNotEndTheRun) {
+    TestConsole console;
+    auto start = [&, runs = 0]() mutable {
+        console.Start(program, L"\"" + path + L"\"");
+        ++runs;
+        const Deadline deadline;
+        for (std::vector<std::string> lines; lines.size() != static_cast<std::size_t>(runs);) {
+            ASSERT_FALSE(deadline.Over()) << testing::PrintToString(lines);
+            ::Sleep(kMillisecondsBetweenLooks);  // no event reports it
+            lines = console.Screen();
+            std::erase_if(lines, [](const auto& line) { return line != "waiting for a camera"; });
+        }
+    };
+    const auto expectEnd = [&] {
+        console.PressCtrlC();
+        EXPECT_EQ(console.WaitForEnd(), 1u);
+    };
+    start();
+    expectEnd();
+
+    const auto camera = PlugHolding();
+    start();
+    bus.WaitForPending(camera->Id(), kOutstanding, kDeadline);
+    expectEnd();
+    bus.ReleaseAll(camera->Id());
+    RawClient client;  // the service answers, so its run has not ended
+    client.ReceiveMessage();
+    client.Leave();
+    EXPECT_TRUE(service.IsRunning());
+
+    service.Stop();
+    start();
+    expectEnd();
+    service.Start();
+    EXPECT_EQ(::GetFileAttributesW(path.c_str()), INVALID_FILE_ATTRIBUTES) << "a file was written";
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, PhotoExample, testing::Values(RunMode::kServiceManager), NameOf);
 INSTANTIATE_TEST_SUITE_P(Modes, ClientExamplesWatchingTest,
                          testing::Values(RunMode::kServiceManager), NameOf);
 

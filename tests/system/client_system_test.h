@@ -9,6 +9,7 @@
 #include "orvik/client.h"
 #include "support/deadline.h"
 #include "support/plugged_camera.h"
+#include "suspended_process.h"
 #include "system_test.h"
 
 namespace system_test {
@@ -35,27 +36,6 @@ inline orvik::ConnectOptions WaitingForReports() {
     options.goneWait = kDeadline;
     return options;
 }
-
-/// Suspends a process while this object lives.
-class SuspendedProcess {
-public:
-    explicit SuspendedProcess(HANDLE process) : suspended(process) {
-        EXPECT_EQ(Call("NtSuspendProcess"), 0);
-    }
-    ~SuspendedProcess() { EXPECT_EQ(Call("NtResumeProcess"), 0); }
-
-    SuspendedProcess(const SuspendedProcess&) = delete;
-    SuspendedProcess& operator=(const SuspendedProcess&) = delete;
-
-private:
-    LONG Call(const char* function) const {
-        const auto address = ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), function);
-        // By way of void*, as the compiler warns of casts between function types.
-        return reinterpret_cast<LONG(NTAPI*)(HANDLE)>(reinterpret_cast<void*>(address))(suspended);
-    }
-
-    HANDLE suspended;  // not owned
-};
 
 /// The service in the foreground, with one camera.
 class ClientTest : public SystemTest {

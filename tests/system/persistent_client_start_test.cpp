@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include "installed_service.h"
 #include "orvik/persistent_client.h"
 #include "support/camera_event_log.h"
 #include "support/client_results.h"
@@ -93,6 +94,20 @@ TEST_F(PersistentClientStart, PauseEndsWithTheClient) {
         EXPECT_TRUE(paused.Wait());
     }
     service.Start();  // for the fixture
+}
+
+TEST_F(ServiceTest, PauseOfAPersistentClientDoesNotKeepADeletedService) {
+    InstallService(ProgramPath(L"OrvikService.exe"));
+    Signal paused;
+    std::once_flag once;
+    const Wait wait([&](HANDLE handle, DWORD milliseconds, BOOL alertable) {
+        if (alertable)
+            std::call_once(once, [&] { paused.Set(); });
+        return Wait::Original(handle, milliseconds, alertable);
+    });
+    const PersistentClient client;
+    EXPECT_TRUE(paused.Wait());
+    RemoveInstalledService();  // throws if the service stays
 }
 
 }  // namespace
