@@ -22,7 +22,8 @@ void ServiceStartNotice::Wait(HANDLE wake, std::chrono::milliseconds most) noexc
         record.dwVersion = SERVICE_NOTIFY_STATUS_CHANGE;
         record.pfnNotifyCallback = OnNotice;
         record.pContext = this;
-        // A service that is deleted stays until all its handles have been closed.
+        // A service that is deleted stays until all its handles have been closed. Wine does not
+        // report the deletion: the service then stays until this wait ends.
         if (::NotifyServiceStatusChangeW(service.get(),
                                          SERVICE_NOTIFY_RUNNING | SERVICE_NOTIFY_DELETE_PENDING,
                                          &record) != ERROR_SUCCESS)
