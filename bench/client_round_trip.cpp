@@ -13,7 +13,6 @@
 #include <iostream>
 #include <span>
 #include <stdexcept>
-#include <utility>
 #include <vector>
 
 #include <windows.h>
@@ -32,7 +31,7 @@ using Clock = std::chrono::steady_clock;
 using Microseconds = std::chrono::duration<double, std::micro>;
 
 constexpr orvik::CameraId kCamera = 1;
-constexpr std::size_t kTurns = 100;
+constexpr int kCallsInTurn = 10;
 
 /// A client with the necessary system calls only.
 class BareClient {
@@ -86,49 +85,40 @@ double Quantile(std::vector<double> values, double part) {
     return values[static_cast<std::size_t>(part * static_cast<double>(values.size()))];
 }
 
-double Median(std::vector<double> values) {
-    return Quantile(std::move(values), 0.5);
-}
-
-/// Microseconds per call.
-template <typename Call>
-double Measure(int calls, Call call) {
-    const auto start = Clock::now();
-    for (int i = 0; i < calls; ++i)
-        call();
-    return Microseconds(Clock::now() - start).count() / calls;
-}
-
-/// One way to make a transfer, and its cost relative to another one's in each turn.
+/// One way to make a transfer, and the way that it is compared with.
 struct Way {
     const char* name;
     std::function<void()> call;
     std::size_t comparedWith;
-    std::vector<double> times{};
-    std::vector<double> ratios{};
+    std::vector<double> times{};  // microseconds
 };
 
-/// Lets the ways take turns. Each turn begins with another one.
-void Compare(const char* name, int calls, std::vector<Way> ways) {
-    for (std::size_t turn = 0; turn < kTurns; ++turn) {
+/// The ways take turns after a few calls. Each round begins with another one.
+void Compare(const char* name, std::size_t rounds, std::vector<Way> ways) {
+    for (std::size_t round = 0; round < rounds; ++round) {
         for (std::size_t i = 0; i < ways.size(); ++i) {
-            Way& way = ways[(turn + i) % ways.size()];
-            way.times.push_back(Measure(calls, way.call));
+            Way& way = ways[(round + i) % ways.size()];
+            for (int call = 0; call < kCallsInTurn; ++call) {
+                const auto start = Clock::now();
+                way.call();
+                way.times.push_back(Microseconds(Clock::now() - start).count());
+            }
         }
-        for (Way& way : ways)
-            way.ratios.push_back(way.times.back() / ways[way.comparedWith].times.back());
     }
-    std::cout << name
-              << ", median in microseconds, median of the ratios, ratio of the lower quartiles\n"
+    std::cout << name << ": microseconds; median, lower quartile\n"
               << std::fixed << std::setprecision(1);
     for (const Way& way : ways) {
-        std::cout << "  " << std::left << std::setw(30) << way.name << std::right << std::setw(10)
-                  << Median(way.times);
+        std::cout << "  " << std::left << std::setw(22) << way.name << std::right;
+        for (const double part : {0.5, 0.25})
+            std::cout << std::setw(9) << Quantile(way.times, part);
         const Way& other = ways[way.comparedWith];
-        if (&way != &other)
-            std::cout << std::setw(8) << (Median(way.ratios) - 1) * 100 << " %" << std::setw(8)
-                      << (Quantile(way.times, 0.25) / Quantile(other.times, 0.25) - 1) * 100
-                      << " % more than " << other.name;
+        if (&way != &other) {
+            for (const double part : {0.5, 0.25})
+                std::cout << std::setw(7)
+                          << (Quantile(way.times, part) / Quantile(other.times, part) - 1) * 100
+                          << " %";
+            std::cout << " more than " << other.name;
+        }
         std::cout << std::endl;
     }
 }
@@ -195,8 +185,8 @@ void Run() {
     CClient cPlain(CClient::Kind::kPlain);
     CClient cPersistent(CClient::Kind::kPersistent);
 
-    const auto compare = [&](const char* name, int calls, std::span<const std::byte> cdb) {
-        Compare(name, calls,
+    const auto compare = [&](const char* name, std::size_t rounds, std::span<const std::byte> cdb) {
+        Compare(name, rounds,
                 {{"bare", [&] { bare.Transfer(kTransferIn, cdb); }, 0},
                  {"Client", [&] { client.TransferIn(kCamera, cdb); }, 0},
                  {"PersistentClient", [&] { persistent.TransferIn(camera, cdb); }, 0},
@@ -204,14 +194,14 @@ void Run() {
                  {"C, persistent client", [&] { cPersistent.In(cdb); }, 2}});
     };
     const auto ready = orvik::TestUnitReadyCdb();
-    Compare("TEST UNIT READY", 50,
+    Compare("TEST UNIT READY", 400,
             {{"bare", [&] { bare.Transfer(kTransferNoData, ready); }, 0},
              {"Client", [&] { client.TransferNoData(kCamera, ready); }, 0},
              {"PersistentClient", [&] { persistent.TransferNoData(camera, ready); }, 0},
              {"C, plain client", [&] { cPlain.NoData(ready); }, 1},
              {"C, persistent client", [&] { cPersistent.NoData(ready); }, 2}});
-    compare("INQUIRY, 36 bytes", 50, orvik::InquiryCdb());
-    compare("READ(6), 65536 bytes", 25, orvik::Read6Cdb(0, 128));
+    compare("INQUIRY, 36 bytes", 400, orvik::InquiryCdb());
+    compare("READ(6), 65536 bytes", 200, orvik::Read6Cdb(0, 128));
 }
 
 }  // namespace
