@@ -35,8 +35,8 @@ endif()
 
 # The C interface, for a C compiler that knows nothing of CMake.
 find_program(gcc x86_64-w64-mingw32-gcc-posix)
-find_program(pkg_config pkg-config)
-if(gcc AND pkg_config)
+if(gcc)
+  find_program(pkg_config pkg-config REQUIRED)
   set(ENV{PKG_CONFIG_PATH} ${WORK}/prefix/lib/pkgconfig)
   run(${pkg_config} --cflags --libs orvik)
   separate_arguments(flags UNIX_COMMAND "${output}")
