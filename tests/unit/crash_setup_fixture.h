@@ -32,6 +32,7 @@ extern decltype(&::OpenServiceW) __imp_OpenServiceW;
 extern decltype(&::QueryServiceStatusEx) __imp_QueryServiceStatusEx;
 extern decltype(&::SetUnhandledExceptionFilter) __imp_SetUnhandledExceptionFilter;
 extern decltype(&::SHGetKnownFolderPath) __imp_SHGetKnownFolderPath;
+extern decltype(&::TerminateThread) __imp_TerminateThread;
 }
 
 inline constexpr std::size_t kLongestText = 1200;
@@ -84,6 +85,7 @@ public:
     int localFolders = 0;  // texts that SHGetKnownFolderPath gave and that were not freed
     std::vector<LPTOP_LEVEL_EXCEPTION_FILTER> filters;  // in the order of their installation
     bool pipeWasTried = false;                          // that of the crash server
+    int terminatedThreads = 0;
     int starts = 0;
     std::array<wchar_t, kLongestText> application{};
     std::array<wchar_t, kLongestText> commandLine{};
@@ -175,6 +177,10 @@ private:
         current->filters.push_back(filter);
         return current->setFilter.Original()(filter);
     }
+    static BOOL WINAPI Terminate(HANDLE thread, DWORD exitCode) {
+        ++current->terminatedThreads;
+        return current->terminateThread.Original()(thread, exitCode);
+    }
     static HANDLE WINAPI OpenFile(LPCWSTR path, DWORD access, DWORD share,
                                   LPSECURITY_ATTRIBUTES security, DWORD disposition, DWORD flags,
                                   HANDLE like) {
@@ -224,6 +230,7 @@ private:
     ImportHook<decltype(&::CoTaskMemFree)> freeText{&__imp_CoTaskMemFree, Free};
     ImportHook<decltype(&::SetUnhandledExceptionFilter)> setFilter{
         &__imp_SetUnhandledExceptionFilter, SetFilter};
+    ImportHook<decltype(&::TerminateThread)> terminateThread{&__imp_TerminateThread, Terminate};
     ImportHook<decltype(&::CreateFileW)> createFile{&__imp_CreateFileW, OpenFile};
     ImportHook<decltype(&::CreateProcessW)> start{&__imp_CreateProcessW, Start};
 };
