@@ -48,22 +48,21 @@ TEST(CApiScsi, CommandsHaveTheirBytesAndNoMore) {
 }
 
 TEST(CApiScsi, DataIsDecoded) {
-    char data[36] = {5, static_cast<char>(0x80)};
-    std::memcpy(data + 8, "Orvik   Virtual Camera\x01 1.25", 28);
+    std::string data("\x05\x80\0\0\0\0\0\0Orvik   Virtual Camera\x01 1.25", 36);
     orvik_inquiry inquiry{};
     inquiry.size = sizeof(inquiry);
-    EXPECT_EQ(orvik_decode_inquiry(data, 36, &inquiry), ORVIK_OK);
+    EXPECT_EQ(orvik_decode_inquiry(data.data(), 36, &inquiry), ORVIK_OK);
     EXPECT_EQ(inquiry.device_type, 5);
     EXPECT_EQ(inquiry.removable, 1);
     EXPECT_STREQ(inquiry.vendor, "Orvik");
     EXPECT_STREQ(inquiry.product, "Virtual Camera?");
     EXPECT_STREQ(inquiry.revision, "1.25");
-    std::memcpy(data + 8, "VendorXXProductXXXXXXXXXRevX", 28);
-    EXPECT_EQ(orvik_decode_inquiry(data, 36, &inquiry), ORVIK_OK);
+    data.replace(8, 28, "VendorXXProductXXXXXXXXXRevX");
+    EXPECT_EQ(orvik_decode_inquiry(data.data(), 36, &inquiry), ORVIK_OK);
     EXPECT_STREQ(inquiry.vendor, "VendorXX");
     EXPECT_STREQ(inquiry.product, "ProductXXXXXXXXX");
     EXPECT_STREQ(inquiry.revision, "RevX");
-    EXPECT_EQ(orvik_decode_inquiry(data, 35, &inquiry), ORVIK_ERROR_BAD_ANSWER);
+    EXPECT_EQ(orvik_decode_inquiry(data.data(), 35, &inquiry), ORVIK_ERROR_BAD_ANSWER);
 
     const std::uint8_t blocks[] = {0, 0, 0x07, 0xFF, 0, 0, 2, 0};
     orvik_capacity capacity{};
