@@ -89,8 +89,9 @@ TEST_F(PersistentClientStorm, CamerasUnpluggedUnderTheTransfersOfEightProgramsHa
     ::SetEvent(end.get());
     for (const auto& reader : readers) {
         EXPECT_EQ(reader->WaitForEnd(), 0u);
-        if (endedRuns == 0)
+        if (endedRuns == 0) {
             EXPECT_EQ(reader->Errors().WaitForEnd(), std::vector<std::string>());
+        }
     }
     // A busy machine can hold up a program between the confirmation and the request, and then the
     // run ends: docs/client-internals.md has the figures.
