@@ -3,7 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <optional>
 #include <vector>
 
 #include "protocol/message.h"
@@ -36,15 +36,12 @@ inline Bytes DataOf(std::uint8_t kibibytes) {
 inline void ServeCommands(Peer& peer) {
     peer.Announce(kCameraId);
     std::vector<Request> held;
-    for (Bytes bytes = peer.ReadOnce(sizeof(MessageHeader)); !bytes.empty();
-         bytes = peer.ReadOnce(sizeof(MessageHeader))) {
-        Request request{};
-        std::memcpy(&request.header, bytes.data(), sizeof(MessageHeader));
+    while (const std::optional<Request> next = peer.NextRequest()) {
+        const Request& request = *next;
         if (request.header.bodyLength == 0) {
             peer.Refuse(request);
             continue;
         }
-        request.body = peer.ReadOnce(request.header.bodyLength);
         const auto answer = [&peer](const Request& one) {
             peer.Succeed(one, one.header.messageType == kTransferIn
                                   ? DataOf(std::to_integer<std::uint8_t>(one.body.at(1)))

@@ -3,10 +3,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,6 +16,7 @@
 #include "support/client_results.h"
 #include "support/deadline.h"
 #include "support/fake_service.h"
+#include "support/word_log.h"
 #include "windows/utf.h"
 
 namespace c_api_test {
@@ -28,8 +27,9 @@ using client_test::Signal;
 constexpr auto kMilliseconds = static_cast<std::uint32_t>(
     std::chrono::duration_cast<std::chrono::milliseconds>(kDeadline).count());
 
-/// The event and completion callbacks of a test, as functions with state.
-class Recorder {
+/// The events of a client: "connected", "+4294967303" for a camera attached, "-…" for one detached,
+/// or the status of a disconnect.
+class Recorder : public client_test::WordLog {
 public:
     using OnEvent = std::function<void(orvik_client*, const orvik_event&)>;
 
@@ -39,21 +39,9 @@ public:
     static void ORVIK_CALL Event(orvik_client* client, const orvik_event* event, void* user) {
         auto* const self = static_cast<Recorder*>(user);
         EXPECT_EQ(event->size, sizeof(orvik_event));
-        {
-            const std::lock_guard lock(self->mutex);
-            self->words.push_back(Word(*event));
-            self->changed.notify_all();
-        }
+        self->Add(Word(*event));
         if (self->onEvent)
             self->onEvent(client, *event);
-    }
-
-    /// Waits for that many events, and returns all: "connected", "+4294967303" for a camera
-    /// attached, "-…" for one detached, or the status and text of a disconnect.
-    std::vector<std::string> WaitFor(std::size_t count) {
-        std::unique_lock lock(mutex);
-        changed.wait_for(lock, kDeadline, [&] { return words.size() >= count; });
-        return words;
     }
 
 private:
@@ -73,9 +61,6 @@ private:
         }
     }
 
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<std::string> words;
     OnEvent onEvent;
 };
 
