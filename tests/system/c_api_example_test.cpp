@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/bytes.h"
 #include "support/camera_setup.h"
 #include "support/plugged_camera.h"
 #include "system_test.h"
@@ -61,9 +62,7 @@ TEST_P(CApiExampleTest, ReadCopiesTheWholeCamera) {
     vcam::PlugOptions options;
     options.blockCount = 2049;
     const PluggedCamera camera(bus, options);
-    std::vector<std::byte> memory(2049 * vcam::kBlockSize);
-    for (std::size_t i = 0; i < memory.size(); ++i)
-        memory[i] = static_cast<std::byte>(i * 7 + i / 251);
+    const Bytes memory = Pattern(2049 * vcam::kBlockSize);
     bus.WriteMemory(camera.Id(), 0, memory);
     EXPECT_TRUE(RunRead([] {}, "read 2049 blocks") == memory);
     EXPECT_TRUE(service.IsRunning());

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/bytes.h"
 #include "support/plugged_camera.h"
 #include "support/trace_lines.h"
 #include "suspended_process.h"
@@ -154,14 +155,7 @@ protected:
         return camera;
     }
 
-    static std::vector<std::byte> Memory() {
-        std::vector<std::byte> bytes(2048 * vcam::kBlockSize);
-        for (std::size_t i = 0; i < bytes.size(); ++i)
-            bytes[i] = static_cast<std::byte>(i * 7 + i / 251);
-        return bytes;
-    }
-
-    const std::vector<std::byte> memory = Memory();
+    const Bytes memory = Pattern(2048 * vcam::kBlockSize);
     const std::wstring path = TestFolder() + L"\\photo.bin";
     const std::wstring program = ExamplePath(L"photo.exe");
 };

@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/bytes.h"
 #include "support/plugged_camera.h"
 #include "system_test.h"
 #include "test_console.h"
@@ -23,7 +24,6 @@
 namespace system_test {
 namespace {
 
-using Bytes = std::vector<std::byte>;
 using Lines = std::vector<std::string>;
 
 constexpr std::size_t kLength = 1 << 20;
@@ -37,10 +37,7 @@ std::wstring RuntimePath() {
 }
 
 Bytes Picture() {
-    Bytes bytes(kLength);
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-        bytes[i] = static_cast<std::byte>(i * 7 + i / 251 + 1);
-    return bytes;
+    return Pattern(kLength);
 }
 
 class PhotoTest : public SystemTest {

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/bytes.h"
 #include "support/camera_setup.h"
 #include "support/plugged_camera.h"
 #include "system_test.h"
@@ -72,10 +73,7 @@ protected:
     /// camera at once.
     void PlugWithPattern() {
         camera.emplace(bus);
-        std::vector<std::byte> memory(kLength);
-        for (std::size_t i = 0; i < memory.size(); ++i)
-            memory[i] = static_cast<std::byte>(i * 7 + i / 251);
-        bus.WriteMemory(camera->Id(), 0, memory);
+        bus.WriteMemory(camera->Id(), 0, Pattern(kLength));
     }
 
     /// Waits until the driver holds the first reads.
