@@ -1,11 +1,8 @@
 // The example of the C interface, run as it is, with the real service.
 
 #include <cstddef>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <optional>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -13,6 +10,7 @@
 
 #include "support/bytes.h"
 #include "support/camera_setup.h"
+#include "support/file_content.h"
 #include "support/plugged_camera.h"
 #include "system_test.h"
 #include "test_console.h"
@@ -50,12 +48,9 @@ std::vector<std::byte> RunRead(const std::function<void()>& whileItRuns, const c
     EXPECT_EQ(progress.size(), 1u) << read.Errors().Text();
     EXPECT_NE(read.Errors().Text().find("100 %"), std::string::npos) << read.Errors().Text();
     EXPECT_EQ(read.WaitForEnd(), 0u);
-    std::ifstream file(ToUtf8(path), std::ios::binary);
-    const std::string contents(std::istreambuf_iterator<char>(file), {});
-    file.close();
+    Bytes content = ContentOf(path);
     ::DeleteFileW(path.c_str());
-    const auto bytes = std::as_bytes(std::span(contents));
-    return {bytes.begin(), bytes.end()};
+    return content;
 }
 
 TEST_P(CApiExampleTest, ReadCopiesTheWholeCamera) {

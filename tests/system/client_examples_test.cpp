@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "support/bytes.h"
+#include "support/file_content.h"
 #include "support/plugged_camera.h"
 #include "support/trace_lines.h"
 #include "suspended_process.h"
@@ -181,10 +182,7 @@ TEST_P(PhotoExample, WaitsAndSurvivesUnplugReplugAndARestartOfTheService) {
     EXPECT_EQ(progress.substr(0, 17), "\r64 of 1024 KiB\r1");
     EXPECT_NE(progress.find("\r960 of 1024 KiB\r1024 of 1024 KiB"), std::string::npos) << progress;
     EXPECT_EQ(photo.Errors().WaitForEnd(), std::vector<std::string>());
-    const std::string contents = ContentsOf(path);
-    EXPECT_TRUE(std::equal(memory.begin(), memory.end(),
-                           reinterpret_cast<const std::byte*>(contents.data()),
-                           reinterpret_cast<const std::byte*>(contents.data() + contents.size())));
+    EXPECT_TRUE(ContentOf(path) == memory);
     EXPECT_TRUE(service.IsRunning());
 }
 

@@ -5,12 +5,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "orvikctl_program.h"
+#include "support/file_content.h"
 #include "support/plugged_camera.h"
 #include "windows/unique_handle.h"
 
@@ -39,13 +39,7 @@ protected:
     }
     void ExpectNoFiles() const { EXPECT_EQ(Files(), std::vector<std::filesystem::path>{}); }
 
-    Bytes ContentOf(const std::filesystem::path& file) const {
-        std::ifstream stream(folder / file, std::ios::binary);
-        EXPECT_TRUE(stream.is_open()) << file;
-        const std::string text(std::istreambuf_iterator<char>(stream), {});
-        const auto* const first = reinterpret_cast<const std::byte*>(text.data());
-        return {first, first + text.size()};
-    }
+    Bytes ContentOf(const std::filesystem::path& file) const { return ::ContentOf(folder / file); }
     void MakeFile(const std::filesystem::path& file, const Bytes& content) const {
         std::ofstream(folder / file, std::ios::binary)
             .write(reinterpret_cast<const char*>(content.data()),

@@ -2,11 +2,9 @@
 
 #include <array>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
 #include <utility>
 
+#include "support/file_content.h"
 #include "vcamctl_program.h"
 #include "virtual_camera_fixture.h"
 
@@ -18,15 +16,9 @@ struct Reinstalling {
     ~Reinstalling() { EXPECT_EQ(system_test::Vcamctl(L"install").exitCode, 0u); }
 };
 
-std::string ContentOf(const std::filesystem::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(stream), {});
-}
-
 /// How many copies of the driver's INF the system keeps. Their names are the system's choice.
 int KeptInfs() {
-    const std::string inf =
-        ContentOf(system_test::TestFolder() + L"\\..\\virtualcamera\\orvikvcam.inf");
+    const Bytes inf = ContentOf(system_test::TestFolder() + L"\\..\\virtualcamera\\orvikvcam.inf");
     EXPECT_FALSE(inf.empty());
     std::array<wchar_t, MAX_PATH> windows = {};
     ::GetSystemWindowsDirectoryW(windows.data(), static_cast<UINT>(windows.size()));

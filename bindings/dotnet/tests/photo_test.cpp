@@ -5,17 +5,15 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/bytes.h"
+#include "support/file_content.h"
 #include "support/plugged_camera.h"
 #include "system_test.h"
 #include "test_console.h"
@@ -75,11 +73,9 @@ protected:
     void ExpectPhoto(const Bytes& expected) {
         EXPECT_EQ(photo->WaitForEnd(), 0u) << photo->Errors().Text();
         EXPECT_EQ(photo->Output().WaitForEnd(), Lines{"read 1048576 bytes"});
-        std::ifstream stream(file, std::ios::binary);
-        const std::string contents(std::istreambuf_iterator<char>(stream), {});
-        EXPECT_EQ(contents.size(), expected.size());
-        EXPECT_TRUE(contents == std::string_view(reinterpret_cast<const char*>(expected.data()),
-                                                 expected.size()));
+        const Bytes content = ContentOf(file);
+        EXPECT_EQ(content.size(), expected.size());
+        EXPECT_TRUE(content == expected);
     }
 
     const std::filesystem::path file = TestFolder() + L"\\dotnet_photo.bin";

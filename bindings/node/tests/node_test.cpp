@@ -2,10 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <fstream>
-#include <iterator>
 #include <optional>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -13,6 +10,7 @@
 
 #include "support/bytes.h"
 #include "support/camera_setup.h"
+#include "support/file_content.h"
 #include "support/plugged_camera.h"
 #include "system_test.h"
 #include "test_console.h"
@@ -93,11 +91,7 @@ protected:
         photo.Output().WaitFor("saved");
         EXPECT_EQ(photo.WaitForEnd(), 0u) << photo.Output().Text();
         EXPECT_EQ(photo.Errors().WaitForEnd(), std::vector<std::string>());
-        std::ifstream file(ToUtf8(path), std::ios::binary);
-        const std::string contents(std::istreambuf_iterator<char>(file), {});
-        const auto bytes = std::as_bytes(std::span(contents));
-        EXPECT_TRUE(std::vector<std::byte>(bytes.begin(), bytes.end()) ==
-                    bus.ReadMemory(camera->Id(), 0, kLength));
+        EXPECT_TRUE(ContentOf(path) == bus.ReadMemory(camera->Id(), 0, kLength));
     }
 
     static constexpr std::size_t kLength = 1 << 20;
