@@ -1,14 +1,16 @@
-// The exchange that the protocol page shows, played against the service: page and service cannot
-// drift apart.
+// What the protocol page shows, played against the service: page and service cannot drift apart.
 
 #include <cstddef>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <windows.h>
 
+#include "disconnect.h"
 #include "raw_client.h"
 #include "support/plugged_camera.h"
 #include "system_test.h"
@@ -50,6 +52,18 @@ std::vector<Turn> ReadExchange(std::istream& page) {
     return turns;
 }
 
+/// The block of C++ without the indentation of the list that it is in.
+std::string ReadCode(std::istream& page) {
+    const std::string indentation = "    ";
+    std::string code;
+    std::string line;
+    while (std::getline(page, line) && line != indentation + "```cpp") {
+    }
+    while (std::getline(page, line) && line != indentation + "```")
+        code += (line.starts_with(indentation) ? line.substr(indentation.size()) : line) + "\n";
+    return code;
+}
+
 TEST_F(SystemTest, ExchangeOnTheProtocolPageIsWhatHappens) {
     std::ifstream page(ToUtf8(TestFolder() + L"\\protocol.md"));  // the build copies it
     ASSERT_TRUE(page.is_open());
@@ -66,6 +80,25 @@ TEST_F(SystemTest, ExchangeOnTheProtocolPageIsWhatHappens) {
             EXPECT_EQ(client.Receive(turn.bytes.size()), turn.bytes);
     }
     EXPECT_TRUE(client.RoundTrip());  // and nothing more
+}
+
+TEST_F(SystemTest, DisconnectOnTheProtocolPageLeavesTheServiceRunning) {
+    std::ifstream page(ToUtf8(TestFolder() + L"\\protocol.md"));
+    const std::string code = ReadCode(page);
+    ASSERT_FALSE(code.empty());
+    std::ifstream source(ToUtf8(TestFolder() + L"\\disconnect.cpp"));
+    const std::string compiled(std::istreambuf_iterator<char>(source), {});
+    EXPECT_TRUE(compiled.ends_with("\n\n" + code)) << compiled;
+
+    RunningService service;
+    const DWORD process = service.ProcessId();
+    for (int round = 0; round < 200; ++round) {
+        RawClient client;
+        EXPECT_TRUE(client.RoundTrip());  // whose answer is a failure
+        Disconnect(client.Release(), false, process);
+    }
+    EXPECT_TRUE(RawClient().RoundTrip());
+    EXPECT_EQ(service.ProcessId(), process);
 }
 
 }  // namespace

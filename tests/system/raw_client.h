@@ -37,6 +37,9 @@ public:
 
     HANDLE Pipe() const noexcept { return pipe.get(); }
 
+    /// The caller becomes the owner of the pipe, and closes it. The client can do nothing more.
+    HANDLE Release() noexcept { return pipe.release(); }
+
     /// Leaves: the pipe is closed, and the client can do nothing more.
     void Leave() noexcept { pipe.reset(); }
 

@@ -1,0 +1,5 @@
+#pragma once
+
+#include <windows.h>
+
+void Disconnect(HANDLE pipe, bool newestRequestSucceeded, ULONG processOfService);
