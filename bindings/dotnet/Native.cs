@@ -91,6 +91,17 @@ namespace Orvik
         }
 
         [StructLayout(LayoutKind.Sequential)]
+        internal struct orvik_result
+        {
+            internal uint size;
+            internal int status;
+            internal uint system_code;
+            internal uint length;
+            internal IntPtr data;
+            internal IntPtr text;
+        }
+
+        [StructLayout(LayoutKind.Sequential)]
         internal struct orvik_inquiry
         {
             internal uint size;
@@ -125,7 +136,7 @@ namespace Orvik
         internal delegate void orvik_event_callback(IntPtr client, ref orvik_event what, IntPtr user);
 
         [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
-        internal delegate void orvik_completion(int status, IntPtr data, uint length, IntPtr user);
+        internal delegate void orvik_completion(ref orvik_result result, IntPtr user);
 
         [DllImport(Dll, CallingConvention = CallingConvention.Cdecl)]
         internal static extern IntPtr orvik_status_text(int status);

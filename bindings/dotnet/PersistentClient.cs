@@ -347,17 +347,18 @@ namespace Orvik
 
         // Exceptions must not leave the next two, because native code calls them.
 
-        private static void OnCompletion(int status, IntPtr data, uint length, IntPtr user)
+        private static void OnCompletion(ref Native.orvik_result result, IntPtr user)
         {
             GCHandle handle = GCHandle.FromIntPtr(user);
             var completion = (TaskCompletionSource<byte[]>)handle.Target;
             handle.Free();
             try
             {
-                OrvikException.ThrowIfFailed(status);
-                var bytes = new byte[length];
-                if (length != 0)
-                    Marshal.Copy(data, bytes, 0, bytes.Length);
+                if (result.status != Native.Ok)
+                    throw new OrvikException(result.status, result.system_code, Native.Text(result.text));
+                var bytes = new byte[result.length];
+                if (bytes.Length != 0)
+                    Marshal.Copy(result.data, bytes, 0, bytes.Length);
                 completion.SetResult(bytes);
             }
             catch (Exception exception)

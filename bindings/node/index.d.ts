@@ -33,7 +33,7 @@ export class OrvikError extends Error {
     readonly kind: ErrorKind;
     /** The number of orvik_status. */
     readonly code: number;
-    /** The Windows error code that caused it, where it is known; else 0. Always 0 for transfers. */
+    /** The Windows error code that caused it; 0 if there is none. */
     readonly systemCode: number;
     /** `signal.reason` if an AbortSignal has ended the transfer. */
     readonly cause?: unknown;

@@ -4,6 +4,26 @@
 
 namespace orvik::c_api {
 
+namespace {
+
+/// Has pointers into `result`.
+orvik_result ToResult(const TransferResult& result) noexcept {
+    orvik_result converted{};
+    converted.size = sizeof(converted);
+    converted.text = "";
+    if (result.error) {
+        converted.status = StatusOf(result.error->Kind());
+        converted.system_code = result.error->SystemCode();
+        converted.text = result.error->what();
+    } else if (!result.data.empty()) {
+        converted.length = static_cast<std::uint32_t>(result.data.size());
+        converted.data = result.data.data();
+    }
+    return converted;
+}
+
+}  // namespace
+
 void Callbacks::Open() noexcept {
     const Lock lock(mutex);
     opened = true;
@@ -20,13 +40,16 @@ void Callbacks::Close() noexcept {
 }
 
 void Callbacks::CancelOutstanding() noexcept {
+    orvik_result closing{};
+    closing.size = sizeof(closing);
+    closing.status = ORVIK_ERROR_CANCELLED;
+    closing.text = "the client was closed";
     Lock lock(mutex);
     while (!outstanding.empty()) {
         const Request request = outstanding.begin()->second;
         outstanding.erase(outstanding.begin());
         lock.unlock();
-        request.completion(Fail(ORVIK_ERROR_CANCELLED, "the client was closed"), nullptr, 0,
-                           request.user);
+        request.completion(&closing, request.user);
         lock.lock();
     }
 }
@@ -56,11 +79,8 @@ void Callbacks::Complete(std::uint64_t number, const TransferResult& result) noe
     const Request request = found->second;
     outstanding.erase(found);
     lock.unlock();
-    if (result.error)
-        request.completion(Fail(*result.error), nullptr, 0, request.user);
-    else
-        request.completion(ORVIK_OK, result.data.empty() ? nullptr : result.data.data(),
-                           static_cast<std::uint32_t>(result.data.size()), request.user);
+    const orvik_result converted = ToResult(result);
+    request.completion(&converted, request.user);
     lock.lock();
     End(lock);
 }

@@ -115,14 +115,13 @@ static void ORVIK_CALL TakeFirstCamera(orvik_client* client, const orvik_event* 
     }
 }
 
-static void ORVIK_CALL OnRead(orvik_status status, const void* data, uint32_t length, void* user) {
+static void ORVIK_CALL OnRead(const orvik_result* result, void* user) {
     Piece* piece = user;
-    piece->status = status;
-    piece->length = length;
-    if (status != ORVIK_OK)
-        snprintf(piece->text, sizeof(piece->text), "%s", orvik_last_error_text());
-    else if (length <= piece->expected)
-        memcpy(piece->data, data, length);
+    piece->status = result->status;
+    piece->length = result->length;
+    snprintf(piece->text, sizeof(piece->text), "%s", result->text);
+    if (result->length != 0 && result->length <= piece->expected)
+        memcpy(piece->data, result->data, result->length);
     SetEvent(piece->done);
 }
 

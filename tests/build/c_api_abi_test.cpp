@@ -95,17 +95,21 @@ std::string Layouts() {
          << ORVIK_MEMBER(orvik_options, transfer_out_limit)
          << ORVIK_MEMBER(orvik_options, check_server) << ORVIK_MEMBER(orvik_options, pipe)
          << ORVIK_MEMBER(orvik_options, canceller) << ORVIK_MEMBER(orvik_options, on_event)
-         << ORVIK_MEMBER(orvik_options, user) << ORVIK_STRUCTURE(orvik_inquiry)
-         << ORVIK_MEMBER(orvik_inquiry, size) << ORVIK_MEMBER(orvik_inquiry, device_type)
-         << ORVIK_MEMBER(orvik_inquiry, removable) << ORVIK_MEMBER(orvik_inquiry, vendor)
-         << ORVIK_MEMBER(orvik_inquiry, product) << ORVIK_MEMBER(orvik_inquiry, revision)
-         << ORVIK_MEMBER(orvik_inquiry, reserved) << ORVIK_STRUCTURE(orvik_capacity)
-         << ORVIK_MEMBER(orvik_capacity, size) << ORVIK_MEMBER(orvik_capacity, block_length)
-         << ORVIK_MEMBER(orvik_capacity, block_count) << ORVIK_STRUCTURE(orvik_sense)
-         << ORVIK_MEMBER(orvik_sense, size) << ORVIK_MEMBER(orvik_sense, key)
-         << ORVIK_MEMBER(orvik_sense, code) << ORVIK_MEMBER(orvik_sense, qualifier)
-         << ORVIK_MEMBER(orvik_sense, deferred) << ORVIK_MEMBER(orvik_sense, text)
-         << ORVIK_STRUCTURE(orvik_status) << ORVIK_STRUCTURE(orvik_camera);
+         << ORVIK_MEMBER(orvik_options, user) << ORVIK_STRUCTURE(orvik_result)
+         << ORVIK_MEMBER(orvik_result, size) << ORVIK_MEMBER(orvik_result, status)
+         << ORVIK_MEMBER(orvik_result, system_code) << ORVIK_MEMBER(orvik_result, length)
+         << ORVIK_MEMBER(orvik_result, data) << ORVIK_MEMBER(orvik_result, text)
+         << ORVIK_STRUCTURE(orvik_inquiry) << ORVIK_MEMBER(orvik_inquiry, size)
+         << ORVIK_MEMBER(orvik_inquiry, device_type) << ORVIK_MEMBER(orvik_inquiry, removable)
+         << ORVIK_MEMBER(orvik_inquiry, vendor) << ORVIK_MEMBER(orvik_inquiry, product)
+         << ORVIK_MEMBER(orvik_inquiry, revision) << ORVIK_MEMBER(orvik_inquiry, reserved)
+         << ORVIK_STRUCTURE(orvik_capacity) << ORVIK_MEMBER(orvik_capacity, size)
+         << ORVIK_MEMBER(orvik_capacity, block_length) << ORVIK_MEMBER(orvik_capacity, block_count)
+         << ORVIK_STRUCTURE(orvik_sense) << ORVIK_MEMBER(orvik_sense, size)
+         << ORVIK_MEMBER(orvik_sense, key) << ORVIK_MEMBER(orvik_sense, code)
+         << ORVIK_MEMBER(orvik_sense, qualifier) << ORVIK_MEMBER(orvik_sense, deferred)
+         << ORVIK_MEMBER(orvik_sense, text) << ORVIK_STRUCTURE(orvik_status)
+         << ORVIK_STRUCTURE(orvik_camera);
     return text.str();
 }
 
@@ -121,7 +125,7 @@ TEST(CApiAbi, IsThatOfTheFileInTheTree) {
     actual += "\nConstants:\n" + Constants() +
               "\nStructures with their sizes, members with offset and size, 64 bits:\n" +
               Layouts() + "\nDeclarations:\n" + Declarations() + "\n";
-    std::ofstream(TestFolder() / "c_api_abi.actual.txt") << actual;
+    std::ofstream(TestFolder() / "c_api_abi.actual.txt", std::ios::binary) << actual;
     EXPECT_EQ(actual, ContentsOf("c_api_abi.txt"));
 }
 

@@ -72,14 +72,16 @@ public:
     Completion() = default;
     explicit Completion(Then function) : then(std::move(function)) {}
 
-    static void ORVIK_CALL Call(orvik_status status, const void* data, std::uint32_t length,
-                                void* user) {
+    static void ORVIK_CALL Call(const orvik_result* result, void* user) {
         auto* const self = static_cast<Completion*>(user);
+        EXPECT_EQ(result->size, sizeof(orvik_result));
+        EXPECT_EQ(result->data == nullptr, result->length == 0);
         ++self->calls;
-        self->result = status;
-        self->text = orvik_last_error_text();
-        self->data.assign(static_cast<const std::byte*>(data),
-                          static_cast<const std::byte*>(data) + length);
+        self->status = result->status;
+        self->systemCode = result->system_code;
+        self->text = result->text;
+        const auto* const bytes = static_cast<const std::byte*>(result->data);
+        self->data.assign(bytes, bytes + result->length);
         if (self->then)
             self->then();
         self->called.Set();
@@ -88,15 +90,16 @@ public:
     /// Waits.
     orvik_status Status() const {
         EXPECT_TRUE(called.Wait()) << "the completion was not called";
-        return result;
+        return status;
     }
 
     int calls = 0;
     Bytes data;
     std::string text;
+    std::uint32_t systemCode = 0;
 
 private:
-    orvik_status result = ORVIK_OK;
+    orvik_status status = ORVIK_OK;
     Then then;
     Signal called;
 };

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <windows.h>
 
 #include "c_api_fixture.h"
 
@@ -106,6 +107,23 @@ TEST_P(CApiRequests, EndWithTheirData) {
     EXPECT_EQ(second.Status(), ORVIK_OK);
     EXPECT_EQ(third.Status(), ORVIK_OK);
     EXPECT_TRUE(third.data.empty());
+    EXPECT_EQ(third.text, "");
+    EXPECT_EQ(third.systemCode, 0u);
+}
+
+TEST_P(CApiRequests, EndWithTheDescriptionAndTheSystemCodeOfTheirError) {
+    Completion refused;
+    EXPECT_EQ(Start(kRefuse, refused), ORVIK_OK);
+    EXPECT_EQ(refused.Status(), ORVIK_ERROR_REFUSED);
+    EXPECT_EQ(refused.text, "the command failed on camera 7");
+    EXPECT_EQ(refused.systemCode, 0u);
+    std::string lastError = "not read";
+    Completion closed([&] { lastError = orvik_last_error_text(); });
+    EXPECT_EQ(Start(kHangUp, closed), ORVIK_OK);
+    EXPECT_EQ(closed.Status(), ORVIK_ERROR_SERVICE_GONE);
+    EXPECT_NE(closed.text.find("(error 109)"), std::string::npos) << closed.text;
+    EXPECT_EQ(closed.systemCode, DWORD{ERROR_BROKEN_PIPE});
+    EXPECT_EQ(lastError, "") << "no call has failed on the client's thread";
 }
 
 TEST_F(CApiTransfers, AsynchronousOneEndsAtItsDeadline) {

@@ -288,6 +288,22 @@ static class Tests
         });
     }
 
+    public static void AsynchronousErrorHasTheDescriptionAndTheSystemCode()
+    {
+        WithCamera((client, camera, service) => {
+            Task refused = client.TransferNoDataAsync(camera, Cdb.TestUnitReady());
+            service.NextRequest().Refuse();
+            var error = Throws<OrvikException>(() => Await(refused));
+            ExpectEqual(error.Message, "the command failed on camera 1", "refused");
+            ExpectEqual(error.SystemCode, 0, "refused");
+            Task closed = client.TransferNoDataAsync(camera, Cdb.TestUnitReady());
+            service.NextRequest().Pipe.Dispose();
+            error = Throws<OrvikException>(() => Await(closed));
+            ExpectEqual(error.Kind + " " + error.SystemCode, "ServiceGone 109", error.Message);
+            ExpectEqual(error.Message.Contains("(error 109)"), true, error.Message);
+        });
+    }
+
     public static void TokenCancelsATransfer()
     {
         WithCamera((client, camera, service) => {

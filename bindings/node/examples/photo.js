@@ -58,7 +58,7 @@ async function main(path) {
                 return console.log(`saved ${path}`);
             } catch (error) {
                 if (signal.aborted || !(error instanceof orvik.OrvikError)) throw error;
-                console.log(error.message);
+                console.log(`the transfer failed: ${error.message}`);
             }
             while (client.cameras().includes(camera)) await once(client, 'detached', { signal });
         }

@@ -22,7 +22,15 @@ const Event = koffi.struct({
     text: 'str',
 });
 const EventCallback = koffi.proto('void', [handle, koffi.pointer(Event), user]);
-const Completion = koffi.proto('void', [status, 'void *', 'uint32_t', user]);
+const Result = koffi.struct({
+    size: 'uint32_t',
+    status,
+    systemCode: 'uint32_t',
+    length: 'uint32_t',
+    data: 'void *',
+    text: 'str',
+});
+const Completion = koffi.proto('void', [koffi.pointer(Result), user]);
 
 const Options = koffi.struct({
     size: 'uint32_t',
@@ -108,5 +116,5 @@ module.exports = {
     native,
     event,
     limits,
-    types: { Event, EventCallback, Completion, Options, Inquiry, Capacity, Sense },
+    types: { Event, EventCallback, Result, Completion, Options, Inquiry, Capacity, Sense },
 };

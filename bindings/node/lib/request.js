@@ -9,10 +9,17 @@ let newest = 0;
 
 // Called on this thread, while the DLL's thread waits for it. Registered until the process ends, because
 // koffi has a limited number of places for callbacks.
-const completion = koffi.register((code, data, length, number) => {
+const completion = koffi.register((pointer, number) => {
+    const { status, systemCode, length, data, text } = koffi.decode(pointer, types.Result);
     const bytes = length === 0 ? Buffer.alloc(0) : Buffer.from(koffi.decode(data, 'uint8_t', length));
-    outstanding.get(Number(number)).complete(code, bytes);
+    const error = status === Code.ok ? null : new OrvikError(status, text, { systemCode });
+    outstanding.get(Number(number)).complete(error, bytes);
 }, koffi.pointer(types.Completion));
+
+/** The DLL keeps the details for the thread of libuv that made the call. */
+function notStarted(code) {
+    return new OrvikError(code, `the transfer could not be started: ${native.statusText(code)}`);
+}
 
 /** One transfer of a client. */
 class Request {
@@ -50,7 +57,7 @@ class Request {
                 args = null;
                 if (error || code !== Code.ok) {
                     outstanding.delete(this.#number);
-                    this.fail(error ?? this.#error(code));
+                    this.fail(error ?? notStarted(code));
                 } else if (this.#completed) {
                     native.requestClose(handle[0]);
                 } else {
@@ -62,13 +69,13 @@ class Request {
         });
     }
 
-    complete(code, data) {
+    complete(error, data) {
         this.#completed = true;
         outstanding.delete(this.#number);
         if (this.#handle !== null) native.requestClose(this.#handle);
         this.#handle = null;
-        if (code === Code.ok) this.#end(() => this.#settle.resolve(data));
-        else this.fail(this.#error(code));
+        if (error === null) this.#end(() => this.#settle.resolve(data));
+        else this.fail(error);
     }
 
     fail(error) {
@@ -95,11 +102,6 @@ class Request {
         this.#settled = true;
         this.#signal?.removeEventListener('abort', this.#onAbort);
         settle();
-    }
-
-    // The DLL has the description on another thread.
-    #error(code) {
-        return new OrvikError(code, `the transfer failed: ${native.statusText(code)}`);
     }
 }
 

@@ -50,7 +50,7 @@ test('a camera of an earlier run of the service is refused', async (t) => {
         name: 'OrvikError',
         kind: 'noSuchCamera',
         code: 10,
-        message: 'the transfer failed: no such camera',
+        message: 'the transfer could not be started: no such camera',
     });
     await client.transferNoData(again, orvik.testUnitReadyCdb());
 });
@@ -110,7 +110,7 @@ test('an AbortSignal ends an outstanding transfer and no other', async (t) => {
     const abort = new AbortController();
     const cancelled = client.transferIn(camera, orvik.inquiryCdb(), { signal: abort.signal });
     const other = assert.rejects(client.transferIn(camera, orvik.inquiryCdb()), {
-        message: 'the transfer failed: cancelled', // by close()
+        message: 'the client was closed',
     });
     await second;
     abort.abort('not needed');
@@ -154,6 +154,23 @@ test('a refusal is apart from a camera that has gone', async (t) => {
         kind: 'refused',
     });
     await assert.rejects(client.transferIn(camera, orvik.inquiryCdb()), { kind: 'cameraGone' });
+});
+
+test('the error of a transfer has the description and the system code', async (t) => {
+    const { client, camera } = await connect(t, (request, peer) => {
+        if (request.cdb[0] === 0x12) peer.close();
+        else peer.refuse(request);
+    });
+    await assert.rejects(client.transferNoData(camera, orvik.testUnitReadyCdb()), {
+        kind: 'refused',
+        message: 'the command failed on camera 1',
+        systemCode: 0,
+    });
+    await assert.rejects(client.transferIn(camera, orvik.inquiryCdb()), {
+        kind: 'serviceGone',
+        message: /^the service has closed the connection: .+ \(error 109\)$/,
+        systemCode: 109,
+    });
 });
 
 test('requestSense decodes what the camera returns', async (t) => {

@@ -50,7 +50,7 @@ void ExpectPasses(const std::wstring& arguments, const std::string& count) {
 }
 
 TEST(NodeBinding, PassesItsTests) {
-    ExpectPasses(Arguments(L"tests\\binding.test.js"), "16");
+    ExpectPasses(Arguments(L"tests\\binding.test.js"), "17");
 }
 
 TEST(NodeBinding, SendsRequestsInTheOrderOfTheCalls) {
@@ -117,8 +117,8 @@ TEST_P(NodePhotoTest, ReadsAgainAfterUnplugAndReplug) {
     WaitForReads();
     camera->Unplug();
     photo.Output().WaitFor("waiting for a camera", 2);
-    EXPECT_EQ(photo.Output().WaitFor("the transfer failed").front(),
-              "the transfer failed: camera gone");
+    const std::string failed = photo.Output().WaitFor("the transfer failed: ").front();
+    EXPECT_NE(failed.find("was unplugged"), std::string::npos) << failed;
     camera.emplace(bus);
     ExpectSaved(photo);
     EXPECT_TRUE(service.IsRunning());
@@ -131,8 +131,7 @@ TEST_P(NodePhotoTest, ReadsAgainAfterARestartOfTheService) {
     WaitForReads();
     service.Stop();
     photo.Output().WaitFor("waiting for a camera", 2);
-    EXPECT_EQ(photo.Output().WaitFor("the transfer failed").front(),
-              "the transfer failed: service gone");
+    photo.Output().WaitFor("the transfer failed: the service has closed the connection");
     EndReads();
     service.Start();
     ExpectSaved(photo);

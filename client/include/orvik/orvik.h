@@ -23,7 +23,8 @@
  *
  * Structures begin with their size, which the caller sets, so that later versions can add members
  * at the end. A size smaller than that of the first version gives ORVIK_ERROR_INVALID_ARGUMENT. Of
- * a greater one, the library uses the part that it knows.
+ * a greater one, the library uses the part that it knows. In the structures that callbacks receive,
+ * the library sets the size: an older DLL sets a smaller one, and members beyond it do not exist.
  *
  * Threads: any thread may make any call at any time, except the functions ..._close(), which need
  * exclusive access to what they close.
@@ -90,9 +91,9 @@ enum {
 const char* ORVIK_CALL orvik_status_text(orvik_status status);
 
 /*
- * About the last call that failed on this thread, and during a completion, about the transfer that
- * failed: the description of the error; "" if there is none. The text stays valid until the next
- * call of this library on the same thread. Long texts are cut at 1023 bytes.
+ * About the last call that failed on this thread: the description of the error; "" if there is
+ * none. The text stays valid until the next call of this library on the same thread. Long texts are
+ * cut at 1023 bytes. Callbacks receive the description of their error in a structure instead.
  */
 const char* ORVIK_CALL orvik_last_error_text(void);
 
@@ -266,13 +267,21 @@ orvik_status ORVIK_CALL orvik_transfer_no_data(orvik_client* client, orvik_camer
 /* An asynchronous request. */
 typedef struct orvik_request orvik_request;
 
+/* How an asynchronous request ended. */
+typedef struct orvik_result {
+    uint32_t size;
+    orvik_status status;  /* ORVIK_OK, or why the request failed */
+    uint32_t system_code; /* failed: the Windows error code, or 0 */
+    uint32_t length;      /* of `data` */
+    const void* data;     /* what the camera returned to orvik_start_in(); NULL if nothing */
+    const char* text;     /* failed: the description; else "" */
+} orvik_result;
+
 /*
  * Called exactly once for each request that was started, on the client's thread or by
- * orvik_client_close(). `data` and `length` are what the camera returned to orvik_start_in(); NULL
- * and 0 otherwise. `data` is valid during the call.
+ * orvik_client_close(). `result`, its data and its text are valid during the call.
  */
-typedef void(ORVIK_CALL* orvik_completion)(orvik_status status, const void* data, uint32_t length,
-                                           void* user);
+typedef void(ORVIK_CALL* orvik_completion)(const orvik_result* result, void* user);
 
 /*
  * These return when the request has been sent, at most 30 s later. `cdb` and `data` are copied.
