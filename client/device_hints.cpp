@@ -1,7 +1,6 @@
 #include "client/device_hints.h"
 
 #include <exception>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -12,8 +11,10 @@
 
 #include <dbt.h>
 
+#include "client/event.h"
 #include "client/module.h"
 #include "orvik/client.h"
+#include "windows/unique_handle.h"
 
 namespace orvik {
 
@@ -53,9 +54,11 @@ Registration RegisterFor(HWND window, const GUID& interfaceClass) {
 }  // namespace
 
 DeviceHints::DeviceHints(std::function<void(Change)> onChange) : changed(std::move(onChange)) {
-    std::promise<void> ready;
-    std::future<void> started = ready.get_future();
-    auto run = [this, ready = std::move(ready)]() mutable {
+    // Not std::promise: with GCC's library for Windows, the first wait for it can lack memory,
+    // after the thread has started.
+    const UniqueHandle started = MakeEvent(false);
+    std::exception_ptr failure;
+    auto run = [this, startedEvent = started.get(), &failure] {
         Registration disks;
         Registration cdRoms;
         try {
@@ -64,10 +67,11 @@ DeviceHints::DeviceHints(std::function<void(Change)> onChange) : changed(std::mo
             cdRoms = RegisterFor(window, kCdRomInterface);
         } catch (...) {
             DestroyHintWindow();
-            ready.set_exception(std::current_exception());
+            failure = std::current_exception();
+            ::SetEvent(startedEvent);
             return;
         }
-        ready.set_value();
+        ::SetEvent(startedEvent);
         MSG message;
         while (::GetMessageW(&message, nullptr, 0, 0) > 0)
             ::DispatchMessageW(&message);
@@ -81,11 +85,10 @@ DeviceHints::DeviceHints(std::function<void(Change)> onChange) : changed(std::mo
         throw Error(ErrorKind::kSystem,
                     std::string("cannot start a thread for device notifications: ") + error.what());
     }
-    try {
-        started.get();
-    } catch (...) {
+    ::WaitForSingleObject(started.get(), INFINITE);
+    if (failure) {
         thread.join();
-        throw;
+        std::rethrow_exception(failure);
     }
 }
 

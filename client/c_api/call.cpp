@@ -4,6 +4,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <system_error>
 
 #include <windows.h>
 
@@ -117,12 +118,20 @@ orvik_status Fail(const Error& error) noexcept {
 }
 
 orvik_status FailWithException() noexcept {
+    const auto outOfMemory = [] {
+        return Fail(ORVIK_ERROR_OUT_OF_MEMORY, "out of memory", ERROR_NOT_ENOUGH_MEMORY);
+    };
     try {
         throw;
     } catch (const Error& error) {
         return Fail(error);
     } catch (const std::bad_alloc&) {
-        return Fail(ORVIK_ERROR_OUT_OF_MEMORY, "out of memory", ERROR_NOT_ENOUGH_MEMORY);
+        return outOfMemory();
+    } catch (const std::system_error& error) {
+        // GCC's std::mutex allocates memory at its first use.
+        return error.code() == std::errc::not_enough_memory
+                   ? outOfMemory()
+                   : Fail(ORVIK_ERROR_SYSTEM, error.what());
     } catch (const std::exception& exception) {
         return Fail(ORVIK_ERROR_SYSTEM, exception.what());
     } catch (...) {

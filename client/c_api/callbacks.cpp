@@ -24,6 +24,13 @@ orvik_result ToResult(const TransferResult& result) noexcept {
 
 }  // namespace
 
+Callbacks::Callbacks(orvik_client* clientHandle, orvik_event_callback onEvent, void* user)
+    : client(clientHandle),
+      eventCallback(onEvent),
+      eventUser(user) {
+    const Lock lock(mutex);  // GCC's mutex allocates memory at its first use: here that may fail
+}
+
 void Callbacks::Open() noexcept {
     const Lock lock(mutex);
     opened = true;

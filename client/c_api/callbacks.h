@@ -19,10 +19,7 @@ namespace orvik::c_api {
 /// Thread: any.
 class Callbacks {
 public:
-    Callbacks(orvik_client* clientHandle, orvik_event_callback onEvent, void* user) noexcept
-        : client(clientHandle),
-          eventCallback(onEvent),
-          eventUser(user) {}
+    Callbacks(orvik_client* clientHandle, orvik_event_callback onEvent, void* user);
 
     Callbacks(const Callbacks&) = delete;
     Callbacks& operator=(const Callbacks&) = delete;

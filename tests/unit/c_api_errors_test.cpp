@@ -294,6 +294,38 @@ TEST_F(CApiErrors, LackOfMemoryIsAStatus) {
     EXPECT_EQ(completion.calls, 0);
 }
 
+/// Fails each allocation of the calling thread in turn, until `make` makes a client.
+template <typename Make>
+void ExpectNoClientWithoutMemory(Make make, const orvik_options& options) {
+    for (std::size_t number = 1;; ++number) {
+        ASSERT_LT(number, 100u);
+        orvik_client* made = nullptr;
+        orvik_status status = ORVIK_OK;
+        bool lacked = false;
+        {
+            const guarded_heap::FailingAllocation failing(number);
+            status = make(&options, &made);
+            lacked = failing.HasFailed();
+        }
+        if (!lacked) {
+            EXPECT_EQ(status, ORVIK_OK);
+            orvik_client_close(made);
+            break;
+        }
+        EXPECT_EQ(made, nullptr) << number;
+        const std::string text = orvik_last_error_text();
+        const bool noThread = text.find("cannot start") == 0;
+        EXPECT_EQ(status, noThread ? ORVIK_ERROR_SYSTEM : ORVIK_ERROR_OUT_OF_MEMORY)
+            << number << ": " << text;
+    }
+}
+
+TEST_F(CApiErrors, LackOfMemoryMakesNoClient) {
+    ORVIK_NEEDS_GUARDED_HEAP();
+    ExpectNoClientWithoutMemory(orvik_client_open, options);
+    ExpectNoClientWithoutMemory(orvik_client_connect, options);
+}
+
 TEST(CApiStatus, ErrorOfAThreadThatHasNoMemoryForItSaysSo) {
     ORVIK_NEEDS_GUARDED_HEAP();
     std::thread([] {
