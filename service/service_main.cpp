@@ -1,12 +1,16 @@
 #include "service/service_main.h"
 
+#include <array>
 #include <cstddef>
+#include <exception>
 #include <memory>
 #include <new>
+#include <string_view>
 
 #include "crash/win/crash.h"
 #include "device/windows_exception.h"
 #include "protocol/message.h"
+#include "protocol/run_end.h"
 #include "server/server.h"
 #include "service/dispatcher.h"
 #include "service/notification_window.h"
@@ -59,9 +63,6 @@ void ReportState(DWORD state) {
     ::SetServiceStatus(serviceStatusHandle, &serviceStatus);
 }
 
-/// The exception code with which the service's process ends because of a C++ exception.
-constexpr DWORD kEndedByException = 0xE04F5256;
-
 void RunService() {
     const auto crashServer = StartCrashServer();
     if (runningAsService) {
@@ -95,17 +96,27 @@ void RunService() {
 
 /// Ends the process on an exception, after everything has been unwound: nothing above the service
 /// thread's frame would catch it. (`noexcept` alone needn't unwind.) It ends by a fault, because
-/// that is what the crash handler sees whatever the C++ library does with exceptions.
+/// that is what the crash handler sees whatever the C++ library does with exceptions. The dump gets
+/// the text of the exception, for which nothing is allocated.
 void RunServiceOrEndProcess() noexcept {
+    std::array<char, kRunEndedTextLimit> text{};
+    std::size_t length = 0;
     try {
         RunService();
+        return;
+    } catch (const std::exception& exception) {
+        length = std::string_view(exception.what()).copy(text.data(), text.size());
     } catch (...) {
-        RenewCrashHandler();  // it may have registered with the crash server just destroyed
-        ::RaiseException(kEndedByException, EXCEPTION_NONCONTINUABLE, 0, nullptr);
-        // Under Wine 10 with its debugger on, the call returns. std::terminate() would be a second
-        // crash with a second dump.
-        ::TerminateProcess(::GetCurrentProcess(), kEndedByException);
+        // It has no text.
     }
+    RenewCrashHandler();  // it may have registered with the crash server just destroyed
+    ULONG_PTR parameters[kRunEndedParameters]{};
+    parameters[kTextAddress] = reinterpret_cast<ULONG_PTR>(text.data());
+    parameters[kTextLength] = length;
+    ::RaiseException(kRunEnded, EXCEPTION_NONCONTINUABLE, kRunEndedParameters, parameters);
+    // Under Wine 10 with its debugger on, the call returns. std::terminate() would be a second
+    // crash with a second dump.
+    ::TerminateProcess(::GetCurrentProcess(), kRunEnded);
 }
 
 }  // namespace

@@ -12,9 +12,9 @@ extern BYTE runningAsService;
 ///
 /// In the foreground it throws WindowsException and the exceptions of completion handlers. As a
 /// service it does not return from an exception: the server and the crash server are destroyed, a
-/// dump is written if a crash handler is installed, and the process ends with the exit code
-/// 0xE04F5256, without reporting STOPPED, so that the service control manager sees a crash and can
-/// restart it.
+/// dump with the text of the exception (protocol/run_end.h) is written if a crash handler is
+/// installed, and the process ends with the exit code 0xE04F5256, without reporting STOPPED, so
+/// that the service control manager sees a crash and can restart it.
 void WINAPI ServiceMain(DWORD argc, LPWSTR* argv);
 
 /// Handles the stop control: reports STOP_PENDING and makes the dispatcher end its loop. Ignores

@@ -20,6 +20,7 @@
 #include "crash_dumps.h"
 #include "crash_record.h"
 #include "protocol/message.h"
+#include "protocol/run_end.h"
 #include "raw_client.h"
 #include "system_test.h"
 
@@ -30,8 +31,6 @@ namespace fs = std::filesystem;
 
 /// How long a crash may take, until the process is gone.
 constexpr std::chrono::seconds kCrashDeadline{60};
-
-constexpr DWORD kEndedByException = 0xE04F5256;  // the service's own code
 
 constexpr std::uint64_t kLargerDump =
     MiniDumpWithDataSegs | MiniDumpWithIndirectlyReferencedMemory | MiniDumpWithThreadInfo;
@@ -174,10 +173,10 @@ TEST_F(CrashTest, ExceptionLeavesASmallDumpAndStartsTheReporter) {
     RawClient client;
     client.SendRequest(kTransferNoData, 1, 7, TestUnitReady());  // there is no such camera
     const CrashRecord record = reporters.Receive();
-    EXPECT_EQ(service.WaitForEnd(kCrashDeadline), kEndedByException);
+    EXPECT_EQ(service.WaitForEnd(kCrashDeadline), kRunEnded);
 
     const Dump dump = KeepDump({ExpectServicesReport(record, reporter)}, L"exception");
-    EXPECT_EQ(dump.exceptionCode, kEndedByException);
+    EXPECT_EQ(dump.exceptionCode, kRunEnded);
     EXPECT_EQ(dump.flags, std::uint64_t{MiniDumpNormal});
     EXPECT_TRUE(dump.hasItsThread);
 }
@@ -267,13 +266,13 @@ TEST_F(CrashTest, ExceptionInAProcessThatIsItsOwnCrashServerLeavesADumpThatTheRe
     RawClient client;
     client.SendRequest(kTransferNoData, 1, 7, TestUnitReady());  // there is no such camera
     const CrashRecord record = reporters.Receive();
-    EXPECT_EQ(service.WaitForEnd(kCrashDeadline), kEndedByException);
+    EXPECT_EQ(service.WaitForEnd(kCrashDeadline), kRunEnded);
     const fs::path file = DumpOf(record);
     EXPECT_EQ(file.parent_path(), fs::path(record.localFolder) / L"Orvik" / L"Crash Reports");
     EXPECT_EQ(ToUtf8(record.commandLine), ToUtf8(L"\"" + reporter + L"\" |*|1|*|" + file.wstring() +
                                                  L"|*|Orvik|*|4.0.4 (unknown)|*|Unknown|*|"));
     const Dump dump = KeepDump({file}, L"own-server");
-    EXPECT_EQ(dump.exceptionCode, kEndedByException);
+    EXPECT_EQ(dump.exceptionCode, kRunEnded);
     EXPECT_EQ(dump.flags, kLargerDump);
     EXPECT_TRUE(dump.hasItsThread);
 }

@@ -38,7 +38,7 @@ std::vector<Sample> SamplesOf(const std::wstring& page) {
 /// Without what differs from run to run and from machine to machine.
 Lines Masked(Lines lines) {
     static const std::regex kVarying(
-        R"(^(process|program|log folder|dump folder|newest dump|recovery)( +).*)");
+        R"(^(process|program|log folder|dump folder|newest dump|last crash|recovery)( +).*)");
     static const std::regex kTime(R"([0-9]+\.[0-9]+ ms)");
     static const std::regex kRate(R"( +[0-9]+\.[0-9] MB/s)");
     for (std::string& line : lines) {

@@ -22,7 +22,7 @@ Facts FactsOf(const Result& result) {
         label.resize(label.find_last_not_of(' ') + 1);
         facts[label] = line.size() > kColumn ? line.substr(kColumn) : "";
     }
-    EXPECT_EQ(facts.size(), 13u) << result;
+    EXPECT_EQ(facts.size(), 14u) << result;
     return facts;
 }
 
@@ -215,12 +215,6 @@ TEST_F(OrvikctlStatus, ServiceInAConsole) {
 
 TEST_F(OrvikctlStatus, LogAndDumps) {
     RunningService service(RunMode::kServiceManager);
-    if (SystemProfile::Folder().empty()) {
-        // Where LocalSystem has no folders of its own, none are made up.
-        Facts facts = FactsOf(Orvikctl(L"status"));
-        for (const char* const label : {"log folder", "dump folder", "newest dump"})
-            EXPECT_TRUE(IsUnknown(facts[label])) << facts[label];
-    }
     const SystemProfile profile;
     std::array<wchar_t, MAX_PATH> temporary{};
     ::ExpandEnvironmentStringsW(L"%SystemRoot%\\Temp", temporary.data(), MAX_PATH);
@@ -251,6 +245,33 @@ TEST_F(OrvikctlStatus, LogAndDumps) {
     EXPECT_TRUE(facts["newest dump"].starts_with("01234567-89ab-cdef-0123-456789abcdef.dmp, 20"))
         << result;
     EXPECT_EQ(json.at("newest_dump").at("name"), "01234567-89ab-cdef-0123-456789abcdef.dmp");
+    EXPECT_TRUE(facts["last crash"].starts_with("unknown: cannot read the dump ") &&
+                facts["last crash"].ends_with("-456789abcdef.dmp: it is empty"))
+        << result;
+    EXPECT_EQ(json.at("last_crash"), nullptr);
+    EXPECT_EQ(json.at("unknown").at("last_crash"), facts["last crash"].substr(9));
+}
+
+// As where this program is shown to somebody: in Wine, whose registry names no profile of a
+// service.
+TEST_F(OrvikctlStatus, FoldersWithoutAProfileInTheRegistryAreThoseThatWindowsDefines) {
+    if (!SystemProfile::Folder().empty())
+        GTEST_SKIP() << "this system has a profile of LocalSystem";
+    RunningService service(RunMode::kServiceManager);
+    const Result result = Orvikctl(L"status");
+    std::array<wchar_t, MAX_PATH> profile{};
+    ::ExpandEnvironmentStringsW(LR"(%SystemRoot%\System32\config\systemprofile)", profile.data(),
+                                MAX_PATH);
+    Facts facts = FactsOf(result);
+    const std::string logFolder = ToUtf8(profile.data()) + R"(\AppData\Local\Orvik)";
+    EXPECT_EQ(facts["log folder"],
+              logFolder +
+                  R"( (Windows' default for the account, because there is no registry value HKLM\)"
+                  R"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\S-1-5-18\)"
+                  R"(ProfileImagePath))");
+    for (const char* const label : {"dump folder", "newest dump", "last crash"})
+        EXPECT_FALSE(IsUnknown(facts[label])) << result;
+    EXPECT_EQ(JsonOf(Orvikctl(L"status --json")).at("log_folder"), logFolder);
 }
 
 TEST_F(OrvikctlStatus, RecoveryActions) {

@@ -14,6 +14,7 @@
 
 #include "fake_service_manager.h"
 #include "windows/unique_memory.h"
+#include "windows/utf.h"
 
 extern "C" {
 extern decltype(&::LookupAccountNameW) __imp_LookupAccountNameW;
@@ -24,8 +25,7 @@ namespace {
 
 class ServiceFolders : public testing::Test {
 protected:
-    /// Makes the service run as `account`. Windows knows the accounts of this machine alone, all
-    /// with one identifier.
+    /// Makes the service run as `account`. Windows knows all accounts but those of a domain.
     void RunAs(std::wstring name) {
         account = std::move(name);
         manager.config.lpServiceStartName = account.data();
@@ -34,18 +34,20 @@ protected:
     std::wstring account;
     std::wstring lookedUp;
     std::wstring key;  // of the registry value that was read
+    bool hasProfile = true;
+    const wchar_t* identifier = L"S-1-5-21-1-2-3-1000";  // of every account
     FakeManager manager;
     const HookedImport<&__imp_LookupAccountNameW> lookUp{
         [this](const wchar_t* machine, const wchar_t* name, void* to, DWORD* size, wchar_t*, DWORD*,
                SID_NAME_USE*) {
             EXPECT_EQ(machine, nullptr);
             lookedUp = name;
-            if (lookedUp.find(L'\\') != std::wstring::npos) {
+            if (lookedUp.starts_with(L"domain\\")) {
                 ::SetLastError(ERROR_NONE_MAPPED);
                 return FALSE;
             }
             void* sid = nullptr;
-            EXPECT_TRUE(::ConvertStringSidToSidW(L"S-1-5-21-1-2-3-1000", &sid));
+            EXPECT_TRUE(::ConvertStringSidToSidW(identifier, &sid));
             const std::unique_ptr<void, LocalFreer> owner(sid);
             return ::CopySid(*size, to, sid);
         }};
@@ -55,6 +57,8 @@ protected:
         EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
         EXPECT_STREQ(value, L"ProfileImagePath");
         key = path;
+        if (!hasProfile)
+            return ERROR_FILE_NOT_FOUND;
         constexpr wchar_t kProfile[] = LR"(C:\Users\camera)";
         EXPECT_GE(*size, sizeof(kProfile));
         std::memcpy(to, kProfile, sizeof(kProfile));
@@ -64,7 +68,7 @@ protected:
 
 TEST_F(ServiceFolders, LogIsInTheProfileOfTheServicesAccount) {
     RunAs(LR"(.\camera)");
-    EXPECT_EQ(ServiceLogFolder(), LR"(C:\Users\camera\AppData\Local\Orvik)");
+    EXPECT_EQ(ServiceLogFolder().path, LR"(C:\Users\camera\AppData\Local\Orvik)");
     EXPECT_EQ(lookedUp, L"camera") << "an account of this machine";
     EXPECT_EQ(key,
               LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\)"
@@ -74,10 +78,41 @@ TEST_F(ServiceFolders, LogIsInTheProfileOfTheServicesAccount) {
 TEST_F(ServiceFolders, LocalSystemHasTwoNames) {
     for (const wchar_t* const name : {L"localsystem", LR"(.\LocalSystem)"}) {
         RunAs(name);
-        EXPECT_EQ(ServiceLogFolder(), LR"(C:\Users\camera\AppData\Local\Orvik)");
+        EXPECT_EQ(ServiceLogFolder().path, LR"(C:\Users\camera\AppData\Local\Orvik)");
         EXPECT_EQ(lookedUp, L"") << "it is no account that can be looked up";
         EXPECT_EQ(key, LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\S-1-5-18)");
     }
+}
+
+TEST_F(ServiceFolders, ProfileThatTheRegistryDoesNotNameIsTheDefaultOfWindows) {
+    hasProfile = false;
+    const struct {
+        const wchar_t* account;
+        const wchar_t* identifier;
+        const wchar_t* profile;
+    } cases[] = {
+        {L"LocalSystem", L"S-1-5-18", LR"(System32\config\systemprofile)"},
+        {LR"(NT AUTHORITY\LocalService)", L"S-1-5-19", LR"(ServiceProfiles\LocalService)"},
+        {LR"(NT AUTHORITY\NetworkService)", L"S-1-5-20", LR"(ServiceProfiles\NetworkService)"}};
+    for (const auto& [name, sid, profile] : cases) {
+        RunAs(name);
+        identifier = sid;
+        const ServiceFolder folder = ServiceLogFolder();
+        EXPECT_EQ(folder.path, std::filesystem::path(ExpandForSystem(L"%SystemRoot%")) / profile /
+                                   LR"(AppData\Local\Orvik)");
+        EXPECT_EQ(folder.origin,
+                  "Windows' default for the account, because there is no registry value "
+                  R"(HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\)" +
+                      ToUtf8(sid) + R"(\ProfileImagePath)");
+    }
+}
+
+TEST_F(ServiceFolders, ProfileOfAnAccountOfAPersonIsNotGuessed) {
+    hasProfile = false;
+    RunAs(LR"(.\camera)");
+    EXPECT_EQ(FailureOf(ServiceLogFolder),
+              R"(there is no registry value HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\)"
+              R"(ProfileList\S-1-5-21-1-2-3-1000\ProfileImagePath)");
 }
 
 TEST_F(ServiceFolders, AccountThatIsNotFoundIsNamed) {

@@ -25,6 +25,7 @@
 #include "import_hook.h"
 #include "output_capture.h"
 #include "protocol/message.h"
+#include "protocol/run_end.h"
 #include "server/server.h"
 #include "service/notification_window.h"
 #include "virtual_camera.h"
@@ -57,9 +58,16 @@ void Say(const std::string& line) {
 }
 
 /// Without the system's message, which differs between systems.
-std::string TextOf(const std::exception& exception) {
-    const std::string text = exception.what();
+std::string WithoutMessage(const std::string& text) {
     return text.substr(0, text.find(" ("));
+}
+
+/// The text of the C++ exception that ended the service, as a dump would have it.
+std::string RecordedText(const EXCEPTION_RECORD& record) {
+    if (record.NumberParameters != kRunEndedParameters)
+        return "no text";
+    return WithoutMessage({reinterpret_cast<const char*>(record.ExceptionInformation[kTextAddress]),
+                           record.ExceptionInformation[kTextLength]});
 }
 
 /// A client that is connected and has had one answer.
@@ -119,7 +127,7 @@ public:
             ServiceMain(0, nullptr);
             Say("returned" + State());
         } catch (const std::exception& exception) {
-            Say("thrown: " + TextOf(exception) + State());
+            Say("thrown: " + WithoutMessage(exception.what()) + State());
         }
         if (actor.joinable())
             actor.join();
@@ -226,15 +234,9 @@ private:
 
     /// Before any handler: the one of the service would write a dump.
     static LONG CALLBACK OnFault(EXCEPTION_POINTERS* fault) {
-        constexpr DWORD kProgramsOwnError = 0xE;  // its four highest bits
-        const DWORD code = fault->ExceptionRecord->ExceptionCode;
-        if (code >> 28 != kProgramsOwnError)
+        if (fault->ExceptionRecord->ExceptionCode != kRunEnded)
             return EXCEPTION_CONTINUE_SEARCH;
-        try {
-            throw;  // the exception that the service has caught
-        } catch (const std::exception& exception) {
-            Say("faults: " + TextOf(exception) + current->State());
-        }
+        Say("faults: " + RecordedText(*fault->ExceptionRecord) + current->State());
         EndProcess(kFaulted);
     }
 
@@ -283,12 +285,19 @@ void Quit(Run& run) {
     theServer.load()->PostQuit();
 }
 
-void FailInAHandler(Run& run) {
+/// Has a handler throw `exception`.
+template <typename Exception>
+void Throw(Run& run, const Exception& exception) {
     run.Connect();
-    run.Post([](IoOperation* operation) {
+    run.Post([exception](IoOperation* operation) {
+        const Exception copy = exception;  // the operation owns this callback
         delete operation;
-        throw std::runtime_error("from a handler");
+        throw copy;
     });
+}
+
+void FailInAHandler(Run& run) {
+    Throw(run, std::runtime_error("from a handler"));
 }
 
 const ::testing::ExitedWithCode kHasReturned(kReturned);
@@ -306,6 +315,12 @@ const std::string kServiceStart =
     "crash handler\n"
     "state 2: type 16, controls 0, exit 0 0, checkpoint 1, hint 3000\n"
     "port\n";
+
+/// Serves until a handler throws `exception`.
+template <typename Exception>
+void ServeAndThrow(const Exception& exception) {
+    Serve(true, Failing::kNothing, [&](Run& run) { Throw(run, exception); });
+}
 
 TEST(ServiceMain, ReportsItsStatesAndBeingStoppedBeforeAnythingIsTakenDown) {
     vcam::Bus().UnplugAll();
@@ -375,22 +390,33 @@ TEST(ServiceMain, FailureOfAHandlerEndsTheServiceOnceTheServerIsDestroyed) {
                    "sessions ended: 1\n"));
 }
 
+TEST(ServiceMain, TextOfTheExceptionThatEndsTheServiceIsCutOffAt1024Bytes) {
+    vcam::Bus().UnplugAll();
+    const std::string text(1024, 'x');
+    EXPECT_EXIT(ServeAndThrow(std::runtime_error(text)), kHasFaulted, "faults: " + text + ";");
+    EXPECT_EXIT(ServeAndThrow(std::runtime_error(text + "y")), kHasFaulted,
+                "faults: " + text + ";");
+}
+
+TEST(ServiceMain, ExceptionOfAnotherTypeEndsTheServiceWithoutAText) {
+    vcam::Bus().UnplugAll();
+    EXPECT_EXIT(ServeAndThrow(5), kHasFaulted, "faults: ;");
+}
+
 // RaiseException returns under Wine 10 when its debugger is on.
 TEST(ServiceMain, FailureOfAHandlerEndsTheProcessAlsoWhenRaisingTheFaultReturns) {
     vcam::Bus().UnplugAll();
-    constexpr DWORD kEndedByException = 0xE04F5256;
     const auto serve = [] {
         using Raise = HookedImport<&__imp_RaiseException>;
         const Raise raise([](DWORD code, DWORD flags, DWORD count, const ULONG_PTR* arguments) {
-            if (code == kEndedByException)
+            if (code == kRunEnded)
                 Say("raised");
             else
                 Raise::Original(code, flags, count, arguments);  // a C++ exception
         });
         Serve(true, Failing::kNothing, FailInAHandler);
     };
-    EXPECT_EXIT(serve(), ::testing::ExitedWithCode(static_cast<int>(kEndedByException)),
-                "raised\n$");
+    EXPECT_EXIT(serve(), ::testing::ExitedWithCode(static_cast<int>(kRunEnded)), "raised\n$");
 }
 
 TEST(ServiceMain, FailureOfAHandlerInTheForegroundIsThrownOnceTheServerIsDestroyed) {

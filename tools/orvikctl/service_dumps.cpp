@@ -1,5 +1,6 @@
 #include "service_dumps.h"
 
+#include <algorithm>
 #include <string>
 
 #include "partial_file.h"
@@ -15,16 +16,18 @@ bool IsDumpName(const std::wstring& name) {
 
 }  // namespace
 
-std::optional<Dump> NewestDump(const std::filesystem::path& folder) {
+std::vector<Dump> DumpsIn(const std::filesystem::path& folder) {
     WIN32_FIND_DATAW entry{};
     const UniqueSearch search = OwnSearch(::FindFirstFileW((folder / L"*.dmp").c_str(), &entry));
     if (!search && ::GetLastError() != ERROR_FILE_NOT_FOUND)
         throw FileError("cannot list the dumps in", folder);
-    std::optional<Dump> newest;
+    std::vector<Dump> dumps;
     for (BOOL more = search != nullptr; more; more = ::FindNextFileW(search.get(), &entry)) {
-        if (IsDumpName(entry.cFileName) &&
-            (!newest || ::CompareFileTime(&newest->written, &entry.ftLastWriteTime) < 0))
-            newest = {entry.cFileName, entry.ftLastWriteTime};
+        if (IsDumpName(entry.cFileName))
+            dumps.push_back({entry.cFileName, entry.ftLastWriteTime});
     }
-    return newest;
+    std::sort(dumps.begin(), dumps.end(), [](const Dump& left, const Dump& right) {
+        return ::CompareFileTime(&left.written, &right.written) > 0;
+    });
+    return dumps;
 }

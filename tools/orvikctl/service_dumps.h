@@ -2,7 +2,7 @@
 #pragma once
 
 #include <filesystem>
-#include <optional>
+#include <vector>
 
 #include <windows.h>
 
@@ -11,5 +11,5 @@ struct Dump {
     FILETIME written;
 };
 
-/// Empty if there is none. Throws Failure if the folder cannot be read.
-std::optional<Dump> NewestDump(const std::filesystem::path& folder);
+/// The newest first. Throws Failure if the folder cannot be read.
+std::vector<Dump> DumpsIn(const std::filesystem::path& folder);

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <memory>
+#include <optional>
 
 #include <windows.h>
 
@@ -23,17 +24,22 @@ bool EqualIgnoringCase(const std::wstring& text, const wchar_t* other) {
     return ::CompareStringOrdinal(text.c_str(), -1, other, -1, TRUE) == CSTR_EQUAL;
 }
 
-/// A text in HKEY_LOCAL_MACHINE.
-std::wstring RegistryText(const std::wstring& key, const wchar_t* value) {
+std::string NameOfValue(const std::wstring& key, const wchar_t* value) {
+    return "HKLM\\" + ToUtf8(key) + "\\" + ToUtf8(value);
+}
+
+/// A text in HKEY_LOCAL_MACHINE. Empty if there is none.
+std::optional<std::wstring> FindRegistryText(const std::wstring& key, const wchar_t* value) {
     std::array<wchar_t, 1024> text{};
     DWORD size = sizeof(text);
     const LSTATUS code = ::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), value,
                                         RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND,
                                         nullptr, text.data(), &size);
+    if (code == ERROR_FILE_NOT_FOUND)
+        return std::nullopt;
     if (code != ERROR_SUCCESS)
-        throw SystemFailure(
-            "cannot read the registry value HKLM\\" + ToUtf8(key) + "\\" + ToUtf8(value),
-            static_cast<DWORD>(code));
+        throw SystemFailure("cannot read the registry value " + NameOfValue(key, value),
+                            static_cast<DWORD>(code));
     return text.data();
 }
 
@@ -65,12 +71,30 @@ std::wstring IdentifierOf(const std::wstring& account) {
     return text;
 }
 
+/// The profile that Windows defines for an account of its own. Null for any other account.
+const wchar_t* DefaultProfile(const std::wstring& identifier) {
+    if (identifier == L"S-1-5-18")
+        return LR"(%SystemRoot%\System32\config\systemprofile)";
+    if (identifier == L"S-1-5-19")
+        return LR"(%SystemRoot%\ServiceProfiles\LocalService)";
+    if (identifier == L"S-1-5-20")
+        return LR"(%SystemRoot%\ServiceProfiles\NetworkService)";
+    return nullptr;
+}
+
 /// The folder that USERPROFILE names for the service.
-std::filesystem::path ProfileFolder() {
-    return ExpandForSystem(
-        RegistryText(LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\)" +
-                         IdentifierOf(ServiceAccount()),
-                     L"ProfileImagePath"));
+ServiceFolder ProfileFolder() {
+    const std::wstring identifier = IdentifierOf(ServiceAccount());
+    const std::wstring key =
+        LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion\ProfileList\)" + identifier;
+    constexpr wchar_t kValue[] = L"ProfileImagePath";
+    if (const auto profile = FindRegistryText(key, kValue))
+        return {ExpandForSystem(*profile), {}};
+    const std::string none = "there is no registry value " + NameOfValue(key, kValue);
+    const wchar_t* const byDefault = DefaultProfile(identifier);
+    if (byDefault == nullptr)
+        throw Failure(ExitCode::kFailure, none);
+    return {ExpandForSystem(byDefault), "Windows' default for the account, because " + none};
 }
 
 }  // namespace
@@ -85,8 +109,10 @@ std::wstring ExpandForSystem(const std::wstring& text) {
     return expanded.data();
 }
 
-std::filesystem::path ServiceLogFolder() {
-    return ProfileFolder() / L"AppData" / L"Local" / L"Orvik";
+ServiceFolder ServiceLogFolder() {
+    ServiceFolder folder = ProfileFolder();
+    folder.path = folder.path / L"AppData" / L"Local" / L"Orvik";
+    return folder;
 }
 
 std::filesystem::path ServiceDumpFolder() {
@@ -101,7 +127,10 @@ std::filesystem::path ServiceDumpFolder() {
                       "the service's program is named " + ToUtf8(name) + " instead of " +
                           ToUtf8(kServiceName) +
                           ", so a crash server writes the dumps, to the root of its current drive");
-    ProfileFolder();  // where LocalSystem has none, its variables are not those of the system
-    return ExpandForSystem(
-        RegistryText(LR"(SYSTEM\CurrentControlSet\Control\Session Manager\Environment)", L"TMP"));
+    const std::wstring key = LR"(SYSTEM\CurrentControlSet\Control\Session Manager\Environment)";
+    constexpr wchar_t kValue[] = L"TMP";
+    const auto folder = FindRegistryText(key, kValue);
+    if (!folder)
+        throw Failure(ExitCode::kFailure, "there is no registry value " + NameOfValue(key, kValue));
+    return ExpandForSystem(*folder);
 }

@@ -1,5 +1,5 @@
-// The folders that the service writes to, as the registry defines them for its account. Each
-// function throws Failure, whose text says why the fact cannot be determined.
+// The folders that the service writes to, as the registry or Windows defines them for its account.
+// Each function throws Failure, whose text says why the fact cannot be determined.
 #pragma once
 
 #include <filesystem>
@@ -8,8 +8,13 @@
 /// Replaces the environment variables in `text` by the values that they have for LocalSystem.
 std::wstring ExpandForSystem(const std::wstring& text);
 
+struct ServiceFolder {
+    std::filesystem::path path;
+    std::string origin;  // where the path comes from, unless it is where the registry says
+};
+
 /// The folder of the log. The log is created when the first record is written.
-std::filesystem::path ServiceLogFolder();
+ServiceFolder ServiceLogFolder();
 
 /// The folder of the dumps of the service itself.
 std::filesystem::path ServiceDumpFolder();

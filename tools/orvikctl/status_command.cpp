@@ -5,11 +5,13 @@
 #include <string>
 
 #include "commands.h"
+#include "crash_reason.h"
 #include "json.h"
 #include "service_control.h"
 #include "service_dumps.h"
 #include "service_folders.h"
 #include "service_program.h"
+#include "utc_time.h"
 #include "windows/utf.h"
 
 namespace {
@@ -75,22 +77,31 @@ Fact RecoveryFact() {
     return {Words(actions), JsonOf(actions)};
 }
 
-std::string TimeOf(const FILETIME& time) {
-    SYSTEMTIME utc{};
-    ::FileTimeToSystemTime(&time, &utc);
-    std::array<char, 40> text{};
-    std::snprintf(text.data(), text.size(), "%04u-%02u-%02uT%02u:%02u:%02uZ", utc.wYear, utc.wMonth,
-                  utc.wDay, utc.wHour, utc.wMinute, utc.wSecond);
-    return text.data();
+Fact LogFolderFact() {
+    const ServiceFolder folder = ServiceLogFolder();
+    Fact fact = FactOf(folder.path);
+    if (!folder.origin.empty())
+        fact.words += " (" + folder.origin + ")";
+    return fact;
 }
 
 Fact DumpFact() {
-    const std::optional<Dump> dump = NewestDump(ServiceDumpFolder());
-    if (!dump)
+    const std::vector<Dump> dumps = DumpsIn(ServiceDumpFolder());
+    if (dumps.empty())
         return NoFact();
-    const std::string name = ToUtf8(dump->name.wstring());
-    const std::string time = TimeOf(dump->written);
+    const std::string name = ToUtf8(dumps.front().name.wstring());
+    const std::string time = TimeOf(dumps.front().written);
     return {name + ", " + time, {{"name", name}, {"time", time}}};
+}
+
+/// Of the newest dump.
+Fact CrashFact() {
+    const std::filesystem::path folder = ServiceDumpFolder();
+    const std::vector<Dump> dumps = DumpsIn(folder);
+    if (dumps.empty())
+        return {"no dump", nullptr};
+    const CrashReason reason = CrashReasonOf(folder / dumps.front().name);
+    return {TimeOf(reason.time) + ", " + reason.Words(), JsonOf(reason)};
 }
 
 /// The result of an attempt to connect.
@@ -156,9 +167,10 @@ void Status(const Settings& settings) {
     report.Add("reachable", "pipe", [&] { return PipeFact(connection); });
     report.Add("round_trip_ms", "round trip", [&] { return RoundTripFact(connection); });
     report.Add("cameras", "cameras", [&] { return CamerasFact(connection); });
-    report.Add("log_folder", "log folder", [] { return FactOf(ServiceLogFolder()); });
+    report.Add("log_folder", "log folder", LogFolderFact);
     report.Add("dump_folder", "dump folder", [] { return FactOf(ServiceDumpFolder()); });
     report.Add("newest_dump", "newest dump", DumpFact);
+    report.Add("last_crash", "last crash", CrashFact);
     report.Add("recovery", "recovery", RecoveryFact);
     report.Show(settings);
     if (connection.error)

@@ -1,0 +1,175 @@
+// The reading of a dump: also one that is cut off at any place, or has a wrong number anywhere.
+
+#include "crash_reason.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <dbghelp.h>
+
+#include "exit_code.h"
+#include "protocol/run_end.h"
+
+namespace {
+
+using Bytes = std::vector<std::byte>;
+
+constexpr ULONG32 kThread = 2;  // which crashed
+constexpr ULONG64 kStack = 0x7f0000;
+constexpr std::size_t kStackSize = 64;
+
+/// A dump without what CrashReasonOf() does not read: header, list of contents, exception, two
+/// threads, and the stack of one, which ends with `text`.
+class DumpBytes {
+public:
+    explicit DumpBytes(const std::string& text, DWORD code = kRunEnded,
+                       ULONG32 parameters = kRunEndedParameters) {
+        MINIDUMP_HEADER header{};
+        header.Signature = MINIDUMP_SIGNATURE;
+        header.Version = MINIDUMP_VERSION;
+        header.NumberOfStreams = 2;
+        header.StreamDirectoryRva = sizeof(header);
+        header.TimeDateStamp = 1'795'354'275;
+        Append(header);
+
+        MINIDUMP_EXCEPTION_STREAM exception{};
+        constexpr ULONG32 kThreadsSize = sizeof(ULONG32) + 2 * sizeof(MINIDUMP_THREAD);
+        const auto streams = static_cast<RVA>(bytes.size() + 2 * sizeof(MINIDUMP_DIRECTORY));
+        Append(MINIDUMP_DIRECTORY{ExceptionStream, {sizeof(exception), streams}});
+        const RVA threads = streams + static_cast<RVA>(sizeof(exception));
+        Append(MINIDUMP_DIRECTORY{ThreadListStream, {kThreadsSize, threads}});
+
+        exception.ThreadId = kThread;
+        exception.ExceptionRecord.ExceptionCode = code;
+        exception.ExceptionRecord.NumberParameters = parameters;
+        exception.ExceptionRecord.ExceptionInformation[kTextAddress] =
+            kStack + kStackSize - text.size();
+        exception.ExceptionRecord.ExceptionInformation[kTextLength] = text.size();
+        Append(exception);
+
+        Append(ULONG32{2});
+        MINIDUMP_THREAD thread{};
+        thread.ThreadId = 1;
+        Append(thread);
+        thread.ThreadId = kThread;
+        thread.Stack.StartOfMemoryRange = kStack;
+        thread.Stack.Memory = {kStackSize, threads + kThreadsSize};
+        Append(thread);
+
+        bytes.resize(bytes.size() + kStackSize - text.size());
+        for (const char character : text)
+            bytes.push_back(static_cast<std::byte>(character));
+    }
+
+    Bytes bytes;
+
+private:
+    template <typename Record>
+    void Append(const Record& record) {
+        std::array<std::byte, sizeof(record)> copy{};
+        std::memcpy(copy.data(), &record, sizeof(record));
+        bytes.insert(bytes.end(), copy.begin(), copy.end());
+    }
+};
+
+/// In words, or why there is none.
+std::string ReasonOf(Bytes bytes) {
+    try {
+        return CrashReasonOf(std::span(bytes)).Words();
+    } catch (const Failure& failure) {
+        return std::string("failure: ") + failure.what();
+    }
+}
+
+TEST(CrashReason, IsTheTextOfTheExceptionThatEndedTheRun) {
+    EXPECT_EQ(ReasonOf(DumpBytes("Bad camera in request.").bytes), "Bad camera in request.");
+    EXPECT_EQ(ReasonOf(DumpBytes("caf\xC3\xA9").bytes), "caf\xC3\xA9");
+    EXPECT_EQ(ReasonOf(DumpBytes("caf\xC3").bytes), "caf\xEF\xBF\xBD") << "a text that was cut off";
+    Bytes bytes = DumpBytes("x").bytes;
+    const CrashReason reason = CrashReasonOf(std::span(bytes));
+    EXPECT_EQ(JsonOf(reason).dump(),
+              R"({"time":"2026-11-22T13:31:15Z","exception_code":3763294806,"text":"x"})");
+}
+
+TEST(CrashReason, WithoutATextIsTheCodeOfTheException) {
+    EXPECT_EQ(ReasonOf(DumpBytes("").bytes),
+              "a C++ exception without a text (exception 0xe04f5256)");
+    EXPECT_EQ(ReasonOf(DumpBytes("no text", kRunEnded, 0).bytes),
+              "a C++ exception without a text (exception 0xe04f5256)")
+        << "an older version of the service";
+    Bytes bytes = DumpBytes("no text", EXCEPTION_ACCESS_VIOLATION).bytes;
+    const CrashReason fault = CrashReasonOf(std::span(bytes));
+    EXPECT_EQ(fault.Words(), "access violation (exception 0xc0000005)");
+    EXPECT_EQ(JsonOf(fault).at("text"), nullptr);
+    EXPECT_EQ(ReasonOf(DumpBytes("no text", 0x12345678).bytes), "exception 0x12345678");
+}
+
+TEST(CrashReason, OfWhatIsNoDumpIsAFailure) {
+    EXPECT_EQ(ReasonOf({}), "failure: it is empty");
+    EXPECT_EQ(ReasonOf(Bytes(1000, std::byte{'x'})), "failure: it is not a dump");
+    EXPECT_EQ(ReasonOf(Bytes(10, std::byte{'x'})),
+              "failure: it is incomplete: it ends before the end of its header");
+    Bytes bytes = DumpBytes("x").bytes;
+    const ULONG32 none = 0;
+    std::memcpy(bytes.data() + offsetof(MINIDUMP_HEADER, NumberOfStreams), &none, sizeof(none));
+    EXPECT_EQ(ReasonOf(bytes), "failure: it does not have the record of the exception");
+}
+
+TEST(CrashReason, OfADumpThatIsCutOffAnywhereIsAFailure) {
+    const Bytes whole = DumpBytes("Bad camera in request.").bytes;
+    for (std::size_t size = 1; size < whole.size(); ++size) {
+        const std::string reason =
+            ReasonOf({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)});
+        EXPECT_TRUE(reason.starts_with("failure: it is incomplete: it ends before the end of "))
+            << size << " bytes: " << reason;
+    }
+}
+
+TEST(CrashReason, OfADumpWithAWrongNumberAnywhereIsReadWithinTheDump) {
+    const Bytes whole = DumpBytes("Bad camera in request.").bytes;
+    std::size_t failures = 0;
+    for (std::size_t place = 0; place + sizeof(std::uint32_t) <= whole.size(); ++place) {
+        for (const std::uint32_t number : {0u, 1u, 0x100u, 0x400u, 0x10000u, 0x7fffffffu,
+                                           0x80000000u, 0xfffffff0u, 0xffffffffu}) {
+            Bytes damaged = whole;
+            std::memcpy(damaged.data() + place, &number, sizeof(number));
+            failures += ReasonOf(damaged).starts_with("failure: ") ? 1u : 0u;
+        }
+    }
+    EXPECT_GT(failures, 500u);  // the heap ends this program at a read beyond the dump
+}
+
+TEST(CrashReason, OfATextOutsideTheStackIsAFailure) {
+    MINIDUMP_EXCEPTION_STREAM exception{};
+    constexpr std::size_t kPlace = sizeof(MINIDUMP_HEADER) + 2 * sizeof(MINIDUMP_DIRECTORY);
+    const struct {
+        ULONG64 address;
+        ULONG64 length;
+    } cases[] = {{kStack - 1, 2},
+                 {kStack + kStackSize, 1},
+                 {kStack + kStackSize - 1, 2},
+                 {kStack, kRunEndedTextLimit + 1},
+                 {~ULONG64{0}, 2},
+                 {kStack, ~ULONG64{0}},
+                 {0, 1}};
+    for (const auto& [address, length] : cases) {
+        Bytes bytes = DumpBytes("Bad camera in request.").bytes;
+        std::memcpy(&exception, bytes.data() + kPlace, sizeof(exception));
+        exception.ExceptionRecord.ExceptionInformation[kTextAddress] = address;
+        exception.ExceptionRecord.ExceptionInformation[kTextLength] = length;
+        std::memcpy(bytes.data() + kPlace, &exception, sizeof(exception));
+        EXPECT_EQ(
+            ReasonOf(bytes),
+            "failure: the text of the exception is not in the stack of the thread that crashed")
+            << address << ", " << length;
+    }
+}
+
+}  // namespace

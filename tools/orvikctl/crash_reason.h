@@ -1,0 +1,31 @@
+// Why a process ended, as its dump tells.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
+
+#include <windows.h>
+
+#include "json.h"
+
+struct CrashReason {
+    FILETIME time;                    // when the dump was written
+    DWORD exceptionCode;              // of the exception that ended the process
+    std::optional<std::string> text;  // UTF-8: of the C++ exception that ended the service's run
+
+    /// "Bad camera in request.", or "access violation (exception 0xc0000005)".
+    std::string Words() const;
+};
+
+/// `dump` is all of a dump. Its content is not trusted. Throws Failure if it is no dump of a crash,
+/// or is incomplete.
+CrashReason CrashReasonOf(std::span<std::byte> dump);
+
+/// Throws Failure, whose text names the file, if that cannot be read.
+CrashReason CrashReasonOf(const std::filesystem::path& dump);
+
+/// An object with the keys `time`, `exception_code` and `text`, which may be null.
+Json JsonOf(const CrashReason& reason);
