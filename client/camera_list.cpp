@@ -27,13 +27,13 @@ void CameraList::Subscribe(const Subscriber& subscriber) {
     subscribers.push_back(subscriber);
 }
 
-void CameraList::ReportServiceGone() {
-    PostToAll({Event::Kind::kServiceGone, 0});
+void CameraList::ReportServiceGone(const Error& error) {
+    PostToAll({Event::Kind::kServiceGone, 0, error});
     subscribers.clear();
 }
 
-void CameraList::ReportServiceGone(const Subscriber& subscriber) {
-    Post(subscriber, {Event::Kind::kServiceGone, 0});
+void CameraList::ReportServiceGone(const Subscriber& subscriber, const Error& error) {
+    Post(subscriber, {Event::Kind::kServiceGone, 0, error});
 }
 
 void CameraList::PostToAll(const Event& event) {

@@ -30,9 +30,9 @@ public:
     /// ends.
     void Subscribe(const Subscriber& subscriber);
 
-    /// The subscribers' last event: the connection is closed.
-    void ReportServiceGone();
-    void ReportServiceGone(const Subscriber& subscriber);
+    /// The subscribers' last event: `error` has closed the connection.
+    void ReportServiceGone(const Error& error);
+    void ReportServiceGone(const Subscriber& subscriber, const Error& error);
 
     void EndSubscriptions() noexcept { subscribers.clear(); }
 

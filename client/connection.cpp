@@ -107,7 +107,7 @@ void Client::Connection::Subscribe(const Subscriber& subscriber) {
     if (stream)
         cameras.Subscribe(subscriber);
     else
-        cameras.ReportServiceGone(subscriber);
+        cameras.ReportServiceGone(subscriber, *closedBy);
 }
 
 std::vector<std::byte> Client::Connection::Transfer(TransferType type, CameraId camera,
@@ -337,7 +337,7 @@ void Client::Connection::Close(const Error& error) {
     stream.reset();
     closedBy = error;
     requests.EndAll(error);
-    cameras.ReportServiceGone();
+    cameras.ReportServiceGone(error);
 }
 
 Client::Connection::CallEvents Client::Connection::TakeEvents() {

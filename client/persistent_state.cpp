@@ -25,16 +25,6 @@ bool Contains(const std::vector<CameraId>& cameras, CameraId camera) {
     return std::find(cameras.begin(), cameras.end(), camera) != cameras.end();
 }
 
-/// Why the connection is closed.
-Error ReasonOf(Client& client) {
-    try {
-        client.RoundTrip(0ms);
-    } catch (const Error& error) {
-        return error;
-    }
-    return {ErrorKind::kServiceGone, "the connection to the service is closed"};
-}
-
 }  // namespace
 
 PersistentClient::State::Link::Link(std::shared_ptr<State> owner, const ConnectOptions& options)
@@ -205,15 +195,9 @@ void PersistentClient::State::RunConnecting() noexcept {
             Pause(error->Kind(), pause);
             lock.lock();
             pause = std::min(pause * 2, kLongestPause);
-        } else if (current->closed) {
-            std::shared_ptr<Link> link = current;
-            lock.unlock();
-            const Error error = ReasonOf(*link->client);
-            lock.lock();
-            if (current == link) {
-                current.reset();
-                Disconnected(error);
-            }
+        } else if (current->closedBy) {
+            std::shared_ptr<Link> link = std::exchange(current, nullptr);
+            Disconnected(*link->closedBy);
             lock.unlock();
             link.reset();
             lock.lock();
@@ -352,7 +336,7 @@ void PersistentClient::State::OnEvent(const std::shared_ptr<Link>& link, const E
             Detach({generation, event.camera});
             break;
         case Event::Kind::kServiceGone:
-            link->closed = true;
+            link->closedBy = event.error;
             break;
     }
     checks.clear();

@@ -43,7 +43,7 @@ public:
 
         // With the state's mutex.
         const std::uint64_t number;
-        bool closed = false;
+        std::optional<Error> closedBy;
         bool hears = false;  // has received a notification, so it is the main communicator
         std::map<CameraId, std::uint64_t> confirmed;  // the value of `removals` at that time
     };

@@ -48,6 +48,16 @@ orvik_event EventOf(std::int32_t kind, orvik_camera camera = 0) noexcept {
     return event;
 }
 
+/// The text is that of `error`.
+orvik_event DisconnectedBy(const Error& error) noexcept {
+    orvik_event event = EventOf(ORVIK_EVENT_DISCONNECTED);
+    event.status = StatusOf(error.Kind());
+    event.system_code = error.SystemCode();
+    event.text = error.what();
+    return event;
+}
+
+/// These refer to the text of `event`.
 orvik_event ToEvent(const orvik::Event& event) noexcept {
     using Kind = orvik::Event::Kind;
     switch (event.kind) {
@@ -58,13 +68,9 @@ orvik_event ToEvent(const orvik::Event& event) noexcept {
         case Kind::kServiceGone:
             break;
     }
-    orvik_event result = EventOf(ORVIK_EVENT_DISCONNECTED);
-    result.status = ORVIK_ERROR_SERVICE_GONE;
-    result.text = "the connection to the service is closed";
-    return result;
+    return DisconnectedBy(*event.error);
 }
 
-/// The text is that of `event`.
 orvik_event ToEvent(const orvik::CameraEvent& event) noexcept {
     using Kind = orvik::CameraEvent::Kind;
     switch (event.kind) {
@@ -77,11 +83,7 @@ orvik_event ToEvent(const orvik::CameraEvent& event) noexcept {
         case Kind::kDisconnected:
             break;
     }
-    orvik_event result = EventOf(ORVIK_EVENT_DISCONNECTED);
-    result.status = StatusOf(event.error->Kind());
-    result.system_code = event.error->SystemCode();
-    result.text = event.error->what();
-    return result;
+    return DisconnectedBy(*event.error);
 }
 
 /// `emplace` makes the C++ client in its place in the handle, and returns it.

@@ -65,8 +65,15 @@ private:
 class EventLog : public WordLog {
 public:
     orvik::EventHandler Handler() {
-        return [this](const orvik::Event& event) { Add(Word(event)); };
+        return [this](const orvik::Event& event) {
+            if (event.error)
+                closedBy = event.error->what();
+            Add(Word(event));
+        };
     }
+
+    /// After "gone": the text of the error.
+    const std::string& ClosedBy() const { return closedBy; }
 
 private:
     static std::string Word(const orvik::Event& event) {
@@ -80,6 +87,8 @@ private:
         }
         return "gone";
     }
+
+    std::string closedBy;
 };
 
 /// Runs `call`, which must throw, and returns its error.

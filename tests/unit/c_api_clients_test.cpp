@@ -84,6 +84,44 @@ TEST_F(CApiClients, PersistentClientReportsWhyItCannotConnect) {
     Close();  // before `reported`, which another event would set again
 }
 
+/// Both kinds of clients; true: persistent.
+class CApiDisconnected : public CApi {
+protected:
+    /// Sends a command that makes the library close the connection, and returns the event.
+    orvik_event DisconnectBy(Command command) {
+        std::promise<orvik_event> reported;
+        events.Then([&](orvik_client*, const orvik_event& event) {
+            if (event.kind != ORVIK_EVENT_DISCONNECTED)
+                return;
+            text = event.text;
+            reported.set_value(event);
+        });
+        ConnectOrOpen();
+        NoData(command);
+        const orvik_event event = reported.get_future().get();
+        Close();  // before `reported`
+        return event;
+    }
+
+    std::string text;
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, CApiDisconnected, testing::Bool(), NameOfKind);
+
+TEST_P(CApiDisconnected, SaysThatTheServiceHasGoneWithTheSystemCode) {
+    const orvik_event event = DisconnectBy(kHangUp);
+    EXPECT_EQ(event.status, ORVIK_ERROR_SERVICE_GONE);
+    EXPECT_EQ(event.system_code, DWORD{ERROR_BROKEN_PIPE});
+    EXPECT_EQ(text.find("the service has closed the connection: "), 0u) << text;
+}
+
+TEST_P(CApiDisconnected, SaysThatTheServiceSentInvalidData) {
+    const orvik_event event = DisconnectBy(kBadAnswer);
+    EXPECT_EQ(event.status, ORVIK_ERROR_BAD_ANSWER);
+    EXPECT_EQ(event.system_code, 0u);
+    EXPECT_NE(text.find("which is not outstanding"), std::string::npos) << text;
+}
+
 TEST_F(CApiClients, ClientWithoutAnEventCallbackWorks) {
     ASSERT_EQ(orvik_client_connect(&options, &client), ORVIK_OK) << orvik_last_error_text();
     camera = kCameraId;

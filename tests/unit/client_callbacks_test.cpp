@@ -53,6 +53,9 @@ TEST(ClientEvents, BeginWithTheCamerasPresentAndEndWithTheService) {
     EXPECT_EQ(log.WaitFor(5), (std::vector<std::string>{"+3", "+1", "+9", "-3", "gone"}));
     const orvik::Subscription tooLate = client.Subscribe(later.Handler());
     EXPECT_EQ(later.WaitFor(1), (std::vector<std::string>{"gone"}));
+    EXPECT_EQ(log.ClosedBy(), later.ClosedBy());
+    EXPECT_EQ(later.ClosedBy().find("the service has closed the connection: "), 0u)
+        << later.ClosedBy();
     EXPECT_EQ(KindOf([&] { client.Cameras(); }), ErrorKind::kServiceGone);
 }
 

@@ -149,7 +149,8 @@ struct Event {
         kServiceGone,  ///< the connection is closed. The last event.
     };
     Kind kind;
-    CameraId camera;  ///< 0 for kServiceGone
+    CameraId camera;               ///< 0 for kServiceGone
+    std::optional<Error> error{};  ///< of kServiceGone: what closed the connection
 };
 
 /// Called on the client's thread.
