@@ -13,7 +13,10 @@ namespace {
 
 /// Installs the driver again at the end of a test, also if the test fails.
 struct Reinstalling {
-    ~Reinstalling() { EXPECT_EQ(system_test::Vcamctl(L"install").exitCode, 0u); }
+    ~Reinstalling() {
+        const system_test::ProgramResult install = system_test::Vcamctl(L"install");
+        EXPECT_EQ(install.exitCode, 0u) << testing::PrintToString(install.errors);
+    }
 };
 
 /// How many copies of the driver's INF the system keeps. Their names are the system's choice.

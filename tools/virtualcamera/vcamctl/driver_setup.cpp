@@ -26,6 +26,10 @@ constexpr wchar_t kHardwareId[] = L"ROOT\\OrvikVirtualCamera";
 constexpr wchar_t kServiceName[] = L"orvikvcam";
 constexpr wchar_t kDriverFile[] = L"orvikvcam.sys";
 
+/// Wine's process for drivers sometimes ends while it starts (9 of 460 times on a busy machine): it
+/// takes the order to load the driver before its plug and play manager is there.
+constexpr int kMostStarts = 5;
+
 UniqueDeviceInfoList OwnList(HDEVINFO list, const std::string& what) {
     if (list == INVALID_HANDLE_VALUE)
         FailLast(what);
@@ -90,15 +94,13 @@ void RemoveBus(HDEVINFO list, SP_DEVINFO_DATA* device) {
         FailLast("cannot remove the bus device");
 }
 
-/// Unplugs every camera if the bus runs; a bus that does not run has no cameras.
-void UnplugAll() {
-    std::optional<Bus> bus;
+/// None if the driver does not run.
+std::optional<Bus> RunningBus() {
     try {
-        bus.emplace();
+        return Bus();
     } catch (const std::system_error&) {
-        return;  // the bus does not run
+        return std::nullopt;
     }
-    bus->UnplugAll();
 }
 
 /// The name under which the system keeps its copy of the driver's INF ("oem7.inf"), or empty.
@@ -141,12 +143,9 @@ std::wstring InstalledDriverPath() {
     return std::wstring(folder.data()) + L"\\drivers\\" + kDriverFile;
 }
 
-}  // namespace
-
-void InstallDriver(const std::wstring& infPath) {
-    const bool existed = BusExists();
-    if (!existed)
-        CreateBus(infPath);
+/// Gives the bus device the driver, and starts it. `existed`: a failure leaves the bus device
+/// there.
+void UpdateDriver(const std::wstring& infPath, bool existed) {
     BOOL reboot = FALSE;
     if (!::UpdateDriverForPlugAndPlayDevicesW(nullptr, kHardwareId, infPath.c_str(),
                                               INSTALLFLAG_FORCE, &reboot)) {
@@ -158,12 +157,24 @@ void InstallDriver(const std::wstring& infPath) {
     if (reboot)
         FailLast("the driver is installed, but Windows must be restarted",
                  ERROR_SUCCESS_REBOOT_REQUIRED);
+}
+
+}  // namespace
+
+void InstallDriver(const std::wstring& infPath) {
+    const bool existed = BusExists();
+    if (!existed)
+        CreateBus(infPath);
+    UpdateDriver(infPath, existed);
+    for (int start = 1; start < kMostStarts && !RunningBus(); ++start)
+        UpdateDriver(infPath, existed);
     Bus{};  // throws when the driver does not run
 }
 
 void UninstallDriver() {
     std::vector<std::wstring> infs;
-    UnplugAll();
+    if (std::optional<Bus> bus = RunningBus())
+        bus->UnplugAll();
     ForEachBus([&](HDEVINFO list, SP_DEVINFO_DATA* device) {
         if (std::wstring inf = InstalledInf(list, device); !inf.empty())
             infs.push_back(std::move(inf));
