@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "orvikctl_fixture.h"
+#include "raw_client.h"
 
 namespace system_test {
 namespace {
@@ -59,9 +60,9 @@ TEST_F(OrvikctlBlocks, ReadTakesTheWholeCamera) {
 }
 
 TEST_F(OrvikctlBlocks, ReadTakesTheBlocksAskedFor) {
-    EXPECT_EQ(Read(L"1 --first 7 --blocks 129", L"a").exitCode, 0u);
+    EXPECT_EQ(Read(L"--camera 1 --first 7 --blocks 129", L"a").exitCode, 0u);
     EXPECT_EQ(ContentOf(L"a"), Blocks(7, 129));
-    EXPECT_EQ(Read(L"1 --first 299", L"b").exitCode, 0u);
+    EXPECT_EQ(Read(L"--camera 1 --first 299", L"b").exitCode, 0u);
     EXPECT_EQ(ContentOf(L"b"), Blocks(299, 1));
     const Json json = JsonOf(Read(L"--json --first 010 --blocks 128 --outstanding 1", L"c"));
     EXPECT_EQ(json.at("camera"), 1);
@@ -139,11 +140,6 @@ TEST_F(OrvikctlBlocks, FolderThatIsNotThere) {
     EXPECT_TRUE(result.errors.at(0).ends_with("(error 3)")) << result;
 }
 
-TEST_F(OrvikctlBlocks, TargetThatIsAFolder) {
-    std::filesystem::create_directory(folder / L"x");
-    ExpectKeptPartialFile(Read(L"", L"x"));
-}
-
 TEST_F(OrvikctlBlocks, TargetThatStaysOpenElsewhereCostsNoData) {
     MakeFile(L"x", Bytes(9));
     const UniqueHandle user = OpenWithoutSharingDelete(L"x");
@@ -196,7 +192,7 @@ TEST_F(OrvikctlBlocks, WriteTakesTheWholeFile) {
 TEST_F(OrvikctlBlocks, WriteLeavesTheOtherBlocksAlone) {
     const Bytes part = Pattern(130 * vcam::kBlockSize, 11);
     MakeFile(L"x", part);
-    const Json json = JsonOf(Write(L"1 --first 7 --json", L"x"));
+    const Json json = JsonOf(Write(L"--camera 1 --first 7 --json", L"x"));
     EXPECT_EQ(json.at("first_block"), 7);
     EXPECT_EQ(json.at("blocks"), 130);
     EXPECT_EQ(json.at("bytes"), 66560);
@@ -233,7 +229,7 @@ TEST_F(OrvikctlBlocks, WriteOfAFileThatIsBeingWritten) {
 TEST_F(OrvikctlBlocks, CameraThatRefuses) {
     MakeFile(L"x", Bytes(vcam::kBlockSize));
     camera.Set(AnswersScsiStatus(2));
-    EXPECT_TRUE(Failed(Read(L"", L"y"), 8));
+    EXPECT_TRUE(Failed(Read(L"", L"y"), 8, "the command failed on camera 1. Sense data: not "));
     EXPECT_TRUE(Failed(Write(L"", L"x"), 8));
     EXPECT_EQ(Files().size(), 1u);
     EXPECT_EQ(Memory(), content);
@@ -287,10 +283,24 @@ TEST_F(OrvikctlInTheMiddle, AnswersInTheWrongOrder) {
 TEST_F(OrvikctlInTheMiddle, CameraUnpluggedWhileReading) {
     StartReading();
     camera.Unplug();
-    EXPECT_TRUE(Failed(program->Finish(), 8,
-                       "the camera refused the command for 128 blocks starting at block 0"));
+    EXPECT_TRUE(
+        Failed(program->Finish(), 10, "camera 1 was unplugged, or given up, during the command"));
     ExpectNoFiles();
     EXPECT_TRUE(service.IsRunning());
+}
+
+/// A read takes the place of the main communicator, which stays empty after it.
+TEST_F(OrvikctlInTheMiddle, DesktopProgramThatConnectsMeanwhileGetsNoReports) {
+    StartReading();
+    RawClient application;
+    EXPECT_EQ(application.ReceiveMessage(), Attached(1));
+    bus.ReleaseAll(camera.Id());
+    EXPECT_EQ(program->Finish().exitCode, 0u);
+    service.Output().WaitFor("Removing main communicator.");
+    const PluggedCamera other(bus);
+    service.Output().WaitFor("DeviceArrival: ", 2);
+    EXPECT_TRUE(application.RoundTrip()) << "a report came";
+    EXPECT_EQ(AnnouncedCameras(), (std::vector<std::uint32_t>{1, 2}));
 }
 
 TEST_F(OrvikctlInTheMiddle, ServiceKilledWhileReading) {
@@ -319,8 +329,7 @@ TEST_F(OrvikctlInTheMiddle, CameraUnpluggedWhileWriting) {
     StartWriting();
     camera.Unplug();
     const Result result = program->Finish();
-    EXPECT_TRUE(
-        Failed(result, 8, "the camera refused the command for 128 blocks starting at block 0"));
+    EXPECT_TRUE(Failed(result, 10, "camera 1 was unplugged, or given up, during the command"));
     EXPECT_EQ(result.errors.at(0), "confirmed written: 0 blocks starting at block 0");
     EXPECT_TRUE(service.IsRunning());
 }

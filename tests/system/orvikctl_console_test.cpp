@@ -39,7 +39,7 @@ protected:
         bus.ReleaseAll(camera.Id());
         camera.Set({});
         EXPECT_TRUE(service.IsRunning());
-        EXPECT_EQ(OrvikctlInForeground(L"inquiry 1").exitCode, 0u);
+        EXPECT_EQ(OrvikctlInForeground(L"inquiry --camera 1").exitCode, 0u);
     }
 
     void ExpectCancelled() {

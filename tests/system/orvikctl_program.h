@@ -59,12 +59,23 @@ inline Json JsonOf(const Result& result) {
     return json;
 }
 
+/// The error that a failed run with --json reported as its last line on standard error.
+inline Json ErrorOf(const Result& result) {
+    EXPECT_FALSE(result.errors.empty()) << result;
+    const Json json =
+        Json::parse(result.errors.empty() ? "" : result.errors.back(), nullptr, false);
+    EXPECT_EQ(json.value("format_version", 0), 1) << result;
+    const Json error = json.value("error", Json::object());
+    EXPECT_EQ(error.value("exit_code", 0u), result.exitCode) << result;
+    return error;
+}
+
 /// That a run failed with an exit code and a message that starts with `why` as its last line on
 /// standard error, and has written nothing to standard output.
 inline testing::AssertionResult Failed(const Result& result, DWORD exitCode,
                                        const std::string& why = "") {
     Lines errors = result.errors;
-    if (exitCode == 2 && !errors.empty() && errors.back() == "Try orvikctl --help")
+    if (exitCode == 2 && !errors.empty() && errors.back().starts_with("Try orvikctl "))
         errors.pop_back();
     if (result.exitCode == exitCode && result.output.empty() && !errors.empty() &&
         errors.back().starts_with("orvikctl: error: " + why))

@@ -1,6 +1,7 @@
 // orvikctl raw.
 
 #include "orvikctl_fixture.h"
+#include "raw_client.h"
 
 namespace system_test {
 namespace {
@@ -64,18 +65,85 @@ TEST_F(OrvikctlRaw, BytesInJson) {
     EXPECT_EQ(ContentOf(L"x").size(), 8u);
 }
 
-TEST_F(OrvikctlRaw, CameraIsToldFromTheCommandByItsLength) {
+TEST_F(OrvikctlRaw, CameraIsNamedByAnOption) {
     for (const wchar_t* const arguments :
-         {L"raw -r 36 12 00 00 00 2a 00", L"raw 1 -r 36 12 00 00 00 2a 00",
-          L"raw -r 36 1 12 00 00 00 2A 00", L"raw 001 -r 36 12 00 00 00 2a 00"}) {
+         {L"raw -r 36 12 00 00 00 2a 00", L"raw --camera 1 -r 36 12 00 00 00 2a 00",
+          L"raw 12 00 00 00 2A 00 -r 36 --camera 001"}) {
         OrvikctlInForeground(L"raw -n 00 00 00 00 00 00");  // so that the last one is another
         EXPECT_EQ(OrvikctlInForeground(arguments).exitCode, 0u) << ToUtf8(arguments);
         EXPECT_EQ(LastCdb(), BytesOf({0x12, 0, 0, 0, 0x2A, 0, 0, 0})) << ToUtf8(arguments);
     }
+    EXPECT_TRUE(Failed(OrvikctlInForeground(L"raw --camera 12 -n 00 00 00 00 00 00"), 6,
+                       "there is no camera 12"));
+}
+
+TEST_F(OrvikctlRaw, CameraAsTheFirstWordIsAnErrorThatNamesTheOption) {
+    EXPECT_TRUE(Failed(OrvikctlInForeground(L"raw 12 -r 252 03 00 00 00 fc"), 2,
+                       "the bytes of CDB must follow one another, without options between them. If "
+                       "12 is the number of a camera, write --camera 12"));
+    EXPECT_TRUE(Failed(OrvikctlInForeground(L"raw 1 -n 00 00 00 00 00 00"), 2,
+                       "CDB must consist of bytes of two hexadecimal digits each, not \"1\". If 1 "
+                       "is the number of a camera, write --camera 1"));
+    EXPECT_TRUE(Failed(OrvikctlInForeground(L"raw -n 12 00 00 00 00 00 00"), 2,
+                       "CDB has 7 bytes, but no SCSI command has. If 12 is the number of a camera, "
+                       "write --camera 12"));
+    EXPECT_TRUE(Failed(OrvikctlInForeground(L"inquiry 1"), 2,
+                       "the argument \"1\" is not expected. If it is the number of a camera, write "
+                       "--camera 1"));
+    EXPECT_EQ(camera.Counters().requests, 0u);
+}
+
+TEST_F(OrvikctlRaw, ZerosBeyondEightBytesAreLeftOut) {
+    for (const wchar_t* const arguments :
+         {L"raw -r 8 25 01 02 03 04 05 06 07 00 00",
+          L"raw -r 8 25 01 02 03 04 05 06 07 00 00 00 00 00 00 00 00"}) {
+        OrvikctlInForeground(L"raw -n 00 00 00 00 00 00");
+        EXPECT_EQ(OrvikctlInForeground(arguments).exitCode, 0u) << ToUtf8(arguments);
+        EXPECT_EQ(LastCdb(), BytesOf({0x25, 1, 2, 3, 4, 5, 6, 7})) << ToUtf8(arguments);
+    }
+    const std::uint64_t before = camera.Counters().requests;
+    EXPECT_TRUE(Failed(OrvikctlInForeground(L"raw -r 512 28 00 00 00 00 00 00 00 01 00"), 2,
+                       "the service passes on only the first 8 bytes of a command: byte 9 of CDB, "
+                       "01, would be lost. To do the same, use READ(6), 08"));
+    EXPECT_TRUE(Failed(OrvikctlInForeground(L"raw -n 35 00 00 00 00 00 00 00 00 80"), 2,
+                       "the service passes on only the first 8 bytes of a command: byte 10 of CDB, "
+                       "80, would be lost. To do the same, use a command of at most 8 bytes"));
+    EXPECT_EQ(camera.Counters().requests, before);
+}
+
+TEST_F(OrvikctlRaw, RefusalIsExplainedBySenseData) {
+    const std::string text =
+        "the command failed on camera 1. Sense data: ILLEGAL REQUEST: INVALID COMMAND OPERATION "
+        "CODE";
+    const std::wstring unknown = L"raw -n ff 00 00 00 00 00";
+    EXPECT_TRUE(Failed(OrvikctlInForeground(unknown), 8, text));
+    const Json error = ErrorOf(OrvikctlInForeground(unknown + L" --json"));
+    EXPECT_EQ(error.at("kind"), "refused");
+    EXPECT_EQ(error.at("text"), text);
+    EXPECT_EQ(error.at("sense").at("key"), 5);
+    EXPECT_EQ(error.at("sense").at("code"), 0x20);
+    EXPECT_EQ(error.at("sense").at("qualifier"), 0);
+    EXPECT_EQ(error.at("sense").at("deferred"), false);
+    EXPECT_EQ(error.at("sense").at("text"), "ILLEGAL REQUEST: INVALID COMMAND OPERATION CODE");
+    EXPECT_TRUE(error.at("sense").at("data").get<std::string>().starts_with("700005000000000a"))
+        << error;
+    const std::uint64_t before = camera.Counters().requests;
+    EXPECT_EQ(OrvikctlInForeground(unknown + L" --no-sense").errors,
+              Lines{"orvikctl: error: the command failed on camera 1"});
+    EXPECT_EQ(camera.Counters().requests, before + 1);
+}
+
+/// Another program is the main communicator, so orvikctl gets no report of the camera.
+TEST_F(OrvikctlRaw, UnpluggedIsNotRefusedWhileAnotherProgramIsConnected) {
+    const RawClient application;
+    service.Output().WaitFor("attached main communicator");
+    camera.Set(Holds());
+    OrvikctlProgram program(kNoServerCheck + L"raw -n 00 00 00 00 00 00");
+    bus.WaitForPending(camera.Id(), 1, kDeadline);
+    camera.Unplug();
     EXPECT_TRUE(
-        Failed(OrvikctlInForeground(L"raw 012 -n 00 00 00 00 00 00"), 6, "there is no camera 12"));
-    EXPECT_TRUE(Failed(OrvikctlInForeground(L"raw 12 -n 00 00 00 00 00 00"), 2,
-                       "CDB has 7 bytes, but no SCSI command has. "));
+        Failed(program.Finish(), 10, "camera 1 was unplugged, or given up, during the command"));
+    EXPECT_TRUE(service.IsRunning());
 }
 
 TEST_F(OrvikctlRaw, AllEightBytesOfACommandArrive) {
@@ -103,7 +171,8 @@ TEST_F(OrvikctlRaw, MoreThan64KiBAreSentOnlyIfAskedForByName) {
     EXPECT_EQ(camera.Counters().requests, 0u);
 
     // A host adapter as most are refuses it, and the service gives the camera up.
-    EXPECT_TRUE(Failed(OrvikctlInForeground(arguments + L" --allow-large"), 8));
+    EXPECT_TRUE(Failed(OrvikctlInForeground(arguments + L" --allow-large"), 10,
+                       "camera 1 was unplugged, or given up, during the command"));
     EXPECT_TRUE(Failed(OrvikctlInForeground(L"inquiry"), 6, "no camera is present"));
     EXPECT_TRUE(service.IsRunning());
 
@@ -155,7 +224,8 @@ TEST_F(OrvikctlRaw, TimeOutWhileACommandRunsSaysThatTheServiceIsBusy) {
 TEST_F(OrvikctlRaw, CameraThatRefuses) {
     camera.Set(AnswersScsiStatus(2));
     EXPECT_TRUE(
-        Failed(OrvikctlInForeground(L"raw -r 36 -o " + Quoted(L"x") + L" 12 00 00 00 24 00"), 8));
+        Failed(OrvikctlInForeground(L"raw -r 36 -o " + Quoted(L"x") + L" 12 00 00 00 24 00"), 8,
+               "the command failed on camera 1. Sense data: not available: the command failed"));
     ExpectNoFiles();
     EXPECT_TRUE(service.IsRunning());
 }
@@ -181,7 +251,8 @@ TEST_F(OrvikctlRawHeld, CameraUnplugged) {
     OrvikctlProgram program(kNoServerCheck + L"raw -n 00 00 00 00 00 00");
     WaitUntilHeld();
     camera.Unplug();
-    EXPECT_TRUE(Failed(program.Finish(), 8));
+    EXPECT_TRUE(
+        Failed(program.Finish(), 10, "camera 1 was unplugged, or given up, during the command"));
     EXPECT_TRUE(service.IsRunning());
 }
 

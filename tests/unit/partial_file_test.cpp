@@ -16,6 +16,7 @@
 extern "C" {
 extern decltype(&::WriteFile) __imp_WriteFile;
 extern decltype(&::FlushFileBuffers) __imp_FlushFileBuffers;
+extern decltype(&::GetDiskFreeSpaceExW) __imp_GetDiskFreeSpaceExW;
 extern decltype(&::SetFileInformationByHandle) __imp_SetFileInformationByHandle;
 }
 
@@ -23,6 +24,7 @@ namespace {
 
 using WriteHook = HookedImport<&__imp_WriteFile>;
 using FlushHook = HookedImport<&__imp_FlushFileBuffers>;
+using SpaceHook = HookedImport<&__imp_GetDiskFreeSpaceExW>;
 using ChangeHook = HookedImport<&__imp_SetFileInformationByHandle>;
 
 const std::vector<std::byte> kBytes(100, std::byte{'x'});
@@ -147,6 +149,25 @@ TEST_F(PartialFileTest, CtrlCEndsTheTriesAndCostsNoData) {
     }
     EXPECT_EQ(renames, 1);
     EXPECT_EQ(FileCount(), 2);
+}
+
+TEST_F(PartialFileTest, SpaceOfTheDiskIsComparedToTheByte) {
+    constexpr std::uint64_t kFree = 1'000;
+    const SpaceHook space(
+        [this](const wchar_t* name, ULARGE_INTEGER* available, ULARGE_INTEGER*, ULARGE_INTEGER*) {
+            EXPECT_EQ(std::filesystem::path(name), folder / L"");
+            available->QuadPart = kFree;
+            return TRUE;
+        });
+    const PartialFile file(target);
+    EXPECT_NO_THROW(file.RequireSpace(kFree));
+    EXPECT_THROW(file.RequireSpace(kFree + 1), FileError);
+}
+
+TEST_F(PartialFileTest, DiskThatDoesNotSayItsSpaceIsTried) {
+    const SpaceHook space(
+        [](const wchar_t*, ULARGE_INTEGER*, ULARGE_INTEGER*, ULARGE_INTEGER*) { return FALSE; });
+    EXPECT_NO_THROW(PartialFile(target).RequireSpace(1));
 }
 
 TEST_F(PartialFileTest, FailedWriteLeavesTheOldFileAlone) {

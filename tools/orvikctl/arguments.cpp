@@ -3,9 +3,9 @@
 #include <cmath>
 #include <locale>
 #include <sstream>
-#include <vector>
 
 #include "cancellation.h"
+#include "streams.h"
 
 namespace {
 
@@ -21,10 +21,6 @@ auto ThenThrowIfCancelled(const Call& call) {
         ThrowIfCancelled();
         throw;
     }
-}
-
-std::function<void(const std::string&)> StoreCamera(std::optional<orvik::CameraId>& camera) {
-    return Decimal<orvik::CameraId>("CAMERA", camera);
 }
 
 /// Empty if the text is not a number from 0.001 to 1,000,000: in milliseconds the largest is below
@@ -45,18 +41,9 @@ std::optional<double> ParseSeconds(const std::string& text) {
 
 }  // namespace
 
-CLI::Option* AddCamera(CLI::App& command, std::optional<orvik::CameraId>& camera) {
-    return command
-        .add_option_function<std::string>("CAMERA", StoreCamera(camera),
-                                          "Number of the camera, as printed by list (default: the "
-                                          "only camera present)")
-        ->type_name("");
-}
-
-orvik::CameraId ParseCamera(const std::string& text) {
-    std::optional<orvik::CameraId> camera;
-    StoreCamera(camera)(text);
-    return *camera;
+void Inform(const Settings& settings, const std::string& message) {
+    if (!settings.json)
+        Say(message + "\n");
 }
 
 CLI::Option* AddTimeout(CLI::App& command, std::chrono::milliseconds& timeout) {
@@ -64,7 +51,19 @@ CLI::Option* AddTimeout(CLI::App& command, std::chrono::milliseconds& timeout) {
         .add_option_function<std::string>("-t,--timeout", Seconds("--timeout", timeout),
                                           "Time limit for the camera's answer to one command")
         ->type_name("SECONDS")
-        ->default_str("30");
+        ->default_str(
+            std::to_string(std::chrono::duration_cast<std::chrono::seconds>(timeout).count()));
+}
+
+void AddCameraOptions(CLI::App& command, CameraOptions& options) {
+    command
+        .add_option_function<std::string>(
+            "--camera", Decimal<orvik::CameraId>("--camera", options.camera),
+            "Number of the camera, as printed by list (default: the only camera present)")
+        ->type_name("N");
+    AddTimeout(command, options.timeout);
+    command.add_flag("!--no-sense", options.askForSense,
+                     "Do not ask the camera for sense data when it has refused a command");
 }
 
 std::function<void(const std::string&)> Seconds(const char* name,
@@ -72,10 +71,9 @@ std::function<void(const std::string&)> Seconds(const char* name,
     return [name, &target](const std::string& text) {
         const std::optional<double> seconds = ParseSeconds(text);
         if (!seconds)
-            throw Failure(ExitCode::kUsage,
-                          std::string(name) +
-                              " must be a number of seconds from 0.001 to 1000000, not \"" + text +
-                              "\"");
+            throw UsageError(std::string(name) +
+                             " must be a number of seconds from 0.001 to 1000000, not \"" + text +
+                             "\"");
         target = std::chrono::milliseconds(std::llround(*seconds * 1000));
     };
 }
@@ -100,20 +98,4 @@ double MillisecondsOfRoundTrip(orvik::Client& client) {
         const std::chrono::duration<double, std::micro> time = Clock::now() - start;
         return std::round(time.count()) / 1000;
     });
-}
-
-orvik::CameraId ChooseCamera(const orvik::Client& client,
-                             const std::optional<orvik::CameraId>& wanted) {
-    if (wanted)
-        return *wanted;  // the client library refuses one that is not present
-    const std::vector<orvik::CameraId> cameras = client.Cameras();
-    if (cameras.empty())
-        throw Failure(ExitCode::kNoSuchCamera, "no camera is present");
-    if (cameras.size() > 1) {
-        std::string text = "CAMERA must be given, because several cameras are present:";
-        for (const orvik::CameraId camera : cameras)
-            text += " " + std::to_string(camera);
-        throw Failure(ExitCode::kUsage, text);
-    }
-    return cameras.front();
 }

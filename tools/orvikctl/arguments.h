@@ -22,6 +22,10 @@ struct Settings {
     bool checkServer = true;
 };
 
+/// Writes a message of a command to standard error. With --json it writes nothing, because standard
+/// error then has JSON only.
+void Inform(const Settings& settings, const std::string& message);
+
 /// Reads a whole text as a decimal number. Empty if it is not one from `least` to `most`.
 /// (CLI11 by itself takes 010 for 8.)
 template <std::integral Number>
@@ -35,28 +39,31 @@ std::optional<Number> ParseDecimal(const std::string& text, Number least, Number
 }
 
 /// For CLI::App::add_option_function<std::string>(): stores a decimal number in `target`, which
-/// must outlive the parsing. `name` is the option's, for the text of the Failure that it throws.
+/// must outlive the parsing. `name` is the option's, for the text of the UsageError that it throws.
 template <class Number, class Target>
 std::function<void(const std::string&)> Decimal(const char* name, Target& target, Number least = 0,
                                                 Number most = std::numeric_limits<Number>::max()) {
     return [name, &target, least, most](const std::string& text) {
         const std::optional<Number> number = ParseDecimal(text, least, most);
         if (!number)
-            throw Failure(ExitCode::kUsage, std::string(name) + " must be a number from " +
-                                                std::to_string(least) + " to " +
-                                                std::to_string(most) + ", not \"" + text + "\"");
+            throw UsageError(std::string(name) + " must be a number from " + std::to_string(least) +
+                             " to " + std::to_string(most) + ", not \"" + text + "\"");
         target = *number;
     };
 }
 
-/// Adds the argument CAMERA.
-CLI::Option* AddCamera(CLI::App& command, std::optional<orvik::CameraId>& camera);
-
-/// For the word of a command line that names the camera. Throws Failure.
-orvik::CameraId ParseCamera(const std::string& text);
-
-/// Adds -t, the time limit for the camera's answer to one command.
+/// Adds -t, the time limit for the camera's answer to one command. Its default is the value that
+/// `timeout` has now.
 CLI::Option* AddTimeout(CLI::App& command, std::chrono::milliseconds& timeout);
+
+/// The options of each command that sends SCSI commands to one camera.
+struct CameraOptions {
+    std::optional<orvik::CameraId> camera;  // none: the only one present
+    std::chrono::milliseconds timeout = orvik::kTransferTimeout;
+    bool askForSense = true;  // after a refusal
+};
+
+void AddCameraOptions(CLI::App& command, CameraOptions& options);
 
 /// As Decimal(), for a number of seconds with or without a fraction.
 std::function<void(const std::string&)> Seconds(const char* name,
@@ -71,8 +78,3 @@ orvik::Client Connect(const Settings& settings);
 /// The duration of a round trip to the service that touches no camera, rounded to microseconds.
 /// Throws orvik::Error, and Failure with ExitCode::kCancelled on Ctrl-C.
 double MillisecondsOfRoundTrip(orvik::Client& client);
-
-/// The wanted camera or, if none is wanted, the only one. Throws Failure if there is none or more
-/// than one.
-orvik::CameraId ChooseCamera(const orvik::Client& client,
-                             const std::optional<orvik::CameraId>& wanted);

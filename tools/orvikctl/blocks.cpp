@@ -1,12 +1,12 @@
 #include "blocks.h"
 
 #include <algorithm>
+#include <cmath>
 #include <deque>
 #include <utility>
 
 #include "exit_code.h"
 #include "json.h"
-#include "progress_bar.h"
 
 namespace {
 
@@ -29,33 +29,46 @@ void Start(const std::function<void(const Extent& piece)>& start, const Extent& 
     } catch (const orvik::Error& error) {
         if (error.Kind() != orvik::ErrorKind::kNoSuchCamera)
             throw;
-        throw Failure(ExitCode::kRefused,
+        throw Failure(ExitCode::kCameraGone,
                       "the camera was unplugged before the command for " + Words(piece));
     }
 }
 
-std::vector<std::byte> Finish(Transfers& transfers, const Extent& piece) {
+std::vector<std::byte> Finish(Transfers& transfers, const Extent& piece,
+                              const std::function<void()>& meanwhile) {
     try {
-        return transfers.Finish();
+        return transfers.Finish(meanwhile);
     } catch (const orvik::Error& error) {
-        if (error.Kind() != orvik::ErrorKind::kRefused &&
-            error.Kind() != orvik::ErrorKind::kCameraGone)
-            throw;
-        throw Failure(ExitCode::kRefused,
-                      "the camera refused the command for " + Words(piece) + ", or was unplugged");
+        if (error.Kind() == orvik::ErrorKind::kRefused)
+            throw orvik::Error(error.Kind(), "the camera refused the command for " + Words(piece));
+        if (error.Kind() == orvik::ErrorKind::kCameraGone)
+            throw orvik::Error(error.Kind(), std::string(error.what()) + " for " + Words(piece));
+        throw;
     }
+}
+
+std::function<void(const std::string&)> StoreProgress(ProgressKind& progress) {
+    return [&progress](const std::string& text) {
+        if (text != "json")
+            throw UsageError("--progress must be json, not \"" + text + "\"");
+        progress = ProgressKind::kLines;
+    };
 }
 
 }  // namespace
 
 void AddBlockOptions(CLI::App& command, BlockOptions& options) {
-    AddCamera(command, options.camera);
+    AddCameraOptions(command, options);
     command
         .add_option_function<std::string>(
             "--first", Decimal<std::uint32_t>("--first", options.first), "First block")
         ->type_name("BLOCK")
         ->default_str("0");
-    AddTimeout(command, options.timeout);
+    command
+        .add_option_function<std::string>("--progress", StoreProgress(options.progress),
+                                          "json: print the progress as one JSON object a second on "
+                                          "standard error (default: a bar on a console)")
+        ->type_name("json");
     command
         .add_option_function<std::string>(
             "--outstanding", Decimal<std::uint32_t>("--outstanding", options.outstanding, 1, 64))
@@ -67,17 +80,18 @@ std::string Words(const Extent& extent) {
            " starting at block " + std::to_string(extent.first);
 }
 
-void Report(const Settings& settings, const char* done, orvik::CameraId camera,
-            const Extent& extent, const orvik::Capacity& capacity) {
-    const std::uint64_t bytes = std::uint64_t{extent.count} * capacity.blockLength;
-    Say(std::string(done) + " " + Words(extent) + ", " + std::to_string(bytes) + " bytes\n");
+void Print(const Settings& settings, const BlockReport& report) {
+    const std::uint64_t bytes = std::uint64_t{report.extent.count} * report.blockLength;
+    Inform(settings, std::string(report.done) + " " + Words(report.extent) + ", " +
+                         std::to_string(bytes) + " bytes" + report.ending);
     if (!settings.json)
         return;
     Json json = NewJson();
-    json["camera"] = camera;
-    json["first_block"] = extent.first;
-    json["blocks"] = extent.count;
+    json["camera"] = report.camera;
+    json["first_block"] = report.extent.first;
+    json["blocks"] = report.extent.count;
     json["bytes"] = bytes;
+    json["seconds"] = std::round(report.time.count() * 1e6) / 1e6;
     PrintJson(json);
 }
 
@@ -105,24 +119,56 @@ Extent ChooseExtent(const orvik::Capacity& capacity, std::uint32_t first,
     return {first, static_cast<std::uint32_t>(count.value_or(rest))};
 }
 
+std::uint64_t BlocksIn(const InputFile& file, std::uint32_t blockLength) {
+    const std::uint64_t size = file.Size();
+    if (size == 0 || size % blockLength != 0)
+        throw Failure(ExitCode::kFailure, "the size of " + file.Name() + " is " +
+                                              std::to_string(size) +
+                                              " bytes, but must be a multiple of the block size, " +
+                                              std::to_string(blockLength) + ", and not 0");
+    return size / blockLength;
+}
+
 void Carry(Transfers& transfers, const orvik::Capacity& capacity, const Extent& extent,
-           std::uint32_t outstanding, const std::function<void(const Extent& piece)>& start,
+           const BlockOptions& options, const std::function<void(const Extent& piece)>& start,
            const std::function<void(const Extent& piece, std::vector<std::byte> data)>& finished) {
     const std::uint32_t blocksPerCommand = BlocksPerCommand(capacity);
-    ProgressBar progress(std::uint64_t{extent.count} * capacity.blockLength);
+    const auto progress =
+        NewProgress(options.progress, std::uint64_t{extent.count} * capacity.blockLength);
     std::deque<Extent> pieces;  // outstanding, oldest first
     Extent rest = extent;
     while (rest.count != 0 || !pieces.empty()) {
-        while (rest.count != 0 && pieces.size() < outstanding) {
+        while (rest.count != 0 && pieces.size() < options.outstanding) {
             const Extent piece{rest.first, std::min(rest.count, blocksPerCommand)};
             Start(start, piece);
             pieces.push_back(piece);
             rest = {rest.first + piece.count, rest.count - piece.count};
         }
         const Extent piece = pieces.front();
-        finished(piece, Finish(transfers, piece));
+        const auto bytesBefore = [&](std::uint64_t block) {
+            return (block - extent.first) * capacity.blockLength;
+        };
+        finished(piece,
+                 Finish(transfers, piece, [&] { progress->Show(bytesBefore(piece.first)); }));
         pieces.pop_front();
-        const std::uint64_t blocksDone = piece.first + piece.count - extent.first;
-        progress.Show(blocksDone * capacity.blockLength);
+        progress->Show(bytesBefore(std::uint64_t{piece.first} + piece.count));
     }
+}
+
+void ReadBlocks(
+    Transfers& transfers, const orvik::Capacity& capacity, const Extent& extent,
+    const BlockOptions& options,
+    const std::function<void(const Extent& piece, std::span<const std::byte> data)>& received) {
+    Carry(
+        transfers, capacity, extent, options,
+        [&](const Extent& piece) { transfers.StartIn(orvik::Read6Cdb(piece.first, piece.count)); },
+        [&](const Extent& piece, const std::vector<std::byte>& data) {
+            const std::size_t length = std::size_t{piece.count} * capacity.blockLength;
+            if (data.size() != length)
+                throw Failure(ExitCode::kTransport,
+                              "the camera returned " + std::to_string(data.size()) +
+                                  " bytes instead of " + std::to_string(length) + " for " +
+                                  Words(piece));
+            received(piece, data);
+        });
 }

@@ -6,19 +6,21 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "arguments.h"
+#include "input_file.h"
 #include "orvik/client.h"
+#include "progress.h"
 #include "transfers.h"
 
-/// The arguments that both have.
-struct BlockOptions {
-    std::optional<orvik::CameraId> camera;
+/// The options that both have.
+struct BlockOptions : CameraOptions {
     std::uint32_t first = 0;
     std::uint32_t outstanding = 4;
-    std::chrono::milliseconds timeout = orvik::kTransferTimeout;
+    ProgressKind progress = ProgressKind::kBar;
 };
 
 void AddBlockOptions(CLI::App& command, BlockOptions& options);
@@ -32,9 +34,17 @@ struct Extent {
 /// "3 blocks starting at block 7"
 std::string Words(const Extent& extent);
 
-/// Prints what was transferred. `done` is "read" or "wrote".
-void Report(const Settings& settings, const char* done, orvik::CameraId camera,
-            const Extent& extent, const orvik::Capacity& capacity);
+/// What a command has done, for the user.
+struct BlockReport {
+    const char* done;  // "read", "wrote" or "compared"
+    orvik::CameraId camera;
+    Extent extent;
+    std::uint32_t blockLength;
+    std::chrono::duration<double> time;
+    std::string ending{};  // of the message
+};
+
+void Print(const Settings& settings, const BlockReport& report);
 
 /// Reads the capacity from the camera.
 orvik::Capacity ReadCapacity(Transfers& transfers);
@@ -45,9 +55,19 @@ orvik::Capacity ReadCapacity(Transfers& transfers);
 Extent ChooseExtent(const orvik::Capacity& capacity, std::uint32_t first,
                     std::optional<std::uint64_t> count, const char* countName);
 
+/// The number of blocks in a file. Throws Failure if they are none, or not whole blocks.
+std::uint64_t BlocksIn(const InputFile& file, std::uint32_t blockLength);
+
 /// Transfers an extent in pieces, in order, and shows the progress. `start` starts the command for
 /// a piece; `finished` is called with the data that the command returned.
 /// Throws Failure, and what `transfers`, `start` and `finished` throw.
 void Carry(Transfers& transfers, const orvik::Capacity& capacity, const Extent& extent,
-           std::uint32_t outstanding, const std::function<void(const Extent& piece)>& start,
+           const BlockOptions& options, const std::function<void(const Extent& piece)>& start,
            const std::function<void(const Extent& piece, std::vector<std::byte> data)>& finished);
+
+/// Reads an extent with Carry() and calls `received` with the data of each piece.
+/// Throws Failure if the camera returns less data than the blocks have.
+void ReadBlocks(
+    Transfers& transfers, const orvik::Capacity& capacity, const Extent& extent,
+    const BlockOptions& options,
+    const std::function<void(const Extent& piece, std::span<const std::byte> data)>& received);

@@ -14,3 +14,8 @@ void AddRead(CLI::App& app, const Settings& settings);
 void AddWrite(CLI::App& app, const Settings& settings);
 void AddRaw(CLI::App& app, const Settings& settings);
 void AddVersion(CLI::App& app, const Settings& settings);
+void AddHelp(CLI::App& app);
+void AddCompletion(CLI::App& app);
+
+/// The output of `version`.
+void PrintVersion(const Settings& settings);

@@ -1,22 +1,19 @@
 #include <memory>
 
+#include "camera_use.h"
 #include "commands.h"
 #include "json.h"
-#include "transfers.h"
 
 namespace {
 
-struct Options {
-    std::optional<orvik::CameraId> camera;
-    std::chrono::milliseconds timeout = orvik::kTransferTimeout;
-};
-
-void Inquire(const Settings& settings, const Options& options) {
-    orvik::Client client = Connect(settings);
-    const orvik::CameraId camera = ChooseCamera(client, options.camera);
-    Transfers transfers(client, camera, options.timeout);
-    transfers.StartIn(orvik::InquiryCdb());
-    const std::vector<std::byte> data = transfers.Finish();
+void Inquire(const Settings& settings, const CameraOptions& options) {
+    orvik::CameraId camera = 0;
+    std::vector<std::byte> data;
+    UseCamera(settings, options, [&](Transfers& transfers, orvik::CameraId chosen) {
+        camera = chosen;
+        transfers.StartIn(orvik::InquiryCdb());
+        data = transfers.Finish();
+    });
     const orvik::Inquiry inquiry = orvik::DecodeInquiry(data);
     if (settings.json) {
         Json json = NewJson();
@@ -41,8 +38,7 @@ void Inquire(const Settings& settings, const Options& options) {
 void AddInquiry(CLI::App& app, const Settings& settings) {
     auto* const command =
         app.add_subcommand("inquiry", "Print the vendor, product and revision of a camera");
-    auto options = std::make_shared<Options>();
-    AddCamera(*command, options->camera);
-    AddTimeout(*command, options->timeout);
+    auto options = std::make_shared<CameraOptions>();
+    AddCameraOptions(*command, *options);
     command->callback([&settings, options] { Inquire(settings, *options); });
 }

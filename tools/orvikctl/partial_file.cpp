@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <cwchar>
 #include <memory>
 #include <new>
 #include <string>
@@ -22,7 +23,37 @@ bool IsInUse(DWORD code) noexcept {
            code == ERROR_LOCK_VIOLATION || code == ERROR_USER_MAPPED_FILE;
 }
 
+/// Not std::filesystem::absolute(): GCC's damages paths that begin with "\\?\".
+std::wstring FullPath(const std::filesystem::path& path) {
+    std::wstring name(::GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
+    name.resize(
+        ::GetFullPathNameW(path.c_str(), static_cast<DWORD>(name.size()), name.data(), nullptr));
+    return name;
+}
+
+/// Before data is received that could not be kept: the rename at the end would fail.
+void RequireUsableTarget(const std::filesystem::path& target) {
+    const auto require = [&target](bool usable, const char* why) {
+        if (!usable)
+            throw Failure(ExitCode::kFailure,
+                          "cannot create " + ToUtf8(target.native()) + ": " + why);
+    };
+    require(!FullPath(target).starts_with(LR"(\\.\)"), "it is a device");
+    require(target.filename().native().find(L':') == std::wstring::npos,
+            "the name of a file must not contain a colon");
+    const DWORD attributes = ::GetFileAttributesW(target.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+        return;
+    require((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0, "it is a folder");
+    require((attributes & FILE_ATTRIBUTE_READONLY) == 0,
+            "a file of this name exists, and is read-only");
+}
+
 }  // namespace
+
+bool IsNullDevice(const std::filesystem::path& path) {
+    return ::_wcsicmp(FullPath(path).c_str(), LR"(\\.\NUL)") == 0;
+}
 
 FileError::FileError(const char* text, const std::filesystem::path& file, DWORD systemCode)
     : SystemFailure(std::string(text) + " " + ToUtf8(file.native()), systemCode) {}
@@ -30,6 +61,7 @@ FileError::FileError(const char* text, const std::filesystem::path& file, DWORD 
 PartialFile::PartialFile(const std::filesystem::path& targetFile)
     : target(targetFile),
       partial(targetFile) {
+    RequireUsableTarget(target);
     partial += L"." + std::to_wstring(::GetCurrentProcessId()) + L".part";
     file = OwnFile(::CreateFileW(partial.c_str(), GENERIC_WRITE | DELETE, 0, nullptr, CREATE_ALWAYS,
                                  FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -45,6 +77,20 @@ PartialFile::~PartialFile() {
     disposition.DeleteFile = TRUE;
     ::SetFileInformationByHandle(file.get(), FileDispositionInfo, &disposition,
                                  sizeof(disposition));
+}
+
+void PartialFile::RequireSpace(std::uint64_t bytes) const {
+    const std::wstring name = FullPath(target);
+    ULARGE_INTEGER available{};
+    // A file system that doesn't say how much is free may still have enough.
+    if (!::GetDiskFreeSpaceExW(name.substr(0, name.find_last_of(L'\\') + 1).c_str(), &available,
+                               nullptr, nullptr) ||
+        available.QuadPart >= bytes)
+        return;
+    throw FileError(("cannot write " + std::to_string(bytes) + " bytes, because only " +
+                     std::to_string(available.QuadPart) + " are free, to")
+                        .c_str(),
+                    target, ERROR_DISK_FULL);
 }
 
 void PartialFile::Write(std::span<const std::byte> bytes) {
@@ -75,10 +121,7 @@ void PartialFile::Commit() {
 /// The error code, ERROR_SUCCESS if there was none. By handle: were the file closed first, another
 /// program could open it before it is renamed, which would make the rename fail.
 DWORD PartialFile::Rename() const {
-    // Not std::filesystem::absolute(): GCC's damages paths that begin with "\\?\".
-    std::wstring name(::GetFullPathNameW(target.c_str(), 0, nullptr, nullptr), L'\0');
-    name.resize(
-        ::GetFullPathNameW(target.c_str(), static_cast<DWORD>(name.size()), name.data(), nullptr));
+    const std::wstring name = FullPath(target);
     const std::size_t bytes = name.size() * sizeof(wchar_t);
     const std::size_t size = sizeof(FILE_RENAME_INFO) + bytes;
     const auto memory = std::make_unique<std::byte[]>(size);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <span>
 
@@ -17,12 +18,16 @@ public:
               DWORD systemCode = ::GetLastError());
 };
 
+/// Whether the path means the device NUL, which takes everything and keeps nothing.
+bool IsNullDevice(const std::filesystem::path& path);
+
 /// A file that appears under its name only when it is complete. Until then it is in the same folder
 /// under a name that ends in ".part", and an existing target is unchanged. No other program can
 /// open it meanwhile.
 class PartialFile {
 public:
-    /// Throws FileError.
+    /// Throws Failure, also if the target cannot be a file later: a folder, a device, or a file
+    /// that is read-only.
     explicit PartialFile(const std::filesystem::path& targetFile);
 
     /// Deletes the partial file, unless Commit() has found it complete.
@@ -30,6 +35,9 @@ public:
 
     PartialFile(const PartialFile&) = delete;
     PartialFile& operator=(const PartialFile&) = delete;
+
+    /// Throws FileError if the disk is known to have no space for `bytes` more.
+    void RequireSpace(std::uint64_t bytes) const;
 
     /// Appends. Throws FileError.
     void Write(std::span<const std::byte> bytes);

@@ -20,7 +20,7 @@ ProgressBar::~ProgressBar() {
 void ProgressBar::Show(std::uint64_t bytesDone) {
     constexpr std::chrono::milliseconds kInterval{100};
     const auto now = Clock::now();
-    if (!visible || (bytesDone != all && begun && now - drawn < kInterval))
+    if (!visible || bytesDone == 0 || (bytesDone != all && begun && now - drawn < kInterval))
         return;
     begun = true;
     drawn = now;

@@ -1,14 +1,15 @@
 #include <algorithm>
-#include <cctype>
-#include <charconv>
 #include <memory>
+#include <span>
 
+#include "camera_use.h"
+#include "cdb.h"
+#include "command_line.h"
 #include "commands.h"
 #include "exit_code.h"
 #include "input_file.h"
 #include "json.h"
-#include "partial_file.h"
-#include "transfers.h"
+#include "output.h"
 
 namespace {
 
@@ -20,59 +21,26 @@ constexpr std::uint32_t kOrdinarySendLimit = 64 * 1024;
 /// No camera accepts this much with one command.
 constexpr std::uint32_t kSendLimit = 16 * 1024 * 1024;
 
-struct Options {
-    std::vector<std::string> words;  // [CAMERA] CDB...
+struct Options : CameraOptions {
+    std::vector<std::string> cdb;
     std::optional<std::uint32_t> receive;
     std::optional<std::uint32_t> send;
+    bool noData = false;
     bool large = false;  // --send may exceed kOrdinarySendLimit
     std::string input;
     std::string output;
-    std::chrono::milliseconds timeout = orvik::kTransferTimeout;
 };
 
-struct Command {
-    std::optional<orvik::CameraId> camera;
-    std::vector<std::byte> cdb;
-};
-
-bool HasTwoHexDigits(const std::string& word) {
-    return word.size() == 2 &&
-           std::all_of(word.begin(), word.end(), [](unsigned char c) { return std::isxdigit(c); });
-}
-
-std::byte ByteOf(const std::string& word) {
-    if (!HasTwoHexDigits(word))
-        throw Failure(
-            ExitCode::kUsage,
-            "CDB must consist of bytes of two hexadecimal digits each, not \"" + word + "\"");
-    unsigned value = 0;
-    std::from_chars(word.data(), word.data() + word.size(), value, 16);
-    return static_cast<std::byte>(value);
-}
-
-/// A byte always has two digits. So a first word with one digit, or with more than two, is the
-/// camera.
-Command CommandOf(const std::vector<std::string>& words) {
-    Command command;
-    auto word = words.begin();
-    if (word->size() != 2)
-        command.camera = ParseCamera(*word++);
-    std::transform(word, words.end(), std::back_inserter(command.cdb), ByteOf);
-    const std::size_t size = command.cdb.size();
-    if (size == 0 || size > orvik::kCdbLimit)
-        throw Failure(ExitCode::kUsage, "CDB must have 1 to " + std::to_string(orvik::kCdbLimit) +
-                                            " bytes, not " + std::to_string(size));
-    // The user can still send such a command: the service pads commands with zeros to 8 bytes.
-    if (size == 7)
-        throw Failure(ExitCode::kUsage,
-                      "CDB has 7 bytes, but no SCSI command has. If the first word is meant as "
-                      "CAMERA, write it with three digits: 0" +
-                          words.front());
-    return command;
+/// The arguments of this process, in order.
+std::vector<std::string> CommandLine() {
+    std::vector<std::string> words = ReversedArguments();
+    std::reverse(words.begin(), words.end());
+    return words;
 }
 
 std::vector<std::byte> ReadInput(const Options& options) {
-    InputFile file = options.input.empty() ? InputFile() : InputFile(PathOf(options.input));
+    const bool standardInput = options.input.empty() || options.input == "-";
+    InputFile file = standardInput ? InputFile() : InputFile(PathOf(options.input));
     std::vector<std::byte> data = file.Read(*options.send);
     if (data.size() != *options.send)
         throw Failure(ExitCode::kFailure, "cannot send " + std::to_string(*options.send) +
@@ -85,45 +53,55 @@ std::string Count(std::size_t bytes) {
     return std::to_string(bytes) + " bytes";
 }
 
+/// Sends the command and returns the data that it received.
+std::vector<std::byte> Send(Transfers& transfers, const Options& options,
+                            std::span<const std::byte> cdb, std::span<const std::byte> data) {
+    if (options.receive)
+        transfers.StartIn(cdb);
+    else if (options.send)
+        transfers.StartOut(cdb, data);
+    else
+        transfers.StartNoData(cdb);
+    return transfers.Finish();
+}
+
 void Raw(const Settings& settings, const Options& options) {
-    const Command command = CommandOf(options.words);
+    const std::vector<std::byte> cdb = ParseCdb(options.cdb, CommandLine());
+    const int directions =
+        (options.receive ? 1 : 0) + (options.send ? 1 : 0) + (options.noData ? 1 : 0);
+    if (directions != 1)
+        throw UsageError("exactly one of --receive, --send and --no-data must be given, not " +
+                         std::to_string(directions));
     if (options.send > kOrdinarySendLimit && !options.large)
-        throw Failure(ExitCode::kUsage,
-                      "--send must be at most " + std::to_string(kOrdinarySendLimit) +
-                          " without --allow-large, because many host adapters refuse a longer "
-                          "command, and the service then gives the camera up");
+        throw UsageError("--send must be at most " + std::to_string(kOrdinarySendLimit) +
+                         " without --allow-large, because many host adapters refuse a longer "
+                         "command, and the service then gives the camera up");
     // Before connecting to the service, because these can take time, and can fail.
     std::vector<std::byte> data;
     if (options.send)
         data = ReadInput(options);
-    std::optional<PartialFile> file;
+    std::optional<Output> output;
     if (!options.output.empty())
-        file.emplace(PathOf(options.output));
-
-    orvik::Client client = Connect(settings);
-    const orvik::CameraId camera = ChooseCamera(client, command.camera);
-    Transfers transfers(client, camera, options.timeout);
-    if (options.receive)
-        transfers.StartIn(command.cdb);
-    else if (options.send)
-        transfers.StartOut(command.cdb, data);
-    else
-        transfers.StartNoData(command.cdb);
-    std::vector<std::byte> received = transfers.Finish();
+        output.emplace(settings, options.output);
 
     Json json = NewJson();
-    json["camera"] = camera;
+    std::vector<std::byte> received;
+    UseCamera(settings, options, [&](Transfers& transfers, orvik::CameraId camera) {
+        json["camera"] = camera;
+        received = Send(transfers, options, cdb, data);
+    });
+
     if (options.receive) {
         std::string message = "the camera returned " + Count(received.size());
         if (received.size() > *options.receive) {
             received.resize(*options.receive);
             message += ", of which the first " + std::to_string(received.size()) + " are kept";
         }
-        Say(message + "\n");
+        Inform(settings, message);
         json["bytes_received"] = received.size();
-        if (file) {
-            file->Write(received);
-            file->Commit();
+        if (output) {
+            output->Write(received);
+            output->Commit();
         } else if (settings.json) {
             json["data"] = Hex(received);
         } else if (StandardOutputIsTerminal()) {
@@ -133,9 +111,9 @@ void Raw(const Settings& settings, const Options& options) {
         }
     } else if (options.send) {
         json["bytes_sent"] = data.size();
-        Say("sent " + Count(data.size()) + "\n");
+        Inform(settings, "sent " + Count(data.size()));
     } else {
-        Say("command completed\n");
+        Inform(settings, "command completed");
     }
     if (settings.json)
         PrintJson(json);
@@ -146,13 +124,12 @@ void Raw(const Settings& settings, const Options& options) {
 void AddRaw(CLI::App& app, const Settings& settings) {
     auto* const command = app.add_subcommand("raw", "Send one SCSI command to a camera");
     command->footer(
-        "CDB is the command: 1 to 8 bytes of exactly two hexadecimal digits each. A first word of\n"
-        "another length is taken as CAMERA: write 012 for camera 12.\n\n" +
+        "CDB is the command: bytes of exactly two hexadecimal digits each. The service passes on\n"
+        "the first 8; a longer command can be sent if the bytes beyond those are 00.\n\n" +
         command->get_footer());
     auto options = std::make_shared<Options>();
-    auto* const direction = command->add_option_group("Data");
     auto* const receive =
-        direction
+        command
             ->add_option_function<std::string>(
                 "-r,--receive",
                 Decimal<std::uint32_t>("--receive", options->receive, 1,
@@ -160,7 +137,7 @@ void AddRaw(CLI::App& app, const Settings& settings) {
                 "Receive up to LEN bytes from the camera, at most 65536")
             ->type_name("LEN");
     auto* const send =
-        direction
+        command
             ->add_option_function<std::string>(
                 "-s,--send", Decimal<std::uint32_t>("--send", options->send, 1, kSendLimit),
                 "Send LEN bytes to the camera, at most 65536")
@@ -169,8 +146,7 @@ void AddRaw(CLI::App& app, const Settings& settings) {
         ->add_flag("--allow-large", options->large,
                    "Allow up to 16777216 bytes with -s; many host adapters refuse such a command")
         ->needs(send);
-    direction->add_flag("-n,--no-data")->description("Transfer no data");
-    direction->require_option(1);
+    command->add_flag("-n,--no-data", options->noData, "Transfer no data");
     command
         ->add_option("-i,--input", options->input,
                      "File with the bytes to send (default: standard input)")
@@ -182,7 +158,7 @@ void AddRaw(CLI::App& app, const Settings& settings) {
                      "is a console)")
         ->type_name("FILE")
         ->needs(receive);
-    AddTimeout(*command, options->timeout);
-    command->add_option("CDB", options->words, "[CAMERA] CDB...")->type_name("")->required();
+    AddCameraOptions(*command, *options);
+    command->add_option("CDB", options->cdb, "Bytes of the command")->type_name("")->required();
     command->callback([&settings, options] { Raw(settings, *options); });
 }

@@ -1,56 +1,94 @@
+#include <array>
+#include <cstdio>
 #include <memory>
+#include <span>
 
 #include "blocks.h"
+#include "camera_use.h"
 #include "commands.h"
+#include "comparison.h"
 #include "exit_code.h"
-#include "partial_file.h"
+#include "output.h"
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 struct Options : BlockOptions {
     std::optional<std::uint32_t> count;  // none: all up to the last
     std::string output;
+    std::string comparedFile;
 };
 
-void Read(const Settings& settings, const Options& options) {
-    orvik::Client client = Connect(settings);
-    const orvik::CameraId camera = ChooseCamera(client, options.camera);
-    Transfers transfers(client, camera, options.timeout);
-    const orvik::Capacity capacity = ReadCapacity(transfers);
-    const Extent extent = ChooseExtent(capacity, options.first, options.count, "--blocks");
+/// ", in 0.412 s: 12.4 MB/s"
+std::string RateOf(std::uint64_t bytes, std::chrono::duration<double> time) {
+    std::array<char, 80> text{};
+    std::snprintf(text.data(), text.size(), ", in %.3f s: %.1f MB/s", time.count(),
+                  static_cast<double>(bytes) / 1e6 / std::max(time.count(), 1e-6));
+    return text.data();
+}
 
-    PartialFile file(PathOf(options.output));
-    Carry(
-        transfers, capacity, extent, options.outstanding,
-        [&](const Extent& piece) { transfers.StartIn(orvik::Read6Cdb(piece.first, piece.count)); },
-        [&](const Extent& piece, const std::vector<std::byte>& data) {
-            if (data.size() != std::size_t{piece.count} * capacity.blockLength)
-                throw Failure(ExitCode::kTransport,
-                              "the camera returned " + std::to_string(data.size()) +
-                                  " bytes instead of " +
-                                  std::to_string(std::size_t{piece.count} * capacity.blockLength) +
-                                  " for " + Words(piece));
-            file.Write(data);
-        });
-    file.Commit();
-    Report(settings, "read", camera, extent, capacity);
+void ReadIntoFile(const Settings& settings, const Options& options) {
+    Output output(settings, options.output);  // first: a wrong name costs no time then
+    UseCamera(settings, options, [&](Transfers& transfers, orvik::CameraId camera) {
+        const orvik::Capacity capacity = ReadCapacity(transfers);
+        const Extent extent = ChooseExtent(capacity, options.first, options.count, "--blocks");
+        const std::uint64_t bytes = std::uint64_t{extent.count} * capacity.blockLength;
+        output.RequireSpace(bytes);
+        const auto start = Clock::now();
+        ReadBlocks(transfers, capacity, extent, options,
+                   [&](const Extent&, std::span<const std::byte> data) { output.Write(data); });
+        const std::chrono::duration<double> time = Clock::now() - start;
+        output.Commit();
+        Print(settings, {"read", camera, extent, capacity.blockLength, time,
+                         output.IsNowhere() ? RateOf(bytes, time) : ""});
+    });
+}
+
+void CompareWithFile(const Settings& settings, const Options& options) {
+    InputFile file = InputFile::Open(options.comparedFile);
+    UseCamera(settings, options, [&](Transfers& transfers, orvik::CameraId camera) {
+        const orvik::Capacity capacity = ReadCapacity(transfers);
+        const Extent extent =
+            ChooseExtent(capacity, options.first, BlocksIn(file, capacity.blockLength),
+                         "the number of blocks in the file");
+        const auto start = Clock::now();
+        CompareBlocks(transfers, capacity, extent, options, file);
+        Print(settings, {"compared", camera, extent, capacity.blockLength, Clock::now() - start,
+                         ": no difference"});
+    });
+}
+
+void Read(const Settings& settings, const Options& options) {
+    if (options.output.empty() == options.comparedFile.empty())
+        throw UsageError("exactly one of --output and --compare must be given");
+    if (options.comparedFile.empty())
+        ReadIntoFile(settings, options);
+    else
+        CompareWithFile(settings, options);
 }
 
 }  // namespace
 
 void AddRead(CLI::App& app, const Settings& settings) {
-    auto* const command = app.add_subcommand("read", "Read blocks of a camera into a file");
+    auto* const command = app.add_subcommand(
+        "read", "Read blocks of a camera into a file, or compare them with a file");
     auto options = std::make_shared<Options>();
     AddBlockOptions(*command, *options);
-    command
-        ->add_option_function<std::string>("--blocks",
-                                           Decimal<std::uint32_t>("--blocks", options->count, 1),
-                                           "Number of blocks (default: all up to the last)")
-        ->type_name("COUNT");
+    auto* const count = command
+                            ->add_option_function<std::string>(
+                                "--blocks", Decimal<std::uint32_t>("--blocks", options->count, 1),
+                                "Number of blocks (default: all up to the last)")
+                            ->type_name("COUNT");
     command
         ->add_option("-o,--output", options->output,
-                     "File to write; it appears under this name when it is complete")
+                     "File to write; it appears under this name when it is complete. - is standard "
+                     "output; NUL keeps nothing, to measure")
+        ->type_name("FILE");
+    command
+        ->add_option("--compare", options->comparedFile,
+                     "Compare with all blocks of this file instead; - is standard input")
         ->type_name("FILE")
-        ->required();
+        ->excludes(count);
     command->callback([&settings, options] { Read(settings, *options); });
 }

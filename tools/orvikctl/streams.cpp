@@ -16,6 +16,13 @@ void CheckWritten(DWORD code) {
         throw SystemFailure("cannot write to standard output", code);
 }
 
+/// One line, ASCII only, which escapes all control characters.
+std::string LineOf(const nlohmann::ordered_json& object) {
+    constexpr bool kAsciiOnly = true;
+    return object.dump(-1, ' ', kAsciiOnly, nlohmann::ordered_json::error_handler_t::replace) +
+           "\n";
+}
+
 bool IsControl(std::byte byte) noexcept {
     return byte < std::byte{0x20} || byte == std::byte{0x7F};
 }
@@ -34,6 +41,10 @@ void Say(const std::string& text) noexcept {
     WriteText(STD_ERROR_HANDLE, text);
 }
 
+void SayJson(const nlohmann::ordered_json& object) {
+    Say(LineOf(object));
+}
+
 void Print(const std::string& text) {
     CheckWritten(WriteText(STD_OUTPUT_HANDLE, text));
 }
@@ -43,9 +54,7 @@ void PrintBytes(std::span<const std::byte> bytes) {
 }
 
 void PrintJson(const nlohmann::ordered_json& object) {
-    constexpr bool kAsciiOnly = true;  // which escapes all control characters
-    Print(object.dump(-1, ' ', kAsciiOnly, nlohmann::ordered_json::error_handler_t::replace) +
-          "\n");
+    Print(LineOf(object));
 }
 
 void PrintHexDump(std::span<const std::byte> bytes) {

@@ -16,6 +16,9 @@ bool StandardErrorIsTerminal() noexcept;
 /// Writes a text to standard error, unchanged. A failure to do so is ignored.
 void Say(const std::string& text) noexcept;
 
+/// Writes an object to standard error in the form of PrintJson(). A failure to do so is ignored.
+void SayJson(const nlohmann::ordered_json& object);
+
 /// Write to standard output without buffering. All throw Failure if that fails, for example because
 /// the reader of a pipe has closed it.
 void Print(const std::string& text);

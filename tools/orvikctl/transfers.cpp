@@ -1,9 +1,8 @@
 #include "transfers.h"
 
+#include <algorithm>
 #include <optional>
 #include <string>
-
-#include "exit_code.h"
 
 Transfers::Transfers(orvik::Client& cameraClient, orvik::CameraId cameraId,
                      std::chrono::milliseconds answerTime)
@@ -32,10 +31,17 @@ orvik::Completion Transfers::NewCompletion() {
     };
 }
 
-std::vector<std::byte> Transfers::Finish() {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
+std::vector<std::byte> Transfers::Finish(const std::function<void()>& meanwhile) {
+    constexpr std::chrono::milliseconds kBetweenCalls{100};
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + timeout;
     while (!early.contains(finished)) {
-        std::optional<Ended> ended = mailbox->Take(deadline);
+        std::optional<Ended> ended =
+            mailbox->Take(meanwhile ? std::min(deadline, Clock::now() + kBetweenCalls) : deadline);
+        if (meanwhile)
+            meanwhile();
+        if (!ended && Clock::now() < deadline)
+            continue;
         if (!ended)
             throw orvik::Error(orvik::ErrorKind::kTimedOut,
                                "camera " + std::to_string(camera) + " did not answer within " +
@@ -47,11 +53,12 @@ std::vector<std::byte> Transfers::Finish() {
     orvik::TransferResult result = std::move(early.extract(finished).mapped());
     const bool first = finished++ == 0;
     if (result.error && result.error->Kind() == orvik::ErrorKind::kServiceGone && first)
-        throw Failure(ExitCode::kTransport,
-                      std::string(result.error->what()) +
-                          ". The first command to a camera opens it, and the service ends if that "
-                          "fails: another program, such as Explorer, AutoPlay or a virus scanner, "
-                          "may have the camera open. Try again");
+        throw orvik::Error(
+            orvik::ErrorKind::kServiceGone,
+            std::string(result.error->what()) +
+                ". The first command to a camera opens it, and the service ends if that fails: "
+                "another program, such as Explorer, AutoPlay or a virus scanner, may have the "
+                "camera open. Try again");
     if (result.error)
         throw orvik::Error(*result.error);
     return std::move(result.data);

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <span>
@@ -30,9 +31,10 @@ public:
 
     std::uint64_t Outstanding() const noexcept { return started - finished; }
 
-    /// Waits for the oldest outstanding command and returns the data that it received.
+    /// Waits for the oldest outstanding command and returns the data that it received. Calls
+    /// `meanwhile`, unless it is empty, about ten times a second while it waits.
     /// Throws orvik::Error, and Failure with ExitCode::kCancelled on Ctrl-C.
-    std::vector<std::byte> Finish();
+    std::vector<std::byte> Finish(const std::function<void()>& meanwhile = {});
 
 private:
     using Ended = std::pair<std::uint64_t, orvik::TransferResult>;

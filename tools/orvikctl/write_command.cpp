@@ -1,58 +1,68 @@
 #include <memory>
 
 #include "blocks.h"
+#include "camera_use.h"
 #include "commands.h"
-#include "exit_code.h"
+#include "comparison.h"
 #include "input_file.h"
+#include "json.h"
 #include "streams.h"
 
 namespace {
 
 struct Options : BlockOptions {
     std::string input;
+    bool verify = false;
 };
 
-std::uint64_t BlocksIn(const InputFile& file, std::uint32_t blockLength) {
-    const std::uint64_t size = file.Size();
-    if (size == 0 || size % blockLength != 0)
-        throw Failure(ExitCode::kFailure, "the size of " + file.Name() + " is " +
-                                              std::to_string(size) +
-                                              " bytes, but must be a multiple of the block size, " +
-                                              std::to_string(blockLength) + ", and not 0");
-    return size / blockLength;
+void ReportWritten(const Settings& settings, const Extent& written) {
+    if (!settings.json) {
+        Say("confirmed written: " + Words(written) + "\n");
+        return;
+    }
+    Json json = NewJson();
+    json["confirmed"] = {{"first_block", written.first}, {"blocks", written.count}};
+    SayJson(json);
 }
 
-void Write(const Settings& settings, const Options& options) {
-    InputFile file(PathOf(options.input));
-    orvik::Client client = Connect(settings);
-    const orvik::CameraId camera = ChooseCamera(client, options.camera);
-    Transfers transfers(client, camera, options.timeout);
-    const orvik::Capacity capacity = ReadCapacity(transfers);
-    const Extent extent =
-        ChooseExtent(capacity, options.first, BlocksIn(file, capacity.blockLength),
-                     "the number of blocks in the file");
-
+/// Writes all blocks of an extent. Reports how many have been written if it fails.
+void WriteBlocks(const Settings& settings, Transfers& transfers, const orvik::Capacity& capacity,
+                 const Extent& extent, const Options& options, InputFile& file) {
     std::uint32_t blocksWritten = 0;
     try {
         Carry(
-            transfers, capacity, extent, options.outstanding,
+            transfers, capacity, extent, options,
             [&](const Extent& piece) {
-                const std::size_t length = std::size_t{piece.count} * capacity.blockLength;
-                const std::vector<std::byte> data = file.Read(length);
-                if (data.size() != length)
-                    throw Failure(ExitCode::kFailure,
-                                  file.Name() + " has become shorter while it was read");
-                transfers.StartOut(orvik::Write6Cdb(piece.first, piece.count), data);
+                transfers.StartOut(orvik::Write6Cdb(piece.first, piece.count),
+                                   file.ReadAll(std::size_t{piece.count} * capacity.blockLength));
             },
             [&](const Extent& piece, const std::vector<std::byte>&) {
                 blocksWritten += piece.count;
             });
     } catch (...) {
         // The blocks of outstanding commands may have been written too.
-        Say("confirmed written: " + Words({extent.first, blocksWritten}) + "\n");
+        ReportWritten(settings, {extent.first, blocksWritten});
         throw;
     }
-    Report(settings, "wrote", camera, extent, capacity);
+}
+
+void Write(const Settings& settings, const Options& options) {
+    InputFile file = InputFile::Open(options.input);
+    UseCamera(settings, options, [&](Transfers& transfers, orvik::CameraId camera) {
+        const orvik::Capacity capacity = ReadCapacity(transfers);
+        const Extent extent =
+            ChooseExtent(capacity, options.first, BlocksIn(file, capacity.blockLength),
+                         "the number of blocks in the file");
+        const auto start = std::chrono::steady_clock::now();
+        WriteBlocks(settings, transfers, capacity, extent, options, file);
+        const auto end = std::chrono::steady_clock::now();
+        if (options.verify) {
+            file.Rewind();
+            CompareBlocks(transfers, capacity, extent, options, file);
+        }
+        Print(settings, {"wrote", camera, extent, capacity.blockLength, end - start,
+                         options.verify ? ", and verified them" : ""});
+    });
 }
 
 }  // namespace
@@ -63,8 +73,11 @@ void AddWrite(CLI::App& app, const Settings& settings) {
     AddBlockOptions(*command, *options);
     command
         ->add_option("-i,--input", options->input,
-                     "File to read; its size must be a multiple of the block size")
+                     "File to read; its size must be a multiple of the block size. - is standard "
+                     "input, which is read to its end first")
         ->type_name("FILE")
         ->required();
+    command->add_flag("--verify", options->verify,
+                      "Read the blocks back and compare them with the file");
     command->callback([&settings, options] { Write(settings, *options); });
 }
