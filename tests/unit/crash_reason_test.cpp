@@ -2,7 +2,6 @@
 
 #include "crash_reason.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -16,68 +15,11 @@
 
 #include "exit_code.h"
 #include "protocol/run_end.h"
+#include "support/dump_bytes.h"
 
 namespace {
 
 using Bytes = std::vector<std::byte>;
-
-constexpr ULONG32 kThread = 2;  // which crashed
-constexpr ULONG64 kStack = 0x7f0000;
-constexpr std::size_t kStackSize = 64;
-
-/// A dump without what CrashReasonOf() does not read: header, list of contents, exception, two
-/// threads, and the stack of one, which ends with `text`.
-class DumpBytes {
-public:
-    explicit DumpBytes(const std::string& text, DWORD code = kRunEnded,
-                       ULONG32 parameters = kRunEndedParameters) {
-        MINIDUMP_HEADER header{};
-        header.Signature = MINIDUMP_SIGNATURE;
-        header.Version = MINIDUMP_VERSION;
-        header.NumberOfStreams = 2;
-        header.StreamDirectoryRva = sizeof(header);
-        header.TimeDateStamp = 1'795'354'275;
-        Append(header);
-
-        MINIDUMP_EXCEPTION_STREAM exception{};
-        constexpr ULONG32 kThreadsSize = sizeof(ULONG32) + 2 * sizeof(MINIDUMP_THREAD);
-        const auto streams = static_cast<RVA>(bytes.size() + 2 * sizeof(MINIDUMP_DIRECTORY));
-        Append(MINIDUMP_DIRECTORY{ExceptionStream, {sizeof(exception), streams}});
-        const RVA threads = streams + static_cast<RVA>(sizeof(exception));
-        Append(MINIDUMP_DIRECTORY{ThreadListStream, {kThreadsSize, threads}});
-
-        exception.ThreadId = kThread;
-        exception.ExceptionRecord.ExceptionCode = code;
-        exception.ExceptionRecord.NumberParameters = parameters;
-        exception.ExceptionRecord.ExceptionInformation[kTextAddress] =
-            kStack + kStackSize - text.size();
-        exception.ExceptionRecord.ExceptionInformation[kTextLength] = text.size();
-        Append(exception);
-
-        Append(ULONG32{2});
-        MINIDUMP_THREAD thread{};
-        thread.ThreadId = 1;
-        Append(thread);
-        thread.ThreadId = kThread;
-        thread.Stack.StartOfMemoryRange = kStack;
-        thread.Stack.Memory = {kStackSize, threads + kThreadsSize};
-        Append(thread);
-
-        bytes.resize(bytes.size() + kStackSize - text.size());
-        for (const char character : text)
-            bytes.push_back(static_cast<std::byte>(character));
-    }
-
-    Bytes bytes;
-
-private:
-    template <typename Record>
-    void Append(const Record& record) {
-        std::array<std::byte, sizeof(record)> copy{};
-        std::memcpy(copy.data(), &record, sizeof(record));
-        bytes.insert(bytes.end(), copy.begin(), copy.end());
-    }
-};
 
 /// In words, or why there is none.
 std::string ReasonOf(Bytes bytes) {
@@ -152,12 +94,12 @@ TEST(CrashReason, OfATextOutsideTheStackIsAFailure) {
     const struct {
         ULONG64 address;
         ULONG64 length;
-    } cases[] = {{kStack - 1, 2},
-                 {kStack + kStackSize, 1},
-                 {kStack + kStackSize - 1, 2},
-                 {kStack, kRunEndedTextLimit + 1},
+    } cases[] = {{kDumpedStack - 1, 2},
+                 {kDumpedStack + kDumpedStackSize, 1},
+                 {kDumpedStack + kDumpedStackSize - 1, 2},
+                 {kDumpedStack, kRunEndedTextLimit + 1},
                  {~ULONG64{0}, 2},
-                 {kStack, ~ULONG64{0}},
+                 {kDumpedStack, ~ULONG64{0}},
                  {0, 1}};
     for (const auto& [address, length] : cases) {
         Bytes bytes = DumpBytes("Bad camera in request.").bytes;

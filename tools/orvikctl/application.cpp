@@ -111,6 +111,7 @@ std::unique_ptr<CLI::App> NewApplication(Settings& settings) {
     AddRead(*app, settings);
     AddWrite(*app, settings);
     AddRaw(*app, settings);
+    AddReport(*app, settings);
     AddVersion(*app, settings);
     AddHelp(*app);
     AddCompletion(*app);

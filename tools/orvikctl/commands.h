@@ -13,6 +13,7 @@ void AddInquiry(CLI::App& app, const Settings& settings);
 void AddRead(CLI::App& app, const Settings& settings);
 void AddWrite(CLI::App& app, const Settings& settings);
 void AddRaw(CLI::App& app, const Settings& settings);
+void AddReport(CLI::App& app, const Settings& settings);
 void AddVersion(CLI::App& app, const Settings& settings);
 void AddHelp(CLI::App& app);
 void AddCompletion(CLI::App& app);

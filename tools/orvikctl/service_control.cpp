@@ -1,11 +1,8 @@
 #include "service_control.h"
 
-#include <cstddef>
-#include <memory>
-
 #include "exit_code.h"
 #include "protocol/message.h"
-#include "windows/unique_service_handle.h"
+#include "service_record.h"
 
 namespace {
 
@@ -20,13 +17,6 @@ UniqueServiceHandle FindService(DWORD access) {
     return service;
 }
 
-UniqueServiceHandle OpenInstalledService(DWORD access) {
-    UniqueServiceHandle service = FindService(access);
-    if (!service)
-        throw Failure(ExitCode::kNotReachable, "the service OrvikService is not installed");
-    return service;
-}
-
 SERVICE_STATUS_PROCESS Status() {
     const UniqueServiceHandle service = OpenInstalledService(SERVICE_QUERY_STATUS);
     SERVICE_STATUS_PROCESS status{};
@@ -36,21 +26,6 @@ SERVICE_STATUS_PROCESS Status() {
         throw SystemFailure("cannot query the status of the service OrvikService");
     return status;
 }
-
-/// A record of the service control manager, followed by the texts and arrays that it points to.
-template <class Record>
-class VariableRecord {
-public:
-    /// The documentation of the functions that fill such records says that none is longer.
-    static constexpr DWORD kLimit = 8 * 1024;
-
-    BYTE* Bytes() noexcept { return reinterpret_cast<BYTE*>(memory.get()); }
-    Record& operator*() noexcept { return reinterpret_cast<Record&>(memory[0]); }
-    Record* operator->() noexcept { return &**this; }
-
-private:
-    std::unique_ptr<std::byte[]> memory = std::make_unique<std::byte[]>(kLimit);
-};
 
 using ServiceConfig = VariableRecord<QUERY_SERVICE_CONFIGW>;
 
@@ -83,6 +58,13 @@ std::string Words(DWORD state) {
 
 }  // namespace
 
+UniqueServiceHandle OpenInstalledService(DWORD access) {
+    UniqueServiceHandle service = FindService(access);
+    if (!service)
+        throw Failure(ExitCode::kNotReachable, "the service OrvikService is not installed");
+    return service;
+}
+
 bool IsServiceInstalled() {
     return FindService(SERVICE_QUERY_STATUS) != nullptr;
 }
@@ -99,6 +81,10 @@ std::string ServiceState() {
 std::optional<DWORD> ServiceProcess() {
     const DWORD id = Status().dwProcessId;
     return id == 0 ? std::nullopt : std::optional(id);
+}
+
+std::wstring ServiceDisplayName() {
+    return Config()->lpDisplayName;
 }
 
 std::string ServiceStartType() {

@@ -9,8 +9,11 @@
 #include <windows.h>
 
 #include "recovery_actions.h"
+#include "windows/unique_service_handle.h"
 
 bool IsServiceInstalled();
+
+UniqueServiceHandle OpenInstalledService(DWORD access);
 
 /// In words. For a service that has ended, with the cause that the service control manager keeps.
 std::string ServiceState();
@@ -18,6 +21,7 @@ std::string ServiceState();
 /// The id of its process. Empty if it is not running.
 std::optional<DWORD> ServiceProcess();
 
+std::wstring ServiceDisplayName();
 std::string ServiceStartType();
 
 /// Its command line, with environment variables not expanded.

@@ -3,7 +3,6 @@
 #include <array>
 #include <cstddef>
 #include <memory>
-#include <optional>
 
 #include <windows.h>
 
@@ -26,21 +25,6 @@ bool EqualIgnoringCase(const std::wstring& text, const wchar_t* other) {
 
 std::string NameOfValue(const std::wstring& key, const wchar_t* value) {
     return "HKLM\\" + ToUtf8(key) + "\\" + ToUtf8(value);
-}
-
-/// A text in HKEY_LOCAL_MACHINE. Empty if there is none.
-std::optional<std::wstring> FindRegistryText(const std::wstring& key, const wchar_t* value) {
-    std::array<wchar_t, 1024> text{};
-    DWORD size = sizeof(text);
-    const LSTATUS code = ::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), value,
-                                        RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND,
-                                        nullptr, text.data(), &size);
-    if (code == ERROR_FILE_NOT_FOUND)
-        return std::nullopt;
-    if (code != ERROR_SUCCESS)
-        throw SystemFailure("cannot read the registry value " + NameOfValue(key, value),
-                            static_cast<DWORD>(code));
-    return text.data();
 }
 
 /// The name without the ".\" that an account of this machine may have in front of it.
@@ -98,6 +82,20 @@ ServiceFolder ProfileFolder() {
 }
 
 }  // namespace
+
+std::optional<std::wstring> FindRegistryText(const std::wstring& key, const wchar_t* value) {
+    std::array<wchar_t, 1024> text{};
+    DWORD size = sizeof(text);
+    const LSTATUS code = ::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), value,
+                                        RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND,
+                                        nullptr, text.data(), &size);
+    if (code == ERROR_FILE_NOT_FOUND)
+        return std::nullopt;
+    if (code != ERROR_SUCCESS)
+        throw SystemFailure("cannot read the registry value " + NameOfValue(key, value),
+                            static_cast<DWORD>(code));
+    return text.data();
+}
 
 std::wstring ExpandForSystem(const std::wstring& text) {
     const auto expand = SystemFunction<decltype(&::ExpandEnvironmentStringsForUserW)>(

@@ -3,7 +3,12 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
+
+/// A text value in HKEY_LOCAL_MACHINE, with environment variables not expanded. Empty if there is
+/// none.
+std::optional<std::wstring> FindRegistryText(const std::wstring& key, const wchar_t* value);
 
 /// Replaces the environment variables in `text` by the values that they have for LocalSystem.
 std::wstring ExpandForSystem(const std::wstring& text);

@@ -55,6 +55,10 @@ std::filesystem::path ServiceProgram() {
 }
 
 std::string ServiceVersion() {
+    return VersionOf(ServiceProgram());
+}
+
+std::string VersionOf(const std::filesystem::path& file) {
     constexpr wchar_t kDll[] = L"version.dll";
     const auto sizeOf =
         SystemFunction<decltype(&::GetFileVersionInfoSizeW)>(kDll, "GetFileVersionInfoSizeW");
@@ -63,7 +67,7 @@ std::string ServiceVersion() {
     if (sizeOf == nullptr || read == nullptr || find == nullptr)
         throw SystemFailure("cannot load version.dll");
 
-    const std::wstring path = ServiceProgram().wstring();
+    const std::wstring path = file.wstring();
     std::vector<std::byte> resource(sizeOf(path.c_str(), nullptr));
     VS_FIXEDFILEINFO* version = nullptr;
     UINT size = 0;

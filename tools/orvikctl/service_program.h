@@ -9,3 +9,4 @@ std::filesystem::path ServiceProgram();
 
 /// The version in the file's resources, "4.0.4".
 std::string ServiceVersion();
+std::string VersionOf(const std::filesystem::path& file);

@@ -3,6 +3,7 @@
 #include <exception>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "commands.h"
 #include "crash_reason.h"
@@ -11,6 +12,7 @@
 #include "service_dumps.h"
 #include "service_folders.h"
 #include "service_program.h"
+#include "status.h"
 #include "utc_time.h"
 #include "windows/utf.h"
 
@@ -41,12 +43,9 @@ public:
         json[key] = fact.value;
     }
 
-    void Show(const Settings& settings) {
+    ServiceStatus Finish(std::exception_ptr connectionError) {
         json["unknown"] = unknown;
-        if (settings.json)
-            PrintJson(json);
-        else
-            Print(text);
+        return {text, json, std::move(connectionError)};
     }
 
 private:
@@ -153,7 +152,9 @@ Fact CamerasFact(const Connection& connection) {
     return {words.empty() ? "none" : words, connection.cameras};
 }
 
-void Status(const Settings& settings) {
+}  // namespace
+
+ServiceStatus FindStatus(const Settings& settings) {
     const Connection connection = TryToConnect(settings);
     Report report;
     report.Add("installed", "installed", [] {
@@ -172,14 +173,18 @@ void Status(const Settings& settings) {
     report.Add("newest_dump", "newest dump", DumpFact);
     report.Add("last_crash", "last crash", CrashFact);
     report.Add("recovery", "recovery", RecoveryFact);
-    report.Show(settings);
-    if (connection.error)
-        std::rethrow_exception(connection.error);  // for the exit code
+    return report.Finish(connection.error);
 }
-
-}  // namespace
 
 void AddStatus(CLI::App& app, const Settings& settings) {
     app.add_subcommand("status", "Print whether the service works and, if not, why")
-        ->callback([&settings] { Status(settings); });
+        ->callback([&settings] {
+            const ServiceStatus status = FindStatus(settings);
+            if (settings.json)
+                PrintJson(status.json);
+            else
+                Print(status.text);
+            if (status.connectionError)
+                std::rethrow_exception(status.connectionError);  // for the exit code
+        });
 }

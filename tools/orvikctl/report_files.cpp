@@ -1,0 +1,122 @@
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <windows.h>
+
+#include <shlobj.h>
+
+#include "crash_reason.h"
+#include "exit_code.h"
+#include "facts.h"
+#include "partial_file.h"
+#include "report_parts.h"
+#include "service_dumps.h"
+#include "service_folders.h"
+#include "utc_time.h"
+#include "windows/unique_handle.h"
+#include "windows/unique_memory.h"
+#include "windows/utf.h"
+
+namespace {
+
+constexpr std::size_t kDumps = 3;
+
+std::string ReasonOf(const std::filesystem::path& dump) {
+    try {
+        const CrashReason reason = CrashReasonOf(dump);
+        return TimeOf(reason.time) + ", " + reason.Words();
+    } catch (const Failure& failure) {
+        return std::string("unknown: ") + failure.what();
+    }
+}
+
+/// Its line in dumps.txt.
+std::string CopyDump(ReportFolder& folder, const std::filesystem::path& from, const Dump& dump) {
+    std::string line = ToUtf8(dump.name.wstring()) + "  ";
+    try {
+        folder.Copy(from / dump.name, std::filesystem::path("dumps") / dump.name);
+        line += ReasonOf(from / dump.name);
+    } catch (const Failure& failure) {
+        line += std::string("not collected: ") + failure.what();
+    }
+    return line + "\n";
+}
+
+/// "FILE.PROCESS.part", where PROCESS is a number.
+bool IsPartialFile(const std::filesystem::path& name) {
+    const std::wstring process = name.stem().extension().wstring();
+    return name.extension() == L".part" && process.size() > 1 &&
+           process.find_first_not_of(L"0123456789", 1) == std::wstring::npos;
+}
+
+/// The files in a folder that match a pattern of FindFirstFileW.
+Json FilesIn(const std::filesystem::path& folder, const wchar_t* pattern,
+             bool (*wanted)(const std::filesystem::path&)) {
+    WIN32_FIND_DATAW entry{};
+    const UniqueSearch search = OwnSearch(::FindFirstFileW((folder / pattern).c_str(), &entry));
+    if (!search && ::GetLastError() != ERROR_FILE_NOT_FOUND)
+        throw FileError("cannot list the files in", folder);
+    Json files = Json::array();
+    for (BOOL more = search != nullptr; more; more = ::FindNextFileW(search.get(), &entry)) {
+        if (wanted(entry.cFileName))
+            files.push_back(
+                {{"name", ToUtf8(entry.cFileName)},
+                 {"size", (std::uint64_t{entry.nFileSizeHigh} << 32) | entry.nFileSizeLow},
+                 {"written", TimeOf(entry.ftLastWriteTime)}});
+    }
+    return files;
+}
+
+/// Where users of orvikctl are likely to have their files.
+std::vector<std::filesystem::path> UsersFolders() {
+    std::error_code none;
+    std::vector<std::filesystem::path> folders{std::filesystem::current_path(none)};
+    for (const KNOWNFOLDERID* const id : {&FOLDERID_Profile, &FOLDERID_Desktop, &FOLDERID_Documents,
+                                          &FOLDERID_Downloads, &FOLDERID_Pictures}) {
+        wchar_t* path = nullptr;
+        const HRESULT result = ::SHGetKnownFolderPath(*id, 0, nullptr, &path);
+        const std::unique_ptr<wchar_t, TaskMemoryFreer> owner(path);
+        if (SUCCEEDED(result) && std::find(folders.begin(), folders.end(), path) == folders.end())
+            folders.emplace_back(path);
+    }
+    return folders;
+}
+
+}  // namespace
+
+void ReportLog(ReportFolder& folder) {
+    folder.Copy(ServiceLogFolder().path / "log.txt", "log.txt");
+}
+
+void ReportOldLog(ReportFolder& folder) {
+    folder.Copy(ServiceLogFolder().path / "log.old.txt", "log.old.txt");
+}
+
+void ReportDumps(ReportFolder& folder) {
+    const std::filesystem::path from = ServiceDumpFolder();
+    std::vector<Dump> dumps = DumpsIn(from);
+    std::string text = "Dumps of the service in " + ToUtf8(from.wstring()) + ": " +
+                       std::to_string(dumps.size()) + ". The newest " + std::to_string(kDumps) +
+                       " are in this folder.\n";
+    folder.MakeFolder("dumps");
+    dumps.resize(std::min(dumps.size(), kDumps));
+    for (const Dump& dump : dumps)
+        text += CopyDump(folder, from, dump);
+    folder.Write("dumps/dumps.txt", text);
+}
+
+void ReportLeftovers(ReportFolder& folder) {
+    Json json = NewJson();
+    for (const std::filesystem::path& from : UsersFolders())
+        AddFact(json["partial_files"], ToUtf8(from.wstring()).c_str(),
+                [&] { return FilesIn(from, L"*.part", IsPartialFile); });
+    // Which drive is current for the crash server is known to its process alone.
+    const std::filesystem::path root = std::filesystem::path(ExpandForSystem(L"%SystemDrive%\\"));
+    AddFact(json["dumps_of_the_crash_server"], ToUtf8(root.wstring()).c_str(), [&] {
+        return FilesIn(root, L"*.dmp", [](const std::filesystem::path&) { return true; });
+    });
+    folder.Write("leftovers.json", json);
+}
