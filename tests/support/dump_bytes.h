@@ -26,7 +26,7 @@ public:
     explicit DumpBytes(const std::string& text, DWORD code = kRunEnded,
                        ULONG32 parameters = kRunEndedParameters) {
         MINIDUMP_HEADER header{};
-        header.Signature = MINIDUMP_SIGNATURE;
+        header.Signature = 0x504D444D;  // "MDMP"
         header.Version = MINIDUMP_VERSION;
         header.NumberOfStreams = 2;
         header.StreamDirectoryRva = sizeof(header);

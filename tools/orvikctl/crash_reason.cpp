@@ -20,6 +20,9 @@ namespace {
 /// The dumps of the service have less than a tenth of this.
 constexpr std::uint64_t kSizeLimit = 256 * 1024 * 1024;
 
+/// "MDMP". Not MINIDUMP_SIGNATURE, a constant of several characters, of which GCC warns.
+constexpr ULONG32 kSignature = 0x504D444D;
+
 [[noreturn]] void Refuse(const std::string& why) {
     throw Failure(ExitCode::kFailure, why);
 }
@@ -30,7 +33,7 @@ class DumpContent {
 public:
     explicit DumpContent(std::span<std::byte> content) : bytes(content) {
         const auto header = At<MINIDUMP_HEADER>(0, "its header");
-        if (header.Signature != MINIDUMP_SIGNATURE)
+        if (header.Signature != kSignature)
             Refuse("it is not a dump");
         Part(header.StreamDirectoryRva,
              std::uint64_t{header.NumberOfStreams} * sizeof(MINIDUMP_DIRECTORY),
