@@ -18,7 +18,7 @@
 namespace {
 
 /// The dumps of the service have less than a tenth of this.
-constexpr std::uint64_t kSizeLimit = 256 * 1024 * 1024;
+constexpr std::uint64_t kSizeLimit = std::uint64_t{256} * 1024 * 1024;
 
 /// "MDMP". Not MINIDUMP_SIGNATURE, a constant of several characters, of which GCC warns.
 constexpr ULONG32 kSignature = 0x504D444D;

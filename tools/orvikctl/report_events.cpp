@@ -41,7 +41,7 @@ struct EventLog {
 
 /// As XML.
 std::wstring TextOf(const EventLog& log, EVT_HANDLE event) {
-    std::vector<wchar_t> text(16 * 1024);
+    std::vector<wchar_t> text(16'384);
     DWORD used = 0;
     DWORD properties = 0;
     const auto render = [&] {

@@ -23,7 +23,7 @@ constexpr const wchar_t* kFiles[] = {L"OrvikService.exe", L"orvikctl.exe", L"orv
                                      L"crashreporter.exe"};
 
 std::filesystem::path OwnFolder() {
-    std::array<wchar_t, 32 * 1024> path{};
+    std::array<wchar_t, 32'768> path{};
     if (::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())) == 0)
         throw SystemFailure("cannot find the path of this program");
     return std::filesystem::path(path.data()).parent_path();
