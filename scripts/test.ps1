@@ -169,6 +169,9 @@ try {
         ($before.newest_dump -and $after.newest_dump.name -eq $before.newest_dump.name)) {
         throw 'there is no new dump'
     }
+    if ($after.last_crash.text -ne 'Bad camera in request.') {
+        throw "orvikctl status shows another reason: $($after | ConvertTo-Json -Compress)"
+    }
     $dump = Join-Path $after.dump_folder $after.newest_dump.name
     Write-Host "dump: $dump, $((Get-Item $dump).Length) bytes"
 
