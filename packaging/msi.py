@@ -13,9 +13,12 @@ PROGRAMS = ("OrvikService.exe", "orvikctl.exe", "orvik.dll")
 PAGES = ("c-api", "deploying", "operating", "orvikctl", "protocol")
 
 SC = '"[System64Folder]sc.exe" '
+SET_RECOVERY = SC + "failure OrvikService reset= 86400 actions= restart/1000/restart/5000/restart/30000"
+SET_RECOVERY_WITHOUT_CRASH = SC + "failureflag OrvikService 1"
 # A program with a folder (34) that runs in the transaction (1024), as LocalSystem (2048), and whose
 # exit code is ignored (64): the installation succeeds though it fails.
 RUN_AND_IGNORE = 34 + 1024 + 2048 + 64
+ON_ROLLBACK = RUN_AND_IGNORE + 256  # runs only if the transaction fails later
 SET_PROPERTY = 51
 # The action on the component: 2 removes it, 3 installs or repairs it. There is none when the MSI is run
 # again, and the service goes on.
@@ -27,17 +30,24 @@ ACTIONS = [
      "PREVIOUSINSTALLDIR AND NOT INSTALLDIR", 51, None),
     ("KeepAddToPath", SET_PROPERTY, "ADDTOPATH", "[PREVIOUSADDTOPATH]",
      "PREVIOUSADDTOPATH AND NOT ADDTOPATH", 52, None),
+    # Windows Installer makes a deleted service again without its recovery actions. A rollback runs in reverse
+    # order: this comes after that.
+    ("RestoreRecovery", ON_ROLLBACK, "System64Folder", SET_RECOVERY, "$Service=2", 1898, None),
+    ("RestoreRecoveryWithoutCrash", ON_ROLLBACK, "System64Folder", SET_RECOVERY_WITHOUT_CRASH, "$Service=2",
+     1899, None),
     # A stopped service has not quite ended, and one in a console is not stopped: either would keep its
     # program's file in use.
     ("EndOrvikService", RUN_AND_IGNORE, "System64Folder",
      '"[System64Folder]taskkill.exe" /f /im OrvikService.exe', "$Service=2 OR $Service=3", 2001,
      None),
     # The table MsiServiceConfigFailureActions fails on Windows.
-    ("SetRecovery", RUN_AND_IGNORE, "System64Folder",
-     SC + "failure OrvikService reset= 86400 actions= restart/1000/restart/5000/restart/30000",
-     INSTALLING, 5860, "Setting the recovery actions of OrvikService"),
-    ("SetRecoveryWithoutCrash", RUN_AND_IGNORE, "System64Folder", SC + "failureflag OrvikService 1",
-     INSTALLING, 5861, "Setting the recovery actions of OrvikService"),
+    ("SetRecovery", RUN_AND_IGNORE, "System64Folder", SET_RECOVERY, INSTALLING, 5860,
+     "Setting the recovery actions of OrvikService"),
+    ("SetRecoveryWithoutCrash", RUN_AND_IGNORE, "System64Folder", SET_RECOVERY_WITHOUT_CRASH, INSTALLING,
+     5861, "Setting the recovery actions of OrvikService"),
+    # Cancelled during the next action: the new service must not run on when it is deleted. "net stop" waits.
+    ("StopOrvikService", ON_ROLLBACK, "System64Folder", '"[System64Folder]net.exe" stop OrvikService',
+     INSTALLING, 6500, None),
     # Not with the table ServiceControl: the installation would fail if the service can't start.
     ("StartOrvikService", RUN_AND_IGNORE, "System64Folder", SC + "start OrvikService",
      INSTALLING + ' AND STARTSERVICE<>"0"', 6501,
@@ -71,6 +81,12 @@ def additions(version):
                  "Property", "SecureCustomProperties")  # fmt: skip
     # wixl removes the old version before the transaction begins, so a failure would not bring it back.
     yield update("InstallExecuteSequence", "Sequence", 1501, "Action", "RemoveExistingProducts")
+    # An upgrade keeps the service and changes it. If it were deleted, a program that has it open would delay
+    # that, and the new one could not be made.
+    yield update("InstallExecuteSequence", "Condition", "VersionNT AND NOT UPGRADINGPRODUCTCODE", "Action",
+                 "DeleteServices")  # fmt: skip
+    # 0x8000: the installation fails if the service can't be made.
+    yield update("ServiceInstall", "ErrorControl", 0x8001, "ServiceInstall", "OrvikService")
     # Windows Installer quotes the path of a service that has a blank. Wine does not, so the quoted path
     # is written once more, after InstallServices.
     yield update("Registry", "Value", '#%"[INSTALLDIR]OrvikService.exe"', "Name", "ImagePath")

@@ -43,10 +43,17 @@ function Get-Status {
     return & $orvikctl status --json 2>$null | ConvertFrom-Json
 }
 
-function Assert-Running {
-    $status = Get-Status
-    if ($status.state -ne 'running' -or -not $status.reachable) {
-        throw "the service does not work: $($status | ConvertTo-Json -Compress)"
+# Waits until the service runs, as another process than $Before: sc.exe and the service control manager do
+# not wait for that.
+function Wait-Running([int] $Before = 0) {
+    $end = [DateTime]::UtcNow.AddSeconds(60)
+    while ($true) {
+        $status = Get-Status
+        if ($status.state -eq 'running' -and $status.reachable -and $status.process -ne $Before) { return }
+        if ([DateTime]::UtcNow -gt $end) {
+            throw "not within 60 seconds: the service works. $($status | ConvertTo-Json -Compress)"
+        }
+        Start-Sleep -Milliseconds 100
     }
 }
 
@@ -65,7 +72,7 @@ try {
     Step 'install'
     $installed = $true
     Invoke-Installer "/i `"$path`""
-    Assert-Running
+    Wait-Running
     Assert-Equal 'path of the service' (Get-ItemProperty $serviceKey).ImagePath "`"$program`""
     Assert-Equal 'account' (Get-ItemProperty $serviceKey).ObjectName 'LocalSystem'
     Assert-Equal 'start type' (Get-Status).start_type 'automatic'
@@ -79,18 +86,12 @@ try {
     Assert-Equal 'also without a crash' (Get-ItemProperty $serviceKey).FailureActionsOnNonCrashFailures 1
     $before = (Get-Status).process
     Stop-Process -Id $before -Force
-    $end = [DateTime]::UtcNow.AddSeconds(60)
-    while ($true) {
-        $status = Get-Status
-        if ($status.state -eq 'running' -and $status.process -ne $before) { break }
-        if ([DateTime]::UtcNow -gt $end) { throw 'the killed service was not restarted within 60 seconds' }
-        Start-Sleep -Milliseconds 100
-    }
+    Wait-Running $before
 
     Step 'repair'
     Remove-Item $orvikctl
     Invoke-Installer "/fa `"$path`""
-    Assert-Running
+    Wait-Running
 
     Step 'uninstall'
     Invoke-Installer "/x `"$path`""
