@@ -139,8 +139,11 @@ DWORD StartInstalledService() {
 
 DWORD ControlInstalledService(DWORD control) {
     SERVICE_STATUS status{};
-    return ::ControlService(OpenInstalledService().get(), control, &status) ? ERROR_SUCCESS
-                                                                            : ::GetLastError();
+    if (::ControlService(OpenInstalledService().get(), control, &status))
+        return ERROR_SUCCESS;
+    const DWORD error = ::GetLastError();
+    // Wine: a service that stops quickly can end before its process has answered the control.
+    return control == SERVICE_CONTROL_STOP && error == ERROR_BROKEN_PIPE ? ERROR_SUCCESS : error;
 }
 
 SERVICE_STATUS_PROCESS StatusOfInstalledService() {

@@ -116,7 +116,7 @@ void RunningService::Stop() {
     if (const DWORD error = Control(SERVICE_CONTROL_STOP); error != ERROR_SUCCESS)
         Fail(error, "ControlService");
     StateNotification(SERVICE_NOTIFY_STOPPED).Wait();
-    WaitForEnd();
+    EXPECT_EQ(WaitForEnd(), 0u) << "the service has ended otherwise than by the stop";
 }
 
 HANDLE RunningService::Process() const {
