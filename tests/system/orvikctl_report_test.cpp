@@ -63,6 +63,9 @@ private:
     const fs::path previous = fs::current_path();
 };
 
+constexpr wchar_t kApplicationKey[] =
+    LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\App Paths\Orvik.exe)";
+
 Bytes BytesOf(const std::string& text) {
     const auto* const first = reinterpret_cast<const std::byte*>(text.data());
     return {first, first + text.size()};
@@ -205,8 +208,22 @@ TEST_F(OrvikctlReport, HasTheNewestThreeDumpsAndTheirReasons) {
     EndLeftovers();
 }
 
+TEST_F(OrvikctlReport, HasWhyTheValueOfTheApplicationCannotBeRead) {
+    const RegisteredApplication application(std::nullopt);
+    const DWORD number = 1;
+    ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kApplicationKey, nullptr, REG_DWORD, &number,
+                                sizeof(number)),
+              ERROR_SUCCESS);
+    Collect();
+    const std::string why = JsonIn("application.json").at("unknown").at("value");
+    EXPECT_TRUE(why.starts_with("cannot read the registry value HKLM\\" + ToUtf8(kApplicationKey) +
+                                "\\(default): "))
+        << why;
+}
+
 TEST_F(OrvikctlReport, WithoutAServiceSaysWhatIsMissingAndWhy) {
-    const Result result = Orvikctl(L"report -o " + Quoted(L"report"));
+    const CurrentFolder inside(folder);
+    const Result result = Orvikctl(L"report -o report");
     EXPECT_EQ(result.exitCode, 0u) << result;
     EXPECT_EQ(result.output.at(0),
               "The report is in " + ToUtf8((folder / L"report").wstring()) + ":");

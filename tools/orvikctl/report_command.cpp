@@ -1,3 +1,5 @@
+#include <exception>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -74,8 +76,9 @@ std::string Now() {
     return TimeOf(now);
 }
 
-void Report(const Settings& settings, const std::string& folderName) {
-    ReportFolder folder(PathOf(folderName));
+void Report(const Settings& settings, const std::string& argument) {
+    const std::filesystem::path path = std::filesystem::absolute(PathOf(argument));
+    ReportFolder folder(path);
     std::vector<Part> parts = Parts(settings);
     for (Part& part : parts) {
         try {
@@ -86,14 +89,22 @@ void Report(const Settings& settings, const std::string& folderName) {
         }
         ThrowIfCancelled();
     }
-    // Last: a report without this file is not complete.
-    folder.Write("report.txt", "Made by orvikctl " ORVIK_VERSION " at " + Now() + ".\n\n" +
-                                   kPrivacy + "\n" + Text(parts));
-    folder.Keep();
+    folder.Keep();  // also without report.txt: not removed except on Ctrl-C
+    std::exception_ptr error;
+    try {
+        // Last: a report without this file is not complete.
+        folder.Write("report.txt", "Made by orvikctl " ORVIK_VERSION " at " + Now() + ".\n\n" +
+                                       kPrivacy + "\n" + Text(parts));
+    } catch (const Failure&) {
+        error = std::current_exception();
+    }
+    const std::string name = ToUtf8(path.native());
     if (settings.json)
-        PrintJson(JsonOf(folderName, parts));
+        PrintJson(JsonOf(name, parts));
     else
-        Print("The report is in " + Printable(folderName) + ":\n" + Text(parts) + "\n" + kPrivacy);
+        Print("The report is in " + Printable(name) + ":\n" + Text(parts) + "\n" + kPrivacy);
+    if (error)
+        std::rethrow_exception(error);
 }
 
 }  // namespace

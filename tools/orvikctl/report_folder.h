@@ -2,11 +2,13 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "json.h"
 
-/// The new folder of a report. It is removed again with its files unless Keep() is called, so that
-/// a report that failed leaves nothing behind.
+/// The new folder of a report, to which only LocalSystem, administrators and the user who runs
+/// this program have access. It is removed again with what was written to it unless Keep() is
+/// called.
 class ReportFolder {
 public:
     /// Throws Failure if `folder` exists already, or cannot be made.
@@ -16,7 +18,8 @@ public:
     ReportFolder(const ReportFolder&) = delete;
     ReportFolder& operator=(const ReportFolder&) = delete;
 
-    /// Each writes or makes a new file, named relative to the folder. All throw FileError.
+    /// Each writes or makes a new file, named relative to the folder. All throw FileError. A file
+    /// that cannot be written completely is deleted.
     void Write(const std::filesystem::path& name, const std::string& content);
     void Write(const std::filesystem::path& name, const Json& content);
     void Copy(const std::filesystem::path& source, const std::filesystem::path& name);
@@ -26,5 +29,6 @@ public:
 
 private:
     std::filesystem::path path;
+    std::vector<std::filesystem::path> made;  // all files and folders, in this order
     bool kept = false;
 };
