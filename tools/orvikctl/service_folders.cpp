@@ -24,7 +24,7 @@ bool EqualIgnoringCase(const std::wstring& text, const wchar_t* other) {
 }
 
 std::string NameOfValue(const std::wstring& key, const wchar_t* value) {
-    return "HKLM\\" + ToUtf8(key) + "\\" + ToUtf8(value);
+    return "HKLM\\" + ToUtf8(key) + "\\" + (value != nullptr ? ToUtf8(value) : "(default)");
 }
 
 /// The name without the ".\" that an account of this machine may have in front of it.

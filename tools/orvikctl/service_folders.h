@@ -7,7 +7,7 @@
 #include <string>
 
 /// A text value in HKEY_LOCAL_MACHINE, with environment variables not expanded. Empty if there is
-/// none.
+/// none. Null means the default value of the key.
 std::optional<std::wstring> FindRegistryText(const std::wstring& key, const wchar_t* value);
 
 /// Replaces the environment variables in `text` by the values that they have for LocalSystem.
