@@ -1,8 +1,10 @@
 // orvikctl against a service that is silent, leaves, or sends what makes no sense.
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -195,6 +197,72 @@ TEST_F(OrvikctlLyingService, CameraThatGoesBetweenTwoCommandsOfARead) {
     EXPECT_TRUE(
         Failed(Run(L"read --outstanding 1 -t 5 -o "), 10,
                "the camera was unplugged before the command for 1 block starting at block 1"));
+}
+
+/// A camera that refuses a command. The next connection is that for the sense data.
+class OrvikctlRefusal : public OrvikctlLyingService {
+protected:
+    /// Announces the camera to the first `most` clients. `later` is called for each client after
+    /// the first one, with its number.
+    static std::unique_ptr<FakeService> PlayRefusal(int most,
+                                                    std::function<void(Peer&, int)> later) {
+        auto welcomed = std::make_shared<std::atomic<int>>(0);
+        return std::make_unique<FakeService>(
+            [=](Peer& peer) {
+                const int number = *welcomed + 1;
+                if (number <= most)
+                    peer.Announce(1);
+                const std::optional<Request> roundTrip = peer.NextRequest();
+                if (!roundTrip)
+                    return;  // only opened and closed
+                ++*welcomed;
+                peer.Refuse(*roundTrip);
+                if (number == 1)
+                    peer.Refuse(peer.ReadRequest());
+                else
+                    later(peer, number);
+                peer.ReadToTheEnd();
+            },
+            std::function<void(int)>(), kCameraPipeName, FakeService::kEveryClient);
+    }
+
+    Result RunRaw() const { return Run(L"raw --json -n ff 00 00 00 00 00"); }
+};
+
+TEST_F(OrvikctlRefusal, SenseDataThatCannotBeDecodedIsKept) {
+    const Bytes otherFormat(18, std::byte{0x7F});
+    for (const Bytes& data : {otherFormat, Bytes(4)}) {
+        const auto service =
+            PlayRefusal(2, [&](Peer& peer, int) { peer.Succeed(peer.ReadRequest(), data); });
+        const Json error = ErrorOf(RunRaw());
+        EXPECT_EQ(error.at("exit_code"), 8);
+        EXPECT_TRUE(error.at("text").get<std::string>().starts_with(
+            "the command failed on camera 1. Sense data: cannot be decoded: the camera's sense "
+            "data has "))
+            << error;
+        const std::string hex =
+            data.size() == 4 ? "00000000" : "7f7f7f7f7f7f7f7f7f7f7f7f7f7f7f7f7f7f";
+        EXPECT_EQ(error.at("sense"), (Json{{"data", hex}}));
+    }
+}
+
+TEST_F(OrvikctlRefusal, SenseDataThatNeverComes) {
+    const auto service = PlayRefusal(2, [](Peer& peer, int) { peer.ReadRequest(); });
+    const Json error = ErrorOf(RunRaw());
+    EXPECT_EQ(error.at("text"),
+              "the command failed on camera 1. Sense data: not available: camera 1 did not answer "
+              "REQUEST SENSE within 5000 ms");
+    EXPECT_FALSE(error.contains("sense"));
+}
+
+TEST_F(OrvikctlRefusal, RemovalThatTheServiceReportsLate) {
+    const auto service = PlayRefusal(3, [](Peer& peer, int number) {
+        if (number == 2)
+            peer.Refuse(peer.ReadRequest());
+    });
+    const Json error = ErrorOf(RunRaw());
+    EXPECT_EQ(error.at("kind"), "camera gone");
+    EXPECT_EQ(error.at("exit_code"), 10);
 }
 
 TEST_F(OrvikctlLyingService, CameraWhoseBlocksAreTooLargeForOneCommand) {

@@ -87,6 +87,20 @@ TEST_F(OrvikctlRaw, CameraAsTheFirstWordIsAnErrorThatNamesTheOption) {
     EXPECT_TRUE(Failed(OrvikctlInForeground(L"raw -n 12 00 00 00 00 00 00"), 2,
                        "CDB has 7 bytes, but no SCSI command has. If 12 is the number of a camera, "
                        "write --camera 12"));
+    // READ CAPACITY and commands of 12 and 16 bytes behind the number, all of zeros at the end.
+    std::wstring words = L"raw -r 8 12 25";
+    for (std::size_t length = 3; length <= 17; ++length) {
+        words += L" 00";
+        if (length != 9 && length != 11 && length < 13)
+            continue;
+        if (length == 16)
+            continue;
+        const std::string text =
+            length == 17 ? "CDB must have 1 to 16 bytes, not 17"
+                         : "CDB has " + std::to_string(length) + " bytes, but no SCSI command has";
+        EXPECT_TRUE(Failed(OrvikctlInForeground(words), 2,
+                           text + ". If 12 is the number of a camera, write --camera 12"));
+    }
     EXPECT_TRUE(Failed(OrvikctlInForeground(L"inquiry 1"), 2,
                        "the argument \"1\" is not expected. If it is the number of a camera, write "
                        "--camera 1"));
@@ -226,6 +240,7 @@ TEST_F(OrvikctlRaw, CameraThatRefuses) {
     EXPECT_TRUE(
         Failed(OrvikctlInForeground(L"raw -r 36 -o " + Quoted(L"x") + L" 12 00 00 00 24 00"), 8,
                "the command failed on camera 1. Sense data: not available: the command failed"));
+    EXPECT_EQ(camera.Counters().requests, 2u) << "REQUEST SENSE was sent more than once";
     ExpectNoFiles();
     EXPECT_TRUE(service.IsRunning());
 }

@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "orvikctl_fixture.h"
+#include "raw_client.h"
 
 namespace system_test {
 namespace {
@@ -176,6 +177,8 @@ TEST_F(OrvikctlTest, NoCamera) {
     EXPECT_EQ(list.exitCode, 0u);
     EXPECT_EQ(list.output, Lines{});
     EXPECT_EQ(list.errors, Lines{"no camera is present"});
+    const Json json = JsonOf(OrvikctlInForeground(L"list --json"));
+    EXPECT_EQ(json.at("details"), Json::array());
     EXPECT_EQ(JsonOf(OrvikctlInForeground(L"list --json")).at("cameras"), Json::array());
     MakeFile(L"x", Bytes(512));
     for (const std::wstring& command :
@@ -245,6 +248,20 @@ TEST_F(OrvikctlTest, ListKeepsTheLineOfACameraThatDoesNotAnswer) {
     EXPECT_EQ(json.at("details").at(1).at("error").at("exit_code"), 8);
     EXPECT_EQ(json.at("details").at(2).at("product"), "Virtual Camera");
     bus.ReleaseAll(silent.Id());
+    EXPECT_TRUE(service.IsRunning());
+}
+
+/// Another program is the main communicator, so orvikctl gets no report of the camera.
+TEST_F(OrvikctlWithCamera, ListDistinguishesUnpluggedFromRefused) {
+    const RawClient application;
+    service.Output().WaitFor("attached main communicator");
+    camera.Set(Holds());
+    OrvikctlProgram list(kNoServerCheck + L"list --json");
+    bus.WaitForPending(camera.Id(), 1, kDeadline);
+    camera.Unplug();
+    const Json error = JsonOf(list.Finish()).at("details").at(0).at("error");
+    EXPECT_EQ(error.at("kind"), "camera gone");
+    EXPECT_EQ(error.at("exit_code"), 10);
     EXPECT_TRUE(service.IsRunning());
 }
 

@@ -14,6 +14,11 @@ namespace {
 /// The longest command of SCSI with a fixed length.
 constexpr std::size_t kLongest = 16;
 
+/// Fewer than 6 bytes are padded with zeros. 8 bytes are all that the service passes on.
+constexpr bool IsLengthOfCommand(std::size_t length) noexcept {
+    return length <= 6 || length == 8 || length == 10 || length == 12 || length == kLongest;
+}
+
 bool HasTwoHexDigits(const std::string& word) {
     return word.size() == 2 &&
            std::all_of(word.begin(), word.end(), [](unsigned char c) { return std::isxdigit(c); });
@@ -69,10 +74,11 @@ std::vector<std::byte> ParseCdb(const std::vector<std::string>& words,
                          CameraHint(words.front()));
     if (cdb.size() > kLongest)
         throw UsageError("CDB must have 1 to " + std::to_string(kLongest) + " bytes, not " +
-                         std::to_string(cdb.size()));
-    // A user can still send such a command, with a zero at its end.
-    if (cdb.size() == 7)
-        throw UsageError("CDB has 7 bytes, but no SCSI command has" + CameraHint(words.front()));
+                         std::to_string(cdb.size()) + CameraHint(words.front()));
+    // A user can still send such a command, with zeros at its end.
+    if (!IsLengthOfCommand(cdb.size()))
+        throw UsageError("CDB has " + std::to_string(cdb.size()) +
+                         " bytes, but no SCSI command has" + CameraHint(words.front()));
     if (cdb.size() <= orvik::kCdbLimit)
         return cdb;
     const auto rest = cdb.begin() + orvik::kCdbLimit;

@@ -28,11 +28,13 @@ const char* KindOf(const Failure& failure) {
 
 Json JsonOf(const SenseData& data) {
     Json json;
-    json["key"] = data.sense.key;
-    json["code"] = data.sense.code;
-    json["qualifier"] = data.sense.qualifier;
-    json["deferred"] = data.sense.deferred;
-    json["text"] = data.sense.text;
+    if (data.sense) {
+        json["key"] = data.sense->key;
+        json["code"] = data.sense->code;
+        json["qualifier"] = data.sense->qualifier;
+        json["deferred"] = data.sense->deferred;
+        json["text"] = data.sense->text;
+    }
     json["data"] = Hex(data.bytes);
     return json;
 }

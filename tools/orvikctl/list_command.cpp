@@ -5,6 +5,7 @@
 #include "commands.h"
 #include "error_report.h"
 #include "json.h"
+#include "refusal.h"
 #include "transfers.h"
 
 namespace {
@@ -28,7 +29,8 @@ bool LosesConnection(orvik::ErrorKind kind) noexcept {
            kind == orvik::ErrorKind::kSystem;
 }
 
-Entry Inquire(orvik::Client& client, orvik::CameraId camera, std::chrono::milliseconds timeout) {
+Entry Inquire(const Settings& settings, orvik::Client& client, orvik::CameraId camera,
+              std::chrono::milliseconds timeout) {
     Entry entry{camera, std::nullopt, std::nullopt};
     std::optional<std::vector<std::byte>> data;
     try {
@@ -40,6 +42,9 @@ Entry Inquire(orvik::Client& client, orvik::CameraId camera, std::chrono::millis
         entry.error = error;
         entry.connectionLost = !data && LosesConnection(error.Kind());
     }
+    if (entry.error && entry.error->Kind() == orvik::ErrorKind::kRefused &&
+        HasGone(settings, camera))
+        entry.error = CameraGone(camera);
     return entry;
 }
 
@@ -69,6 +74,8 @@ void List(const Settings& settings, const Options& options) {
     const std::vector<orvik::CameraId> cameras = client.Cameras();
     Json json = NewJson();
     json["cameras"] = cameras;
+    if (options.inquire)
+        json["details"] = Json::array();
     std::string text;
     std::optional<orvik::Error> connectionError;
     for (const orvik::CameraId camera : cameras) {
@@ -76,7 +83,7 @@ void List(const Settings& settings, const Options& options) {
             text += std::to_string(camera) + "\n";
             continue;
         }
-        const Entry entry = Inquire(client, camera, options.timeout);
+        const Entry entry = Inquire(settings, client, camera, options.timeout);
         text += LineOf(entry);
         json["details"].push_back(JsonOf(entry));
         if (entry.connectionLost && !connectionError)

@@ -125,7 +125,8 @@ void AddRaw(CLI::App& app, const Settings& settings) {
     auto* const command = app.add_subcommand("raw", "Send one SCSI command to a camera");
     command->footer(
         "CDB is the command: bytes of exactly two hexadecimal digits each. The service passes on\n"
-        "the first 8; a longer command can be sent if the bytes beyond those are 00.\n\n" +
+        "the first 8; a command of 10, 12 or 16 bytes can be sent if those beyond the first 8\n"
+        "are 00.\n\n" +
         command->get_footer());
     auto options = std::make_shared<Options>();
     auto* const receive =

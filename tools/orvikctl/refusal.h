@@ -11,7 +11,7 @@
 
 /// Sense data of a camera.
 struct SenseData {
-    orvik::Sense sense;
+    std::optional<orvik::Sense> sense;  // none if the bytes cannot be decoded
     std::vector<std::byte> bytes;
 };
 
@@ -28,6 +28,14 @@ public:
 private:
     std::optional<SenseData> sense;
 };
+
+/// Whether a camera that refused a command is no longer present, or not within one second: the
+/// service can report it late. False also if the service cannot be asked.
+/// Throws Failure with ExitCode::kCancelled on Ctrl-C.
+bool HasGone(const Settings& settings, orvik::CameraId camera);
+
+/// The error of a command for such a camera.
+orvik::Error CameraGone(orvik::CameraId camera);
 
 /// Finds out why `camera` refused a command, and throws the result: Refusal with the sense data in
 /// words, orvik::Error of the kind kCameraGone if the camera is no longer present, or Failure with
