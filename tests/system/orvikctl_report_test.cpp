@@ -192,19 +192,23 @@ TEST_F(OrvikctlReport, HasTheNewestThreeDumpsAndTheirReasons) {
         names.push_back("0123456" + std::to_string(i) + "-89ab-cdef-0123-456789abcdef.dmp");
         made.push_back(std::make_unique<NeededFile>(
             from / names.back(),
-            i == 1 ? BytesOf("x") : DumpBytes("reason " + std::to_string(i)).bytes));
+            i == 1 ? BytesOf("x") : DumpBytes("reason\x1B " + std::to_string(i)).bytes));
+        if (i == 2)
+            fs::resize_file(from / names[i], 256 * 1024 * 1024 + 1);
         fs::last_write_time(from / names.back(), tomorrow - std::chrono::hours(i));
     }
     Collect();
     for (std::size_t i = 0; i < 4; ++i)
-        EXPECT_EQ(fs::exists(folder / L"report/dumps" / names[i]), i < 3) << names[i];
-    EXPECT_EQ(ContentOf(L"report/dumps/" + ToUtf16(names[2])), ::ContentOf(from / names[2]));
+        EXPECT_EQ(fs::exists(folder / L"report/dumps" / names[i]), i < 2) << names[i];
+    EXPECT_EQ(ContentOf(L"report/dumps/" + ToUtf16(names[0])), ::ContentOf(from / names[0]));
     const std::string text = TextOf(L"dumps/dumps.txt");
-    EXPECT_NE(text.find("\n" + names[0] + "  2026-11-22T13:31:15Z, reason 0\n" + names[1] +
+    EXPECT_NE(text.find("\n" + names[0] + "  2026-11-22T13:31:15Z, reason? 0\n" + names[1] +
                         "  unknown: cannot read the dump "),
               std::string::npos)
         << text;
-    EXPECT_TRUE(text.ends_with("\n" + names[2] + "  2026-11-22T13:31:15Z, reason 2\n")) << text;
+    EXPECT_TRUE(
+        text.ends_with("\n" + names[2] + "  not collected: it has more than 268435456 bytes\n"))
+        << text;
     EndLeftovers();
 }
 

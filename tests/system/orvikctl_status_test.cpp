@@ -126,6 +126,7 @@ TEST_F(OrvikctlStatus, ServiceThatRuns) {
     EXPECT_EQ(json.at("program"), ToUtf8(ProgramPath(L"OrvikService.exe")));
     EXPECT_EQ(json.at("version"), "4.0.4");
     EXPECT_EQ(json.at("reachable"), true);
+    EXPECT_EQ(json.at("error"), nullptr);
     EXPECT_GT(json.at("round_trip_ms").get<double>(), 0);
     EXPECT_EQ(json.at("cameras"), Json({1}));
     for (const auto& [key, why] : json.at("unknown").items())
@@ -200,6 +201,8 @@ TEST_F(OrvikctlStatus, ServiceThatIsStopped) {
     EXPECT_EQ(json.at("process"), nullptr);
     EXPECT_FALSE(json.at("unknown").contains("process"));
     EXPECT_EQ(json.at("reachable"), false);
+    EXPECT_EQ(json.at("error").at("kind"), "stopped");
+    EXPECT_EQ(json.at("error").at("exit_code"), 5);
     EXPECT_TRUE(json.at("unknown").contains("cameras"));
 }
 
@@ -271,7 +274,12 @@ TEST_F(OrvikctlStatus, FoldersWithoutAProfileInTheRegistryAreThoseThatWindowsDef
                   R"(ProfileImagePath))");
     for (const char* const label : {"dump folder", "newest dump", "last crash"})
         EXPECT_FALSE(IsUnknown(facts[label])) << result;
-    EXPECT_EQ(JsonOf(Orvikctl(L"status --json")).at("log_folder"), logFolder);
+    const Json json = JsonOf(Orvikctl(L"status --json"));
+    EXPECT_EQ(json.at("log_folder"), logFolder);
+    EXPECT_TRUE(json.at("log_folder_origin")
+                    .get<std::string>()
+                    .starts_with("Windows' default for the account, because "))
+        << json;
 }
 
 TEST_F(OrvikctlStatus, RecoveryActions) {

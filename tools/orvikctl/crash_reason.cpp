@@ -17,9 +17,6 @@
 
 namespace {
 
-/// The dumps of the service have less than a tenth of this.
-constexpr std::uint64_t kSizeLimit = std::uint64_t{256} * 1024 * 1024;
-
 /// "MDMP". Not MINIDUMP_SIGNATURE, a constant of several characters, of which GCC warns.
 constexpr ULONG32 kSignature = 0x504D444D;
 
@@ -177,9 +174,9 @@ CrashReason CrashReasonOf(std::span<std::byte> bytes) {
 CrashReason CrashReasonOf(const std::filesystem::path& dump) {
     InputFile file(dump);
     const std::uint64_t size = file.Size();
-    if (size > kSizeLimit)
+    if (size > kDumpSizeLimit)
         Refuse("cannot read the dump " + file.Name() + ": it has more than " +
-               std::to_string(kSizeLimit) + " bytes");
+               std::to_string(kDumpSizeLimit) + " bytes");
     std::vector<std::byte> bytes = file.Read(static_cast<std::size_t>(size));
     try {
         return CrashReasonOf(std::span(bytes));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <span>
@@ -10,6 +11,9 @@
 #include <windows.h>
 
 #include "json.h"
+
+/// Larger dumps are not read. Those of the service have less than a tenth of this.
+constexpr std::uint64_t kDumpSizeLimit = std::uint64_t{256} * 1024 * 1024;
 
 struct CrashReason {
     FILETIME time;                    // when the dump was written

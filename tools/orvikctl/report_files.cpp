@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -28,8 +29,8 @@ std::string ReasonOf(const std::filesystem::path& dump) {
     try {
         const CrashReason reason = CrashReasonOf(dump);
         return TimeOf(reason.time) + ", " + reason.Words();
-    } catch (const Failure& failure) {
-        return std::string("unknown: ") + failure.what();
+    } catch (const std::exception& error) {
+        return std::string("unknown: ") + error.what();
     }
 }
 
@@ -37,12 +38,15 @@ std::string ReasonOf(const std::filesystem::path& dump) {
 std::string CopyDump(ReportFolder& folder, const std::filesystem::path& from, const Dump& dump) {
     std::string line = ToUtf8(dump.name.wstring()) + "  ";
     try {
+        if (dump.size > kDumpSizeLimit)
+            throw Failure(ExitCode::kFailure,
+                          "it has more than " + std::to_string(kDumpSizeLimit) + " bytes");
         folder.Copy(from / dump.name, std::filesystem::path("dumps") / dump.name);
         line += ReasonOf(from / dump.name);
-    } catch (const Failure& failure) {
-        line += std::string("not collected: ") + failure.what();
+    } catch (const std::exception& error) {
+        line += std::string("not collected: ") + error.what();
     }
-    return line + "\n";
+    return Printable(line) + "\n";
 }
 
 /// "FILE.PROCESS.part", where PROCESS is a number.

@@ -23,8 +23,10 @@ std::vector<Dump> DumpsIn(const std::filesystem::path& folder) {
         throw FileError("cannot list the dumps in", folder);
     std::vector<Dump> dumps;
     for (BOOL more = search != nullptr; more; more = ::FindNextFileW(search.get(), &entry)) {
-        if (IsDumpName(entry.cFileName))
-            dumps.push_back({entry.cFileName, entry.ftLastWriteTime});
+        constexpr DWORD kOthers = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
+        if (IsDumpName(entry.cFileName) && (entry.dwFileAttributes & kOthers) == 0)
+            dumps.push_back({entry.cFileName, entry.ftLastWriteTime,
+                             (std::uint64_t{entry.nFileSizeHigh} << 32) | entry.nFileSizeLow});
     }
     std::sort(dumps.begin(), dumps.end(), [](const Dump& left, const Dump& right) {
         return ::CompareFileTime(&left.written, &right.written) > 0;

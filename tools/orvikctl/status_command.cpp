@@ -7,6 +7,7 @@
 
 #include "commands.h"
 #include "crash_reason.h"
+#include "error_report.h"
 #include "json.h"
 #include "service_control.h"
 #include "service_dumps.h"
@@ -43,6 +44,9 @@ public:
         json[key] = fact.value;
     }
 
+    /// Not in words.
+    void AddJson(const char* key, const Json& value) { json[key] = value; }
+
     ServiceStatus Finish(std::exception_ptr connectionError) {
         json["unknown"] = unknown;
         return {text, json, std::move(connectionError)};
@@ -76,11 +80,14 @@ Fact RecoveryFact() {
     return {Words(actions), JsonOf(actions)};
 }
 
-Fact LogFolderFact() {
+/// Sets `origin` unless the folder is where the registry says.
+Fact LogFolderFact(Json& origin) {
     const ServiceFolder folder = ServiceLogFolder();
     Fact fact = FactOf(folder.path);
-    if (!folder.origin.empty())
+    if (!folder.origin.empty()) {
         fact.words += " (" + folder.origin + ")";
+        origin = folder.origin;
+    }
     return fact;
 }
 
@@ -139,6 +146,17 @@ Fact PipeFact(const Connection& connection) {
     }
 }
 
+/// Why the service cannot be reached. Null if it can.
+Json ErrorJson(const Connection& connection) {
+    try {
+        if (connection.error)
+            std::rethrow_exception(connection.error);
+        return nullptr;
+    } catch (const orvik::Error& error) {
+        return JsonOf(ErrorOf(error));
+    }
+}
+
 Fact RoundTripFact(const Connection& connection) {
     std::array<char, 40> text{};
     std::snprintf(text.data(), text.size(), "%.3f ms", Made(connection).milliseconds);
@@ -166,9 +184,12 @@ ServiceStatus FindStatus(const Settings& settings) {
     report.Add("program", "program", [] { return FactOf(ServiceProgram()); });
     report.Add("version", "version", [] { return FactOf(ServiceVersion()); });
     report.Add("reachable", "pipe", [&] { return PipeFact(connection); });
+    report.AddJson("error", ErrorJson(connection));
     report.Add("round_trip_ms", "round trip", [&] { return RoundTripFact(connection); });
     report.Add("cameras", "cameras", [&] { return CamerasFact(connection); });
-    report.Add("log_folder", "log folder", LogFolderFact);
+    Json origin;
+    report.Add("log_folder", "log folder", [&] { return LogFolderFact(origin); });
+    report.AddJson("log_folder_origin", origin);
     report.Add("dump_folder", "dump folder", [] { return FactOf(ServiceDumpFolder()); });
     report.Add("newest_dump", "newest dump", DumpFact);
     report.Add("last_crash", "last crash", CrashFact);
