@@ -146,6 +146,7 @@ TEST_F(OrvikctlPlaces, VerifyFindsWhatTheCameraHasNotKept) {
     EXPECT_TRUE(Failed(result, 1, ToUtf8((folder / L"x").wstring()) + " and the camera differ."));
     EXPECT_NE(result.errors.back().find("byte 513 of the file is "), std::string::npos) << result;
     EXPECT_TRUE(result.errors.back().ends_with("byte 1 of block 1 of the camera is ee")) << result;
+    EXPECT_EQ(result.errors.front(), "confirmed written: 2 blocks starting at block 0");
 }
 
 TEST_F(OrvikctlPlaces, ProgressForProgramsGoesOnWhileTheCameraIsSilent) {

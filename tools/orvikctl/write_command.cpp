@@ -25,11 +25,14 @@ void ReportWritten(const Settings& settings, const Extent& written) {
     SayJson(json);
 }
 
-/// Writes all blocks of an extent. Reports how many have been written if it fails.
-void WriteBlocks(const Settings& settings, Transfers& transfers, const orvik::Capacity& capacity,
-                 const Extent& extent, const Options& options, InputFile& file) {
+/// Writes all blocks of an extent, and verifies them if asked for. Reports how many have been written
+/// if it fails. Returns the time of the writing.
+std::chrono::duration<double> WriteBlocks(const Settings& settings, Transfers& transfers,
+                                          const orvik::Capacity& capacity, const Extent& extent,
+                                          const Options& options, InputFile& file) {
     std::uint32_t blocksWritten = 0;
     try {
+        const auto start = std::chrono::steady_clock::now();
         Carry(
             transfers, capacity, extent, options,
             [&](const Extent& piece) {
@@ -39,6 +42,12 @@ void WriteBlocks(const Settings& settings, Transfers& transfers, const orvik::Ca
             [&](const Extent& piece, const std::vector<std::byte>&) {
                 blocksWritten += piece.count;
             });
+        const auto end = std::chrono::steady_clock::now();
+        if (options.verify) {
+            file.Rewind();
+            CompareBlocks(transfers, capacity, extent, options, file);
+        }
+        return end - start;
     } catch (...) {
         // The blocks of outstanding commands may have been written too.
         ReportWritten(settings, {extent.first, blocksWritten});
@@ -53,14 +62,9 @@ void Write(const Settings& settings, const Options& options) {
         const Extent extent =
             ChooseExtent(capacity, options.first, BlocksIn(file, capacity.blockLength),
                          "the number of blocks in the file");
-        const auto start = std::chrono::steady_clock::now();
-        WriteBlocks(settings, transfers, capacity, extent, options, file);
-        const auto end = std::chrono::steady_clock::now();
-        if (options.verify) {
-            file.Rewind();
-            CompareBlocks(transfers, capacity, extent, options, file);
-        }
-        Print(settings, {"wrote", camera, extent, capacity.blockLength, end - start,
+        const std::chrono::duration<double> time =
+            WriteBlocks(settings, transfers, capacity, extent, options, file);
+        Print(settings, {"wrote", camera, extent, capacity.blockLength, time,
                          options.verify ? ", and verified them" : ""});
     });
 }
