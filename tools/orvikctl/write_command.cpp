@@ -25,8 +25,8 @@ void ReportWritten(const Settings& settings, const Extent& written) {
     SayJson(json);
 }
 
-/// Writes all blocks of an extent, and verifies them if asked for. Reports how many have been written
-/// if it fails. Returns the time of the writing.
+/// Writes all blocks of an extent, and verifies them if asked for. Reports how many have been
+/// written if it fails. Returns the time of the writing.
 std::chrono::duration<double> WriteBlocks(const Settings& settings, Transfers& transfers,
                                           const orvik::Capacity& capacity, const Extent& extent,
                                           const Options& options, InputFile& file) {
