@@ -205,7 +205,7 @@ protected:
     /// Announces the camera to the first `most` clients. `later` is called for each client after
     /// the first one, with its number.
     static std::unique_ptr<FakeService> PlayRefusal(int most,
-                                                    std::function<void(Peer&, int)> later) {
+                                                    const std::function<void(Peer&, int)>& later) {
         auto welcomed = std::make_shared<std::atomic<int>>(0);
         return std::make_unique<FakeService>(
             [=](Peer& peer) {

@@ -65,7 +65,7 @@ inline Json ErrorOf(const Result& result) {
     const Json json =
         Json::parse(result.errors.empty() ? "" : result.errors.back(), nullptr, false);
     EXPECT_EQ(json.value("format_version", 0), 1) << result;
-    const Json error = json.value("error", Json::object());
+    Json error = json.value("error", Json::object());
     EXPECT_EQ(error.value("exit_code", 0u), result.exitCode) << result;
     return error;
 }

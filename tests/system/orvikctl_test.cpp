@@ -98,8 +98,8 @@ TEST_F(OrvikctlTest, WrongArguments) {
                                            L"raw -n g0 00 00 00 00 00",
                                            L"raw -n x 00 00 00 00 00",
                                            L"raw -n 00 00 00 00 00 00 00 00 01",
-                                           L"raw -n 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
-                                           L"00 00",
+                                           (L"raw -n 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
+                                            L"00 00"),
                                            L"raw -n 12 00 00 00 00 00 00"}) {
         const Result result = OrvikctlInForeground(arguments);
         EXPECT_TRUE(Failed(result, 2)) << ToUtf8(arguments);
