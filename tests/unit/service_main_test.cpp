@@ -290,9 +290,8 @@ template <typename Exception>
 void Throw(Run& run, const Exception& exception) {
     run.Connect();
     run.Post([exception](IoOperation* operation) {
-        const Exception copy = exception;  // the operation owns this callback
-        delete operation;
-        throw copy;
+        const std::unique_ptr<IoOperation> owner(operation);  // and it owns this callback
+        throw Exception(exception);
     });
 }
 

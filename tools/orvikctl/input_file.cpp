@@ -14,7 +14,7 @@
 namespace {
 
 /// As many bytes as READ(6) and WRITE(6) reach on a camera with the usual blocks of 512 bytes.
-constexpr std::size_t kMemoryLimit = 1024 * 1024 * 1024;
+constexpr std::size_t kMemoryLimit = std::size_t{1024} * 1024 * 1024;
 
 }  // namespace
 
@@ -39,7 +39,7 @@ InputFile InputFile::Open(const std::string& argument) {
 
 void InputFile::ReadIntoMemory() {
     std::vector<std::byte> all;
-    constexpr std::size_t kPiece = 1024 * 1024;
+    constexpr std::size_t kPiece = std::size_t{1024} * 1024;
     while (true) {
         const std::vector<std::byte> piece = Read(kPiece);
         all.insert(all.end(), piece.begin(), piece.end());
