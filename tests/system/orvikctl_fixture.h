@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "orvikctl_program.h"
+#include "raw_client.h"
 #include "support/file_content.h"
 #include "support/plugged_camera.h"
 #include "windows/unique_handle.h"
@@ -108,6 +109,18 @@ protected:
     Bytes Blocks(std::size_t first, std::size_t count) const {
         const auto start = content.begin() + static_cast<std::ptrdiff_t>(first * vcam::kBlockSize);
         return {start, start + static_cast<std::ptrdiff_t>(count * vcam::kBlockSize)};
+    }
+
+    /// Runs it while another program is the main communicator, so that it gets no report of
+    /// cameras, and unplugs the camera during its first command.
+    Result RunUnplugged(const std::wstring& arguments) {
+        const RawClient application;
+        service.Output().WaitFor("attached main communicator");
+        camera.Set(Holds());
+        OrvikctlProgram program(kNoServerCheck + arguments);
+        bus.WaitForPending(camera.Id(), 1, kDeadline);
+        camera.Unplug();
+        return program.Finish();
     }
 
     Bytes Memory() { return bus.ReadMemory(camera.Id(), 0, kBlocks * vcam::kBlockSize); }

@@ -251,15 +251,8 @@ TEST_F(OrvikctlTest, ListKeepsTheLineOfACameraThatDoesNotAnswer) {
     EXPECT_TRUE(service.IsRunning());
 }
 
-/// Another program is the main communicator, so orvikctl gets no report of the camera.
 TEST_F(OrvikctlWithCamera, ListDistinguishesUnpluggedFromRefused) {
-    const RawClient application;
-    service.Output().WaitFor("attached main communicator");
-    camera.Set(Holds());
-    OrvikctlProgram list(kNoServerCheck + L"list --json");
-    bus.WaitForPending(camera.Id(), 1, kDeadline);
-    camera.Unplug();
-    const Json error = JsonOf(list.Finish()).at("details").at(0).at("error");
+    const Json error = JsonOf(RunUnplugged(L"list --json")).at("details").at(0).at("error");
     EXPECT_EQ(error.at("kind"), "camera gone");
     EXPECT_EQ(error.at("exit_code"), 10);
     EXPECT_TRUE(service.IsRunning());

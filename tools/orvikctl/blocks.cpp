@@ -55,6 +55,16 @@ std::function<void(const std::string&)> StoreProgress(ProgressKind& progress) {
     };
 }
 
+std::uint64_t BlocksIn(const InputFile& file, std::uint32_t blockLength) {
+    const std::uint64_t size = file.Size();
+    if (size == 0 || size % blockLength != 0)
+        throw Failure(ExitCode::kFailure, "the size of " + file.Name() + " is " +
+                                              std::to_string(size) +
+                                              " bytes, but must be a multiple of the block size, " +
+                                              std::to_string(blockLength) + ", and not 0");
+    return size / blockLength;
+}
+
 }  // namespace
 
 void AddBlockOptions(CLI::App& command, BlockOptions& options) {
@@ -119,14 +129,9 @@ Extent ChooseExtent(const orvik::Capacity& capacity, std::uint32_t first,
     return {first, static_cast<std::uint32_t>(count.value_or(rest))};
 }
 
-std::uint64_t BlocksIn(const InputFile& file, std::uint32_t blockLength) {
-    const std::uint64_t size = file.Size();
-    if (size == 0 || size % blockLength != 0)
-        throw Failure(ExitCode::kFailure, "the size of " + file.Name() + " is " +
-                                              std::to_string(size) +
-                                              " bytes, but must be a multiple of the block size, " +
-                                              std::to_string(blockLength) + ", and not 0");
-    return size / blockLength;
+Extent ChooseExtent(const orvik::Capacity& capacity, std::uint32_t first, const InputFile& file) {
+    return ChooseExtent(capacity, first, BlocksIn(file, capacity.blockLength),
+                        "the number of blocks in the file");
 }
 
 void Carry(Transfers& transfers, const orvik::Capacity& capacity, const Extent& extent,

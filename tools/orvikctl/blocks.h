@@ -55,8 +55,9 @@ orvik::Capacity ReadCapacity(Transfers& transfers);
 Extent ChooseExtent(const orvik::Capacity& capacity, std::uint32_t first,
                     std::optional<std::uint64_t> count, const char* countName);
 
-/// The number of blocks in a file. Throws Failure if they are none, or not whole blocks.
-std::uint64_t BlocksIn(const InputFile& file, std::uint32_t blockLength);
+/// As many blocks as a file has, starting at block `first`. Throws Failure as above, and if the
+/// file has none, or not whole blocks.
+Extent ChooseExtent(const orvik::Capacity& capacity, std::uint32_t first, const InputFile& file);
 
 /// Transfers an extent in pieces, in order, and shows the progress. `start` starts the command for
 /// a piece; `finished` is called with the data that the command returned.

@@ -8,6 +8,7 @@
 
 #include "application.h"
 #include "exit_code.h"
+#include "paths.h"
 #include "windows/utf.h"
 
 namespace {
@@ -37,11 +38,7 @@ std::string Entry(const std::string& name, std::size_t column, const std::string
 
 /// The page beside this program, where the installer puts it. Empty if it is not there.
 std::wstring InstalledPage() {
-    std::wstring program(32'768, L'\0');
-    program.resize(
-        ::GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size())));
-    const std::wstring folder = program.substr(0, program.find_last_of(L'\\') + 1);
-    const std::wstring page = folder + LR"(docs\orvikctl.md)";
+    const std::wstring page = (OwnFolder() / L"docs" / L"orvikctl.md").native();
     return ::GetFileAttributesW(page.c_str()) == INVALID_FILE_ATTRIBUTES ? L"" : page;
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "cancellation.h"
+#include "paths.h"
 #include "windows/utf.h"
 
 namespace {
@@ -21,14 +22,6 @@ constexpr DWORD kMillisecondsBetweenTries = 50;
 bool IsInUse(DWORD code) noexcept {
     return code == ERROR_ACCESS_DENIED || code == ERROR_SHARING_VIOLATION ||
            code == ERROR_LOCK_VIOLATION || code == ERROR_USER_MAPPED_FILE;
-}
-
-/// Not std::filesystem::absolute(): GCC's damages paths that begin with "\\?\".
-std::wstring FullPath(const std::filesystem::path& path) {
-    std::wstring name(::GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
-    name.resize(
-        ::GetFullPathNameW(path.c_str(), static_cast<DWORD>(name.size()), name.data(), nullptr));
-    return name;
 }
 
 /// Before data is received that could not be kept: the rename at the end would fail.

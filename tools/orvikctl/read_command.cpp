@@ -49,9 +49,7 @@ void CompareWithFile(const Settings& settings, const Options& options) {
     InputFile file = InputFile::Open(options.comparedFile);
     UseCamera(settings, options, [&](Transfers& transfers, orvik::CameraId camera) {
         const orvik::Capacity capacity = ReadCapacity(transfers);
-        const Extent extent =
-            ChooseExtent(capacity, options.first, BlocksIn(file, capacity.blockLength),
-                         "the number of blocks in the file");
+        const Extent extent = ChooseExtent(capacity, options.first, file);
         const auto start = Clock::now();
         CompareBlocks(transfers, capacity, extent, options, file);
         Print(settings, {"compared", camera, extent, capacity.blockLength, Clock::now() - start,

@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "exit_code.h"
 #include "json.h"
+#include "paths.h"
 #include "report_folder.h"
 #include "report_parts.h"
 #include "utc_time.h"
@@ -77,7 +78,7 @@ std::string Now() {
 }
 
 void Report(const Settings& settings, const std::string& argument) {
-    const std::filesystem::path path = std::filesystem::absolute(PathOf(argument));
+    const std::filesystem::path path = FullPath(PathOf(argument));
     ReportFolder folder(path);
     std::vector<Part> parts = Parts(settings);
     for (Part& part : parts) {

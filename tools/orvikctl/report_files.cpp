@@ -12,12 +12,11 @@
 #include "crash_reason.h"
 #include "exit_code.h"
 #include "facts.h"
-#include "partial_file.h"
+#include "found_files.h"
 #include "report_parts.h"
 #include "service_dumps.h"
 #include "service_folders.h"
 #include "utc_time.h"
-#include "windows/unique_handle.h"
 #include "windows/unique_memory.h"
 #include "windows/utf.h"
 
@@ -59,17 +58,12 @@ bool IsPartialFile(const std::filesystem::path& name) {
 /// The files in a folder that match a pattern of FindFirstFileW.
 Json FilesIn(const std::filesystem::path& folder, const wchar_t* pattern,
              bool (*wanted)(const std::filesystem::path&)) {
-    WIN32_FIND_DATAW entry{};
-    const UniqueSearch search = OwnSearch(::FindFirstFileW((folder / pattern).c_str(), &entry));
-    if (!search && ::GetLastError() != ERROR_FILE_NOT_FOUND)
-        throw FileError("cannot list the files in", folder);
     Json files = Json::array();
-    for (BOOL more = search != nullptr; more; more = ::FindNextFileW(search.get(), &entry)) {
-        if (wanted(entry.cFileName))
-            files.push_back(
-                {{"name", ToUtf8(entry.cFileName)},
-                 {"size", (std::uint64_t{entry.nFileSizeHigh} << 32) | entry.nFileSizeLow},
-                 {"written", TimeOf(entry.ftLastWriteTime)}});
+    for (const WIN32_FIND_DATAW& file : FindFiles(folder, pattern, "cannot list the files in")) {
+        if (wanted(file.cFileName))
+            files.push_back({{"name", ToUtf8(file.cFileName)},
+                             {"size", SizeOf(file)},
+                             {"written", TimeOf(file.ftLastWriteTime)}});
     }
     return files;
 }

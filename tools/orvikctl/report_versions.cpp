@@ -1,4 +1,3 @@
-#include <array>
 #include <filesystem>
 #include <iterator>
 #include <set>
@@ -10,6 +9,7 @@
 #include "exit_code.h"
 #include "facts.h"
 #include "partial_file.h"
+#include "paths.h"
 #include "report_parts.h"
 #include "service_folders.h"
 #include "service_program.h"
@@ -21,13 +21,6 @@ namespace {
 
 constexpr const wchar_t* kFiles[] = {L"OrvikService.exe", L"orvikctl.exe", L"orvik.dll",
                                      L"crashreporter.exe"};
-
-std::filesystem::path OwnFolder() {
-    std::array<wchar_t, 32'768> path{};
-    if (::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())) == 0)
-        throw SystemFailure("cannot find the path of this program");
-    return std::filesystem::path(path.data()).parent_path();
-}
 
 Json FileJson(const std::filesystem::path& file) {
     Json json = {{"file", ToUtf8(file.wstring())}};

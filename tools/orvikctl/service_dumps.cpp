@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "partial_file.h"
-#include "windows/unique_handle.h"
+#include "found_files.h"
 
 namespace {
 
@@ -17,16 +16,11 @@ bool IsDumpName(const std::wstring& name) {
 }  // namespace
 
 std::vector<Dump> DumpsIn(const std::filesystem::path& folder) {
-    WIN32_FIND_DATAW entry{};
-    const UniqueSearch search = OwnSearch(::FindFirstFileW((folder / L"*.dmp").c_str(), &entry));
-    if (!search && ::GetLastError() != ERROR_FILE_NOT_FOUND)
-        throw FileError("cannot list the dumps in", folder);
     std::vector<Dump> dumps;
-    for (BOOL more = search != nullptr; more; more = ::FindNextFileW(search.get(), &entry)) {
+    for (const WIN32_FIND_DATAW& file : FindFiles(folder, L"*.dmp", "cannot list the dumps in")) {
         constexpr DWORD kOthers = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
-        if (IsDumpName(entry.cFileName) && (entry.dwFileAttributes & kOthers) == 0)
-            dumps.push_back({entry.cFileName, entry.ftLastWriteTime,
-                             (std::uint64_t{entry.nFileSizeHigh} << 32) | entry.nFileSizeLow});
+        if (IsDumpName(file.cFileName) && (file.dwFileAttributes & kOthers) == 0)
+            dumps.push_back({file.cFileName, file.ftLastWriteTime, SizeOf(file)});
     }
     std::sort(dumps.begin(), dumps.end(), [](const Dump& left, const Dump& right) {
         return ::CompareFileTime(&left.written, &right.written) > 0;

@@ -59,9 +59,7 @@ void Write(const Settings& settings, const Options& options) {
     InputFile file = InputFile::Open(options.input);
     UseCamera(settings, options, [&](Transfers& transfers, orvik::CameraId camera) {
         const orvik::Capacity capacity = ReadCapacity(transfers);
-        const Extent extent =
-            ChooseExtent(capacity, options.first, BlocksIn(file, capacity.blockLength),
-                         "the number of blocks in the file");
+        const Extent extent = ChooseExtent(capacity, options.first, file);
         const std::chrono::duration<double> time =
             WriteBlocks(settings, transfers, capacity, extent, options, file);
         Print(settings, {"wrote", camera, extent, capacity.blockLength, time,
