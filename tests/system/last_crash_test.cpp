@@ -9,6 +9,7 @@
 #include <windows.h>
 
 #include <dbghelp.h>
+#include <tlhelp32.h>
 
 #include "crash_dumps.h"
 #include "installed_service.h"
@@ -97,6 +98,19 @@ TEST_F(LastCrashTest, IsTheTimeAndTextOfTheExceptionThatEndedTheRun) {
         Json({{"time", time}, {"exception_code", kRunEnded}, {"text", "Bad camera in request."}}));
 }
 
+/// A thread of a process.
+DWORD ThreadOf(DWORD process) {
+    const UniqueHandle snapshot = OwnFile(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof(entry);
+    for (BOOL more = ::Thread32First(snapshot.get(), &entry); more;
+         more = ::Thread32Next(snapshot.get(), &entry))
+        if (entry.th32OwnerProcessID == process)
+            return entry.th32ThreadID;
+    ADD_FAILURE() << "the process " << process << " has no thread";
+    return 0;
+}
+
 /// A file that orvikctl takes for the newest dump.
 class NewestDump {
 public:
@@ -110,8 +124,9 @@ public:
     NewestDump(const NewestDump&) = delete;
     NewestDump& operator=(const NewestDump&) = delete;
 
-    /// Writes a dump of this process, as if it had tried to read where there is no memory.
-    void WriteFault() const {
+    /// Writes a dump of a process, as if it had tried to read where there is no memory.
+    void WriteFault(DWORD process) const {
+        const UniqueHandle opened(::OpenProcess(PROCESS_ALL_ACCESS, FALSE, process));
         const UniqueHandle file = OwnFile(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE,
                                                         0, nullptr, CREATE_ALWAYS, 0, nullptr));
         CONTEXT context{};
@@ -119,9 +134,9 @@ public:
         EXCEPTION_RECORD record{};
         record.ExceptionCode = EXCEPTION_ACCESS_VIOLATION;
         EXCEPTION_POINTERS pointers{&record, &context};
-        MINIDUMP_EXCEPTION_INFORMATION exception{::GetCurrentThreadId(), &pointers, FALSE};
-        ASSERT_TRUE(::MiniDumpWriteDump(::GetCurrentProcess(), ::GetCurrentProcessId(), file.get(),
-                                        MiniDumpNormal, &exception, nullptr, nullptr));
+        MINIDUMP_EXCEPTION_INFORMATION exception{ThreadOf(process), &pointers, FALSE};
+        ASSERT_TRUE(::MiniDumpWriteDump(opened.get(), process, file.get(), MiniDumpNormal,
+                                        &exception, nullptr, nullptr));
     }
 
     void Write(const std::string& content) const {
@@ -141,7 +156,11 @@ private:
 
 TEST_F(LastCrashTest, OfADumpThatIsNotOfTheServicesExceptionIsItsCodeOrWhyItCannotBeRead) {
     const NewestDump dump(DumpFolder());
-    dump.WriteFault();
+    {
+        const RunningService service;
+        dump.WriteFault(service.ProcessId());
+    }
+    InstallService(ProgramPath(L"OrvikService.exe"));  // which the service in the foreground undid
     const std::string line = LastCrash();
     EXPECT_TRUE(line.ends_with("Z, access violation (exception 0xc0000005)")) << line;
     const Json crash = StatusAsJson().at("last_crash");
@@ -154,6 +173,29 @@ TEST_F(LastCrashTest, OfADumpThatIsNotOfTheServicesExceptionIsItsCodeOrWhyItCann
                            "exception"));
     dump.Write("This is not a dump, although its name says that it is one.");
     EXPECT_EQ(LastCrash(), dump.Unknown("it is not a dump"));
+}
+
+TEST_F(LastCrashTest, IsNotThatOfAnotherProgramWhoseDumpIsNewer) {
+    const fs::path folder = DumpFolder();
+    const fs::path older = folder / L"76543210-89ab-cdef-0123-456789abcdef.dmp";
+    const Json before = StatusAsJson();
+    const NewestDump dump(folder);
+    dump.WriteFault(::GetCurrentProcessId());
+    const Json after = StatusAsJson();
+    EXPECT_EQ(after.at("last_crash"), before.at("last_crash"));
+    EXPECT_EQ(after.at("newest_dump"), before.at("newest_dump"));
+
+    std::ofstream(older, std::ios::binary) << "a dump of which only this is left";
+    fs::last_write_time(older, fs::file_time_type::clock::now() - std::chrono::seconds(1));
+    const Json status = StatusAsJson();
+    fs::remove(older);
+    EXPECT_EQ(status.at("newest_dump").at("name"), ToUtf8(older.filename().wstring()));
+    EXPECT_EQ(status.at("last_crash"), nullptr);
+    EXPECT_TRUE(status.at("unknown")
+                    .at("last_crash")
+                    .get<std::string>()
+                    .ends_with(ToUtf8(older.filename().wstring()) + ": it is not a dump"))
+        << status;
 }
 
 }  // namespace

@@ -202,13 +202,58 @@ TEST_F(OrvikctlReport, HasTheNewestThreeDumpsAndTheirReasons) {
         EXPECT_EQ(fs::exists(folder / L"report/dumps" / names[i]), i < 2) << names[i];
     EXPECT_EQ(ContentOf(L"report/dumps/" + ToUtf16(names[0])), ::ContentOf(from / names[0]));
     const std::string text = TextOf(L"dumps/dumps.txt");
-    EXPECT_NE(text.find("\n" + names[0] + "  2026-11-22T13:31:15Z, reason? 0\n" + names[1] +
-                        "  unknown: cannot read the dump "),
+    EXPECT_NE(text.find("\n" + names[0] + "  program unknown, 2026-11-22T13:31:15Z, reason? 0\n" +
+                        names[1] + "  program unknown, reason unknown: cannot read the dump "),
               std::string::npos)
         << text;
     EXPECT_TRUE(
         text.ends_with("\n" + names[2] + "  not collected: it has more than 268435456 bytes\n"))
         << text;
+    EndLeftovers();
+}
+
+TEST_F(OrvikctlReport, HasThreeDumpsOfTheServiceAndSaysOfWhichProgramTheOthersAre) {
+    InstallService(ProgramPath(L"OrvikService.exe"));
+    const Json status = Json::parse(Orvikctl(L"status --json").output.at(0));
+    const fs::path from = ToUtf16(status.at("dump_folder").get<std::string>());
+    const auto tomorrow = fs::file_time_type::clock::now() + std::chrono::hours(24);
+    std::vector<std::unique_ptr<NeededFile>> made;
+    std::vector<std::string> names;
+    const wchar_t* const programs[] = {
+        LR"(C:\other.exe)",        LR"(C:\new\ORVIKSERVICE.EXE)", LR"(C:\OrvikService.exe.exe)",
+        LR"(C:\OrvikService.exe)", LR"(C:\OrvikService.exe)",     LR"(C:\other.exe)"};
+    for (std::size_t i = 0; i < std::size(programs); ++i) {  // the newest first
+        names.push_back("0123456" + std::to_string(i) + "-89ab-cdef-0123-456789abcdef.dmp");
+        made.push_back(std::make_unique<NeededFile>(
+            from / names.back(),
+            DumpBytes("reason", kRunEnded, kRunEndedParameters, programs[i]).bytes));
+        fs::last_write_time(from / names.back(), tomorrow - std::chrono::hours(i));
+    }
+    const fs::path root = fs::path(from).root_path();
+    const NeededFile dumpOfClient(
+        root / L"orvikctl_report_test.dmp",
+        DumpBytes("reason", EXCEPTION_ACCESS_VIOLATION, 0, LR"(C:\client.exe)").bytes);
+    const NeededFile noDump(root / L"orvikctl_report_test 2.dmp", BytesOf("x"));
+    Collect();
+    for (const std::size_t i : {0u, 2u, 5u})
+        EXPECT_FALSE(fs::exists(folder / L"report/dumps" / names[i])) << names[i];
+    for (const std::size_t i : {1u, 3u, 4u})
+        EXPECT_TRUE(fs::exists(folder / L"report/dumps" / names[i])) << names[i];
+    const std::string text = TextOf(L"dumps/dumps.txt");
+    const std::string reason = ", 2026-11-22T13:31:15Z, reason\n";
+    EXPECT_TRUE(text.ends_with("\n" + names[0] + "  not collected: it is a dump of other.exe\n" +
+                               names[1] + "  ORVIKSERVICE.EXE" + reason + names[2] +
+                               "  not collected: it is a dump of OrvikService.exe.exe\n" +
+                               names[3] + "  OrvikService.exe" + reason + names[4] +
+                               "  OrvikService.exe" + reason))
+        << text;
+
+    std::map<std::string, Json> programsOfClients;
+    const Json leftovers = JsonIn("leftovers.json").at("dumps_of_the_crash_server");
+    for (const Json& file : leftovers.at(ToUtf8(root.wstring())))
+        programsOfClients[file.at("name")] = file.at("program");
+    EXPECT_EQ(programsOfClients.at("orvikctl_report_test.dmp"), "client.exe");
+    EXPECT_EQ(programsOfClients.at("orvikctl_report_test 2.dmp"), nullptr);
     EndLeftovers();
 }
 

@@ -16,6 +16,7 @@
 #include "exit_code.h"
 #include "protocol/run_end.h"
 #include "support/dump_bytes.h"
+#include "windows/utf.h"
 
 namespace {
 
@@ -112,6 +113,83 @@ TEST(CrashReason, OfATextOutsideTheStackIsAFailure) {
             "failure: the text of the exception is not in the stack of the thread that crashed")
             << address << ", " << length;
     }
+}
+
+// --- Of which program a dump is.
+
+constexpr wchar_t kProgram[] = LR"(C:\Program Files\Orvik\OrvikService.exe)";
+
+Bytes DumpOf(const std::wstring& program) {
+    return DumpBytes("reason", kRunEnded, kRunEndedParameters, program).bytes;
+}
+
+std::string ProgramIn(Bytes bytes) {
+    return ToUtf8(ProgramOf(std::span(bytes)));
+}
+
+/// Writes `record` over the bytes of a dump.
+template <typename Record>
+Bytes With(Bytes bytes, std::size_t place, const Record& record) {
+    std::memcpy(bytes.data() + place, &record, sizeof(record));
+    return bytes;
+}
+
+TEST(DumpedProgram, IsTheFileNameOfTheFirstModule) {
+    EXPECT_EQ(ProgramIn(DumpOf(kProgram)), "OrvikService.exe");
+    EXPECT_EQ(ReasonOf(DumpOf(kProgram)), "reason");
+    EXPECT_EQ(ProgramIn(DumpOf(L"caf\u00E9.exe")), "caf\xC3\xA9.exe");
+    EXPECT_EQ(ProgramIn(DumpOf(LR"(C:\)" + std::wstring(32700, L'x') + LR"(\y.exe)")), "y.exe");
+}
+
+TEST(DumpedProgram, OfADumpWithoutOneIsUnknown) {
+    EXPECT_EQ(ProgramIn({}), "");
+    EXPECT_EQ(ProgramIn(Bytes(1000, std::byte{'x'})), "");
+    EXPECT_EQ(ProgramIn(DumpBytes("reason").bytes), "") << "no list of modules";
+    EXPECT_EQ(ProgramIn(DumpOf(LR"(C:\folder\)")), "");
+}
+
+TEST(DumpedProgram, OfADumpWithADamagedListOfModulesIsUnknown) {
+    const Bytes whole = DumpOf(kProgram);
+    constexpr std::size_t kList = sizeof(MINIDUMP_HEADER) + 3 * sizeof(MINIDUMP_DIRECTORY) +
+                                  sizeof(MINIDUMP_EXCEPTION_STREAM) + sizeof(ULONG32) +
+                                  2 * sizeof(MINIDUMP_THREAD) + kDumpedStackSize;
+    constexpr std::size_t kName =
+        kList + sizeof(ULONG32) + offsetof(MINIDUMP_MODULE, ModuleNameRva);
+    constexpr std::size_t kListSize = sizeof(MINIDUMP_HEADER) + 2 * sizeof(MINIDUMP_DIRECTORY) +
+                                      offsetof(MINIDUMP_DIRECTORY, Location) +
+                                      offsetof(MINIDUMP_LOCATION_DESCRIPTOR, DataSize);
+    ULONG32 name = 0;
+    std::memcpy(&name, whole.data() + kName, sizeof(name));
+    const auto size = static_cast<ULONG32>(whole.size());
+
+    EXPECT_EQ(ProgramIn(With(whole, kList, ULONG32{0})), "") << "no module";
+    for (const ULONG32 tooShort : {0u, 3u, 4u, 100u})
+        EXPECT_EQ(ProgramIn(With(whole, kListSize, tooShort)), "") << tooShort;
+    for (const ULONG32 outside : {size - 3, size, 0xfffffff0u, 0xffffffffu})
+        EXPECT_EQ(ProgramIn(With(whole, kName, outside)), "") << outside;
+    const auto rest = static_cast<ULONG32>(size - name - sizeof(ULONG32));
+    for (const ULONG32 tooLong : {rest + 1, 0x80000000u, 0xffffffffu})
+        EXPECT_EQ(ProgramIn(With(whole, name, tooLong)), "") << tooLong;
+    EXPECT_EQ(ProgramIn(With(whole, name, ULONG32{0})), "");
+    EXPECT_TRUE(ProgramIn(DumpOf(std::wstring(32768, L'x'))).empty()) << "longer than any path";
+    EXPECT_EQ(ReasonOf(With(whole, kList, ULONG32{0})), "reason") << "which is elsewhere";
+}
+
+TEST(DumpedProgram, OfADumpThatIsCutOffAnywhereIsUnknown) {
+    const Bytes whole = DumpOf(kProgram);
+    const std::size_t name = whole.size() - sizeof(wchar_t);  // without its null
+    for (std::size_t size = 0; size < name; ++size)
+        EXPECT_EQ(ProgramIn({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)}), "")
+            << size << " bytes";
+}
+
+TEST(DumpedProgram, OfADumpWithAWrongNumberAnywhereIsReadWithinTheDump) {
+    const Bytes whole = DumpOf(kProgram);
+    std::size_t unknown = 0;
+    for (std::size_t place = 0; place + sizeof(std::uint32_t) <= whole.size(); ++place)
+        for (const std::uint32_t number : {0u, 0x400u, 0xfff0u, 0x7fffffffu, 0xffffffffu})
+            unknown += ProgramIn(With(whole, place, number)).empty() ? 1u : 0u;
+    EXPECT_GT(unknown, 200u);  // the heap ends this program at a read beyond the dump
 }
 
 }  // namespace

@@ -122,6 +122,34 @@ std::optional<std::string> TextOf(const DumpContent& dump,
     return ToUtf8(ToUtf16({reinterpret_cast<const char*>(text.data()), text.size()}));
 }
 
+/// The path of the program: Windows lists it as the first module of its process.
+std::filesystem::path ProgramIn(const DumpContent& dump) {
+    constexpr char kName[] = "the list of its modules";
+    const std::span<const std::byte> list = dump.Stream(ModuleListStream, kName);
+    const auto count = First<ULONG32>(list, kName);
+    if (count == 0)
+        Refuse("it does not have its program");
+    const auto program = First<MINIDUMP_MODULE>(list.subspan(sizeof(count)), kName);
+    const auto length = dump.At<ULONG32>(program.ModuleNameRva, "the name of its program");
+    constexpr ULONG32 kLongestPath = 32767 * sizeof(wchar_t);
+    if (length > kLongestPath)
+        Refuse("the name of its program is too long");
+    const auto name = dump.Part(std::uint64_t{program.ModuleNameRva} + sizeof(length), length,
+                                "the name of its program");
+    std::wstring path(length / sizeof(wchar_t), L'\0');
+    std::memcpy(path.data(), name.data(), path.size() * sizeof(wchar_t));  // may be unaligned
+    return path;
+}
+
+/// All of a file. Throws Failure, also if it is too large for a dump.
+std::vector<std::byte> ContentOf(InputFile& file) {
+    const std::uint64_t size = file.Size();
+    if (size > kDumpSizeLimit)
+        Refuse("cannot read the dump " + file.Name() + ": it has more than " +
+               std::to_string(kDumpSizeLimit) + " bytes");
+    return file.Read(static_cast<std::size_t>(size));
+}
+
 const char* NameOf(DWORD exceptionCode) noexcept {
     switch (exceptionCode) {
         case kRunEnded:
@@ -173,15 +201,29 @@ CrashReason CrashReasonOf(std::span<std::byte> bytes) {
 
 CrashReason CrashReasonOf(const std::filesystem::path& dump) {
     InputFile file(dump);
-    const std::uint64_t size = file.Size();
-    if (size > kDumpSizeLimit)
-        Refuse("cannot read the dump " + file.Name() + ": it has more than " +
-               std::to_string(kDumpSizeLimit) + " bytes");
-    std::vector<std::byte> bytes = file.Read(static_cast<std::size_t>(size));
+    std::vector<std::byte> bytes = ContentOf(file);
     try {
         return CrashReasonOf(std::span(bytes));
     } catch (const Failure& failure) {
         Refuse("cannot read the dump " + file.Name() + ": " + failure.what());
+    }
+}
+
+std::wstring ProgramOf(std::span<std::byte> bytes) {
+    try {
+        return ProgramIn(DumpContent(bytes)).filename().wstring();
+    } catch (const Failure&) {
+        return {};
+    }
+}
+
+std::wstring ProgramOf(const std::filesystem::path& dump) {
+    try {
+        InputFile file(dump);
+        std::vector<std::byte> bytes = ContentOf(file);
+        return ProgramOf(std::span(bytes));
+    } catch (const Failure&) {
+        return {};
     }
 }
 

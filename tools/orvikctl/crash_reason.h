@@ -1,4 +1,4 @@
-// Why a process ended, as its dump tells.
+// What a dump says about a crash: of which program it is, and why the process ended.
 #pragma once
 
 #include <cstddef>
@@ -30,6 +30,11 @@ CrashReason CrashReasonOf(std::span<std::byte> dump);
 
 /// Throws Failure, whose text names the file, if that cannot be read.
 CrashReason CrashReasonOf(const std::filesystem::path& dump);
+
+/// The file name of the program that crashed. Empty if it cannot be read: the dump is damaged, is
+/// larger than kDumpSizeLimit, or does not have the program.
+std::wstring ProgramOf(std::span<std::byte> dump);
+std::wstring ProgramOf(const std::filesystem::path& dump);
 
 /// An object with the keys `time`, `exception_code` and `text`, which may be null.
 Json JsonOf(const CrashReason& reason);

@@ -29,19 +29,21 @@ std::string ReasonOf(const std::filesystem::path& dump) {
         const CrashReason reason = CrashReasonOf(dump);
         return TimeOf(reason.time) + ", " + reason.Words();
     } catch (const std::exception& error) {
-        return std::string("unknown: ") + error.what();
+        return std::string("reason unknown: ") + error.what();
     }
 }
 
-/// Its line in dumps.txt.
-std::string CopyDump(ReportFolder& folder, const std::filesystem::path& from, const Dump& dump) {
+/// Its line in dumps.txt. `program` is empty if it is unknown.
+std::string CopyDump(ReportFolder& folder, const std::filesystem::path& from, const Dump& dump,
+                     const std::wstring& program) {
     std::string line = ToUtf8(dump.name.wstring()) + "  ";
     try {
         if (dump.size > kDumpSizeLimit)
             throw Failure(ExitCode::kFailure,
                           "it has more than " + std::to_string(kDumpSizeLimit) + " bytes");
         folder.Copy(from / dump.name, std::filesystem::path("dumps") / dump.name);
-        line += ReasonOf(from / dump.name);
+        line += (program.empty() ? "program unknown" : ToUtf8(program)) + ", " +
+                ReasonOf(from / dump.name);
     } catch (const std::exception& error) {
         line += std::string("not collected: ") + error.what();
     }
@@ -55,15 +57,27 @@ bool IsPartialFile(const std::filesystem::path& name) {
            process.find_first_not_of(L"0123456789", 1) == std::wstring::npos;
 }
 
-/// The files in a folder that match a pattern of FindFirstFileW.
-Json FilesIn(const std::filesystem::path& folder, const wchar_t* pattern,
-             bool (*wanted)(const std::filesystem::path&)) {
+Json FileJson(const WIN32_FIND_DATAW& file) {
+    return {{"name", ToUtf8(file.cFileName)},
+            {"size", SizeOf(file)},
+            {"written", TimeOf(file.ftLastWriteTime)}};
+}
+
+Json PartialFilesIn(const std::filesystem::path& folder) {
     Json files = Json::array();
-    for (const WIN32_FIND_DATAW& file : FindFiles(folder, pattern, "cannot list the files in")) {
-        if (wanted(file.cFileName))
-            files.push_back({{"name", ToUtf8(file.cFileName)},
-                             {"size", SizeOf(file)},
-                             {"written", TimeOf(file.ftLastWriteTime)}});
+    for (const WIN32_FIND_DATAW& file : FindFiles(folder, L"*.part", "cannot list the files in"))
+        if (IsPartialFile(file.cFileName))
+            files.push_back(FileJson(file));
+    return files;
+}
+
+/// With the program of each, null if it is unknown.
+Json CrashServerDumpsIn(const std::filesystem::path& folder) {
+    Json files = Json::array();
+    for (const WIN32_FIND_DATAW& file : FindFiles(folder, L"*.dmp", "cannot list the files in")) {
+        const std::wstring program = ProgramOf(folder / file.cFileName);
+        files.push_back(FileJson(file));
+        files.back()["program"] = program.empty() ? Json() : Json(ToUtf8(program));
     }
     return files;
 }
@@ -95,14 +109,25 @@ void ReportOldLog(ReportFolder& folder) {
 
 void ReportDumps(ReportFolder& folder) {
     const std::filesystem::path from = ServiceDumpFolder();
-    std::vector<Dump> dumps = DumpsIn(from);
-    std::string text = "Dumps of the service in " + ToUtf8(from.wstring()) + ": " +
+    const std::vector<Dump> dumps = DumpsIn(from);
+    std::string text = "Dumps of all programs in " + ToUtf8(from.wstring()) + ": " +
                        std::to_string(dumps.size()) + ". The newest " + std::to_string(kDumps) +
-                       " are in this folder.\n";
+                       " of the service are in this folder.\n";
     folder.MakeFolder("dumps");
-    dumps.resize(std::min(dumps.size(), kDumps));
-    for (const Dump& dump : dumps)
-        text += CopyDump(folder, from, dump);
+    std::size_t ofService = 0;
+    for (const Dump& dump : dumps) {
+        if (ofService == kDumps)
+            break;
+        const std::wstring program = ProgramOf(from / dump.name);
+        if (IsOfAnotherProgram(program)) {
+            text += Printable(ToUtf8(dump.name.wstring()) + "  not collected: it is a dump of " +
+                              ToUtf8(program)) +
+                    "\n";
+        } else {
+            text += CopyDump(folder, from, dump, program);
+            ++ofService;
+        }
+    }
     folder.Write("dumps/dumps.txt", text);
 }
 
@@ -110,11 +135,10 @@ void ReportLeftovers(ReportFolder& folder) {
     Json json = NewJson();
     for (const std::filesystem::path& from : UsersFolders())
         AddFact(json["partial_files"], ToUtf8(from.wstring()).c_str(),
-                [&] { return FilesIn(from, L"*.part", IsPartialFile); });
+                [&] { return PartialFilesIn(from); });
     // Which drive is current for the crash server is known to its process alone.
     const std::filesystem::path root = std::filesystem::path(ExpandForSystem(L"%SystemDrive%\\"));
-    AddFact(json["dumps_of_the_crash_server"], ToUtf8(root.wstring()).c_str(), [&] {
-        return FilesIn(root, L"*.dmp", [](const std::filesystem::path&) { return true; });
-    });
+    AddFact(json["dumps_of_the_crash_server"], ToUtf8(root.wstring()).c_str(),
+            [&] { return CrashServerDumpsIn(root); });
     folder.Write("leftovers.json", json);
 }

@@ -1,9 +1,10 @@
 #include "service_dumps.h"
 
 #include <algorithm>
-#include <string>
 
+#include "crash_reason.h"
 #include "found_files.h"
+#include "service_program.h"
 
 namespace {
 
@@ -26,4 +27,17 @@ std::vector<Dump> DumpsIn(const std::filesystem::path& folder) {
         return ::CompareFileTime(&left.written, &right.written) > 0;
     });
     return dumps;
+}
+
+bool IsOfAnotherProgram(const std::wstring& program) {
+    return !program.empty() &&
+           ::CompareStringOrdinal(program.c_str(), -1, ServiceProgram().filename().c_str(), -1,
+                                  TRUE) != CSTR_EQUAL;
+}
+
+std::optional<Dump> NewestServiceDump(const std::filesystem::path& folder) {
+    for (const Dump& dump : DumpsIn(folder))
+        if (!IsOfAnotherProgram(ProgramOf(folder / dump.name)))
+            return dump;
+    return std::nullopt;
 }

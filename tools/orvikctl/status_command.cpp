@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -92,21 +93,21 @@ Fact LogFolderFact(Json& origin) {
 }
 
 Fact DumpFact() {
-    const std::vector<Dump> dumps = DumpsIn(ServiceDumpFolder());
-    if (dumps.empty())
+    const std::optional<Dump> dump = NewestServiceDump(ServiceDumpFolder());
+    if (!dump)
         return NoFact();
-    const std::string name = ToUtf8(dumps.front().name.wstring());
-    const std::string time = TimeOf(dumps.front().written);
+    const std::string name = ToUtf8(dump->name.wstring());
+    const std::string time = TimeOf(dump->written);
     return {name + ", " + time, {{"name", name}, {"time", time}}};
 }
 
-/// Of the newest dump.
+/// Of the newest dump of the service.
 Fact CrashFact() {
     const std::filesystem::path folder = ServiceDumpFolder();
-    const std::vector<Dump> dumps = DumpsIn(folder);
-    if (dumps.empty())
+    const std::optional<Dump> dump = NewestServiceDump(folder);
+    if (!dump)
         return {"no dump", nullptr};
-    const CrashReason reason = CrashReasonOf(folder / dumps.front().name);
+    const CrashReason reason = CrashReasonOf(folder / dump->name);
     return {TimeOf(reason.time) + ", " + reason.Words(), JsonOf(reason)};
 }
 
