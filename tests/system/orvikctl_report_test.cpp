@@ -66,6 +66,18 @@ private:
 constexpr wchar_t kApplicationKey[] =
     LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\App Paths\Orvik.exe)";
 
+void ExpectFactsOfThisWindows(const Json& json) {
+    constexpr wchar_t kKey[] = LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion)";
+    DWORD revision = 0;
+    DWORD size = sizeof(revision);
+    const LSTATUS code = ::RegGetValueW(HKEY_LOCAL_MACHINE, kKey, L"UBR", RRF_RT_REG_DWORD, nullptr,
+                                        &revision, &size);
+    EXPECT_TRUE(code == ERROR_SUCCESS || code == ERROR_FILE_NOT_FOUND) << code;  // some Wines
+    EXPECT_EQ(json.at("update_revision"), code == ERROR_SUCCESS ? Json(revision) : Json());
+    EXPECT_TRUE(json.at("name").get<std::string>().find("Windows ") != std::string::npos) << json;
+    EXPECT_NE(json.at("version").get<std::string>().find('.'), std::string::npos);
+}
+
 Bytes BytesOf(const std::string& text) {
     const auto* const first = reinterpret_cast<const std::byte*>(text.data());
     return {first, first + text.size()};
@@ -137,7 +149,7 @@ TEST_F(OrvikctlReport, OfARunningServiceHasAllParts) {
         EXPECT_EQ(versions[program].at("version"), "4.0.4") << program;
     EXPECT_TRUE(versions["orvik.dll"].contains("file"));
     EXPECT_TRUE(versions["crashreporter.exe"].at("unknown").contains("file"));
-    EXPECT_NE(JsonIn("windows.json").at("version").get<std::string>().find('.'), std::string::npos);
+    ExpectFactsOfThisWindows(JsonIn("windows.json"));
     EXPECT_EQ(JsonIn("application.json").at("value"), ToUtf8(RecorderPath()));
     EXPECT_EQ(JsonIn("application.json").at("is_a_file"), true);
     EXPECT_EQ(ContentOf(L"report/log.txt"), ::ContentOf(logFolder / L"log.txt"));

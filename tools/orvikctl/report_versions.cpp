@@ -2,6 +2,7 @@
 #include <iterator>
 #include <set>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include <windows.h>
@@ -16,6 +17,7 @@
 #include "utc_time.h"
 #include "windows/system_dll.h"
 #include "windows/utf.h"
+#include "windows_name.h"
 
 namespace {
 
@@ -46,13 +48,29 @@ RTL_OSVERSIONINFOEXW Version() {
     return version;
 }
 
-/// A text that Windows has about its own version. Null if there is none.
+/// Where Windows has facts about its own version.
+constexpr wchar_t kVersionKey[] = LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion)";
+
+/// Null if there is none.
 Json VersionText(const wchar_t* value) {
-    const auto text = FindRegistryText(LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion)", value);
+    const auto text = FindRegistryText(kVersionKey, value);
     return text ? Json(ToUtf8(*text)) : Json();
 }
 
+Json VersionNumber(const wchar_t* value) {
+    const auto number = FindRegistryNumber(kVersionKey, value);
+    return number ? Json(*number) : Json();
+}
+
 }  // namespace
+
+std::string WindowsName(const std::string& product, std::uint32_t build, bool server) {
+    constexpr std::string_view kOldName = "Windows 10";
+    constexpr std::uint32_t kFirstBuildOfWindows11 = 22000;
+    if (server || build < kFirstBuildOfWindows11 || !product.starts_with(kOldName))
+        return product;
+    return "Windows 11" + product.substr(kOldName.size());
+}
 
 void ReportVersions(ReportFolder& folder) {
     Json json = NewJson();
@@ -76,7 +94,14 @@ void ReportWindows(ReportFolder& folder) {
                       std::to_string(version.dwMinorVersion) + "." +
                       std::to_string(version.dwBuildNumber);
     json["service_pack"] = ToUtf8(version.szCSDVersion);
-    json["server"] = version.wProductType != VER_NT_WORKSTATION;
+    AddFact(json, "update_revision", [] { return VersionNumber(L"UBR"); });
+    const bool server = version.wProductType != VER_NT_WORKSTATION;
+    json["server"] = server;
+    AddFact(json, "name", [&] {
+        const Json product = VersionText(L"ProductName");
+        return product.is_null() ? product
+                                 : Json(WindowsName(product, version.dwBuildNumber, server));
+    });
     AddFact(json, "product", [] { return VersionText(L"ProductName"); });
     AddFact(json, "release", [] { return VersionText(L"DisplayVersion"); });
     AddFact(json, "build", [] { return VersionText(L"BuildLabEx"); });

@@ -27,6 +27,16 @@ std::string NameOfValue(const std::wstring& key, const wchar_t* value) {
     return "HKLM\\" + ToUtf8(key) + "\\" + (value != nullptr ? ToUtf8(value) : "(default)");
 }
 
+/// Reads a value in HKEY_LOCAL_MACHINE. `size` is in bytes. False if there is none.
+bool ReadValue(const std::wstring& key, const wchar_t* value, DWORD flags, void* to, DWORD size) {
+    const LSTATUS code =
+        ::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), value, flags, nullptr, to, &size);
+    if (code != ERROR_SUCCESS && code != ERROR_FILE_NOT_FOUND)
+        throw SystemFailure("cannot read the registry value " + NameOfValue(key, value),
+                            static_cast<DWORD>(code));
+    return code == ERROR_SUCCESS;
+}
+
 /// The name without the ".\" that an account of this machine may have in front of it.
 std::wstring NameOf(const std::wstring& account) {
     return account.starts_with(L".\\") ? account.substr(2) : account;
@@ -85,16 +95,17 @@ ServiceFolder ProfileFolder() {
 
 std::optional<std::wstring> FindRegistryText(const std::wstring& key, const wchar_t* value) {
     std::array<wchar_t, 1024> text{};
-    DWORD size = sizeof(text);
-    const LSTATUS code = ::RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), value,
-                                        RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND,
-                                        nullptr, text.data(), &size);
-    if (code == ERROR_FILE_NOT_FOUND)
+    if (!ReadValue(key, value, RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, text.data(),
+                   sizeof(text)))
         return std::nullopt;
-    if (code != ERROR_SUCCESS)
-        throw SystemFailure("cannot read the registry value " + NameOfValue(key, value),
-                            static_cast<DWORD>(code));
     return text.data();
+}
+
+std::optional<std::uint32_t> FindRegistryNumber(const std::wstring& key, const wchar_t* value) {
+    std::uint32_t number = 0;
+    if (!ReadValue(key, value, RRF_RT_REG_DWORD, &number, sizeof(number)))
+        return std::nullopt;
+    return number;
 }
 
 std::wstring ExpandForSystem(const std::wstring& text) {

@@ -2,6 +2,7 @@
 // Each function throws Failure, whose text says why the fact cannot be determined.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -9,6 +10,9 @@
 /// A text value in HKEY_LOCAL_MACHINE, with environment variables not expanded. Empty if there is
 /// none. Null means the default value of the key.
 std::optional<std::wstring> FindRegistryText(const std::wstring& key, const wchar_t* value);
+
+/// The same for a REG_DWORD.
+std::optional<std::uint32_t> FindRegistryNumber(const std::wstring& key, const wchar_t* value);
 
 /// Replaces the environment variables in `text` by the values that they have for LocalSystem.
 std::wstring ExpandForSystem(const std::wstring& text);
