@@ -149,6 +149,29 @@ TEST_F(OrvikctlPlaces, VerifyFindsWhatTheCameraHasNotKept) {
     EXPECT_EQ(result.errors.front(), "confirmed written: 2 blocks starting at block 0");
 }
 
+/// The steps that the progress on standard error shows to their end, in order.
+Lines FinishedSteps(const Result& result) {
+    EXPECT_EQ(result.exitCode, 0u) << result;
+    Lines steps;
+    for (const std::string& line : result.errors) {
+        const Json progress = Json::parse(line).at("progress");
+        if (progress.at("bytes") == progress.at("total"))
+            steps.push_back(progress.at("step"));
+    }
+    return steps;
+}
+
+TEST_F(OrvikctlPlaces, ProgressForProgramsNamesTheStep) {
+    const auto steps = [this](const std::wstring& command) {
+        return FinishedSteps(
+            OrvikctlInForeground(command + L" " + Quoted(L"x") + L" --json --progress json"));
+    };
+    EXPECT_EQ(steps(L"read -o"), Lines{"read"});
+    EXPECT_EQ(steps(L"read --compare"), Lines{"compare"});
+    EXPECT_EQ(steps(L"write -i"), Lines{"write"});
+    EXPECT_EQ(steps(L"write --verify -i"), (Lines{"write", "verify"}));
+}
+
 TEST_F(OrvikctlPlaces, ProgressForProgramsGoesOnWhileTheCameraIsSilent) {
     camera.Set(Holds());
     OrvikctlProgram read(kNoServerCheck + L"read --progress json -o " + Quoted(L"x"));
@@ -163,7 +186,9 @@ TEST_F(OrvikctlPlaces, ProgressForProgramsGoesOnWhileTheCameraIsSilent) {
     ASSERT_GE(result.errors.size(), 4u) << result;
     for (std::size_t i = 0; i < 2; ++i) {
         const Json progress = Json::parse(result.errors[i]).at("progress");
-        EXPECT_EQ(progress, (Json{{"bytes", 0}, {"total", 153600}, {"bytes_per_second", 0}}));
+        EXPECT_EQ(
+            progress,
+            (Json{{"step", "read"}, {"bytes", 0}, {"total", 153600}, {"bytes_per_second", 0}}));
     }
     const Json last = Json::parse(result.errors[result.errors.size() - 2]).at("progress");
     EXPECT_EQ(last.at("bytes"), 153600);

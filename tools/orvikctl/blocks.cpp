@@ -135,11 +135,12 @@ Extent ChooseExtent(const orvik::Capacity& capacity, std::uint32_t first, const 
 }
 
 void Carry(Transfers& transfers, const orvik::Capacity& capacity, const Extent& extent,
-           const BlockOptions& options, const std::function<void(const Extent& piece)>& start,
+           const BlockOptions& options, const char* step,
+           const std::function<void(const Extent& piece)>& start,
            const std::function<void(const Extent& piece, std::vector<std::byte> data)>& finished) {
     const std::uint32_t blocksPerCommand = BlocksPerCommand(capacity);
     const auto progress =
-        NewProgress(options.progress, std::uint64_t{extent.count} * capacity.blockLength);
+        NewProgress(options.progress, step, std::uint64_t{extent.count} * capacity.blockLength);
     std::deque<Extent> pieces;  // outstanding, oldest first
     Extent rest = extent;
     while (rest.count != 0 || !pieces.empty()) {
@@ -162,10 +163,10 @@ void Carry(Transfers& transfers, const orvik::Capacity& capacity, const Extent& 
 
 void ReadBlocks(
     Transfers& transfers, const orvik::Capacity& capacity, const Extent& extent,
-    const BlockOptions& options,
+    const BlockOptions& options, const char* step,
     const std::function<void(const Extent& piece, std::span<const std::byte> data)>& received) {
     Carry(
-        transfers, capacity, extent, options,
+        transfers, capacity, extent, options, step,
         [&](const Extent& piece) { transfers.StartIn(orvik::Read6Cdb(piece.first, piece.count)); },
         [&](const Extent& piece, const std::vector<std::byte>& data) {
             const std::size_t length = std::size_t{piece.count} * capacity.blockLength;

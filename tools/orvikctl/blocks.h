@@ -59,16 +59,18 @@ Extent ChooseExtent(const orvik::Capacity& capacity, std::uint32_t first,
 /// file has none, or not whole blocks.
 Extent ChooseExtent(const orvik::Capacity& capacity, std::uint32_t first, const InputFile& file);
 
-/// Transfers an extent in pieces, in order, and shows the progress. `start` starts the command for
-/// a piece; `finished` is called with the data that the command returned.
+/// Transfers an extent in pieces, in order, and shows the progress of `step` (see NewProgress()).
+/// `start` starts the command for a piece; `finished` is called with the data that the command
+/// returned.
 /// Throws Failure, and what `transfers`, `start` and `finished` throw.
 void Carry(Transfers& transfers, const orvik::Capacity& capacity, const Extent& extent,
-           const BlockOptions& options, const std::function<void(const Extent& piece)>& start,
+           const BlockOptions& options, const char* step,
+           const std::function<void(const Extent& piece)>& start,
            const std::function<void(const Extent& piece, std::vector<std::byte> data)>& finished);
 
 /// Reads an extent with Carry() and calls `received` with the data of each piece.
 /// Throws Failure if the camera returns less data than the blocks have.
 void ReadBlocks(
     Transfers& transfers, const orvik::Capacity& capacity, const Extent& extent,
-    const BlockOptions& options,
+    const BlockOptions& options, const char* step,
     const std::function<void(const Extent& piece, std::span<const std::byte> data)>& received);

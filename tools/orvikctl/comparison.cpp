@@ -6,8 +6,8 @@
 #include "streams.h"
 
 void CompareBlocks(Transfers& transfers, const orvik::Capacity& capacity, const Extent& extent,
-                   const BlockOptions& options, InputFile& file) {
-    ReadBlocks(transfers, capacity, extent, options,
+                   const BlockOptions& options, const char* step, InputFile& file) {
+    ReadBlocks(transfers, capacity, extent, options, step,
                [&](const Extent& piece, std::span<const std::byte> onCamera) {
                    const std::vector<std::byte> inFile = file.ReadAll(onCamera.size());
                    const auto [first, second] =

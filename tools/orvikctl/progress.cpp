@@ -12,12 +12,13 @@ public:
 
 }  // namespace
 
-std::unique_ptr<Progress> NewProgress(ProgressKind kind, std::uint64_t bytesInAll) {
+std::unique_ptr<Progress> NewProgress(ProgressKind kind, const char* step,
+                                      std::uint64_t bytesInAll) {
     switch (kind) {
         case ProgressKind::kBar:
             return std::make_unique<ProgressBar>(bytesInAll);
         case ProgressKind::kLines:
-            return std::make_unique<ProgressLines>(bytesInAll);
+            return std::make_unique<ProgressLines>(step, bytesInAll);
         case ProgressKind::kNone:
             break;
     }

@@ -15,9 +15,11 @@ class Progress {
 public:
     virtual ~Progress() = default;
 
-    /// Called after each step, and about once a second. Shows no more than is useful, but always
+    /// Called after each piece, and about once a second. Shows no more than is useful, but always
     /// the end.
     virtual void Show(std::uint64_t bytesDone) = 0;
 };
 
-std::unique_ptr<Progress> NewProgress(ProgressKind kind, std::uint64_t bytesInAll);
+/// The progress of one step of a command: `step` is "read", "write", "verify" or "compare".
+std::unique_ptr<Progress> NewProgress(ProgressKind kind, const char* step,
+                                      std::uint64_t bytesInAll);

@@ -14,6 +14,7 @@ void ProgressLines::Show(std::uint64_t bytesDone) {
     const double seconds = std::chrono::duration<double>(now - start).count();
     const double rate = seconds > 0 ? static_cast<double>(bytesDone) / seconds : 0;
     Json json = NewJson();
+    json["progress"]["step"] = step;
     json["progress"]["bytes"] = bytesDone;
     json["progress"]["total"] = all;
     json["progress"]["bytes_per_second"] = std::llround(rate);

@@ -8,13 +8,16 @@
 /// One JSON object per second on standard error, and one at the end.
 class ProgressLines : public Progress {
 public:
-    explicit ProgressLines(std::uint64_t bytesInAll) : all(bytesInAll) {}
+    ProgressLines(const char* currentStep, std::uint64_t bytesInAll)
+        : step(currentStep),
+          all(bytesInAll) {}
 
     void Show(std::uint64_t bytesDone) override;
 
 private:
     using Clock = std::chrono::steady_clock;
 
+    const char* const step;
     const std::uint64_t all;
     const Clock::time_point start = Clock::now();
     Clock::time_point shown = start;

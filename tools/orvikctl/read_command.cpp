@@ -36,7 +36,7 @@ void ReadIntoFile(const Settings& settings, const Options& options) {
         const std::uint64_t bytes = std::uint64_t{extent.count} * capacity.blockLength;
         output.RequireSpace(bytes);
         const auto start = Clock::now();
-        ReadBlocks(transfers, capacity, extent, options,
+        ReadBlocks(transfers, capacity, extent, options, "read",
                    [&](const Extent&, std::span<const std::byte> data) { output.Write(data); });
         const std::chrono::duration<double> time = Clock::now() - start;
         output.Commit();
@@ -51,7 +51,7 @@ void CompareWithFile(const Settings& settings, const Options& options) {
         const orvik::Capacity capacity = ReadCapacity(transfers);
         const Extent extent = ChooseExtent(capacity, options.first, file);
         const auto start = Clock::now();
-        CompareBlocks(transfers, capacity, extent, options, file);
+        CompareBlocks(transfers, capacity, extent, options, "compare", file);
         Print(settings, {"compared", camera, extent, capacity.blockLength, Clock::now() - start,
                          ": no difference"});
     });

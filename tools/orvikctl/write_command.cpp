@@ -34,7 +34,7 @@ std::chrono::duration<double> WriteBlocks(const Settings& settings, Transfers& t
     try {
         const auto start = std::chrono::steady_clock::now();
         Carry(
-            transfers, capacity, extent, options,
+            transfers, capacity, extent, options, "write",
             [&](const Extent& piece) {
                 transfers.StartOut(orvik::Write6Cdb(piece.first, piece.count),
                                    file.ReadAll(std::size_t{piece.count} * capacity.blockLength));
@@ -45,7 +45,7 @@ std::chrono::duration<double> WriteBlocks(const Settings& settings, Transfers& t
         const auto end = std::chrono::steady_clock::now();
         if (options.verify) {
             file.Rewind();
-            CompareBlocks(transfers, capacity, extent, options, file);
+            CompareBlocks(transfers, capacity, extent, options, "verify", file);
         }
         return end - start;
     } catch (...) {
