@@ -70,6 +70,18 @@ TEST_F(OrvikctlTest, OptionsOfTheHelpAreThoseOfThePage) {
     EXPECT_EQ(inHelp, onPage);
 }
 
+TEST_F(OrvikctlTest, HelpOfStandardStreamsWarnsOfPowerShellAsThePageDoes) {
+    EXPECT_NE(Page().find("up to version 7.3"), std::string::npos);
+    const auto expectHelp = [](const wchar_t* command, const std::string& text) {
+        const std::string help = OutputOf(std::wstring(L"help ") + command);
+        const std::string oneLine = std::regex_replace(help, std::regex("\\s+"), " ");
+        EXPECT_NE(oneLine.find(text), std::string::npos) << help;
+    };
+    const std::string advice = "In PowerShell up to version 7.3 use a file: a pipeline ";
+    expectHelp(L"read", advice + "or > damages binary data there");
+    expectHelp(L"write", advice + "damages binary data there");
+}
+
 TEST_F(OrvikctlTest, CompletionKnowsTheCommandsAndOptionsOfTheHelp) {
     const std::string script = OutputOf(L"completion powershell");
     const std::set<std::string> inHelp = OptionsIn(OutputOf(L"help --all"));

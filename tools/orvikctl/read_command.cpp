@@ -81,7 +81,8 @@ void AddRead(CLI::App& app, const Settings& settings) {
     command
         ->add_option("-o,--output", options->output,
                      "File to write; it appears under this name when it is complete. - is standard "
-                     "output; NUL keeps nothing, to measure")
+                     "output; NUL keeps nothing, to measure. In PowerShell up to version 7.3 use a "
+                     "file: a pipeline or > damages binary data there")
         ->type_name("FILE");
     command
         ->add_option("--compare", options->comparedFile,

@@ -76,7 +76,8 @@ void AddWrite(CLI::App& app, const Settings& settings) {
     command
         ->add_option("-i,--input", options->input,
                      "File to read; its size must be a multiple of the block size. - is standard "
-                     "input, which is read to its end first")
+                     "input, which is read to its end first. In PowerShell up to version 7.3 use a "
+                     "file: a pipeline damages binary data there")
         ->type_name("FILE")
         ->required();
     command->add_flag("--verify", options->verify,
