@@ -282,6 +282,44 @@ TEST_F(OrvikctlReport, HasWhyTheValueOfTheApplicationCannotBeRead) {
         << why;
 }
 
+TEST_F(OrvikctlReport, HasTheProgramThatTheServiceWouldStart) {
+    constexpr wchar_t kFallback[] = LR"(c:\Program Files (x86)\Orvik\Orvik.exe)";
+    const RegisteredApplication restored(std::nullopt);
+    const auto expectStarted = [this](const std::wstring& path) {
+        fs::remove_all(folder / L"report");
+        Collect();
+        const Json json = JsonIn("application.json");
+        EXPECT_EQ(json.at("started"), ToUtf8(path));
+        EXPECT_EQ(json.at("started_is_a_file"), fs::is_regular_file(path));
+    };
+    const auto setValue = [](DWORD type, const void* value, std::size_t size) {
+        ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kApplicationKey, nullptr, type, value,
+                                    static_cast<DWORD>(size)),
+                  ERROR_SUCCESS);
+    };
+    expectStarted(kFallback);
+    const std::wstring recorder = RecorderPath();
+    ASSERT_TRUE(fs::is_regular_file(recorder));
+    setValue(REG_SZ, recorder.c_str(), (recorder.size() + 1) * sizeof(wchar_t));
+    expectStarted(recorder);
+    const std::wstring tooLong(512, L'x');
+    setValue(REG_SZ, tooLong.c_str(), (tooLong.size() + 1) * sizeof(wchar_t));
+    expectStarted(kFallback);
+    EXPECT_EQ(JsonIn("application.json").at("value"), ToUtf8(tooLong)) << "which is not used";
+    // The service takes a value of any type for a path.
+    const DWORD numbers[] = {0, 'x'};
+    setValue(REG_DWORD, &numbers[0], sizeof(DWORD));
+    expectStarted(kFallback);
+    setValue(REG_DWORD, &numbers[1], sizeof(DWORD));
+    MakeFile(L"x", Bytes(1));
+    const CurrentFolder inside(folder);  // which says nothing about the service's current folder
+    fs::remove_all(L"report");
+    Collect();
+    const Json json = JsonIn("application.json");
+    EXPECT_EQ(json.at("started"), "x");
+    EXPECT_EQ(json.at("started_is_a_file"), false);
+}
+
 TEST_F(OrvikctlReport, WithoutAServiceSaysWhatIsMissingAndWhy) {
     const CurrentFolder inside(folder);
     const Result result = Orvikctl(L"report -o report");

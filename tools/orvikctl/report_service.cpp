@@ -8,6 +8,7 @@
 #include "facts.h"
 #include "protocol/message.h"
 #include "report_parts.h"
+#include "server/application_path.h"
 #include "service_control.h"
 #include "service_folders.h"
 #include "service_record.h"
@@ -70,5 +71,12 @@ void ReportApplication(ReportFolder& folder) {
         return std::filesystem::is_regular_file(FindRegistryText(key, nullptr).value_or(L""),
                                                 error);
     });
+    // By the service's own rule, which takes some values that the above does not.
+    ApplicationPath registered{};
+    const std::filesystem::path started = FindApplicationPath(registered);
+    json["started"] = ToUtf8(started.wstring());
+    std::error_code error;
+    json["started_is_a_file"] =
+        started.is_absolute() && std::filesystem::is_regular_file(started, error);
     folder.Write("application.json", json);
 }
