@@ -320,6 +320,13 @@ TEST_F(OrvikctlReport, HasTheProgramThatTheServiceWouldStart) {
     EXPECT_EQ(json.at("started_is_a_file"), false);
 }
 
+TEST_F(OrvikctlReport, TakesAPathWithoutALimitOfItsLength) {
+    const std::wstring path = LR"(\\?\)" + (folder / L"report").wstring();
+    const Json json = JsonOf(Orvikctl(L"report --json -o \"" + path + L"\""));
+    EXPECT_EQ(json.at("folder"), ToUtf8(path));
+    EXPECT_TRUE(fs::exists(folder / L"report/report.txt"));
+}
+
 TEST_F(OrvikctlReport, WithoutAServiceSaysWhatIsMissingAndWhy) {
     const CurrentFolder inside(folder);
     const Result result = Orvikctl(L"report -o report");

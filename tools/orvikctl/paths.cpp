@@ -3,11 +3,14 @@
 #include <windows.h>
 
 #include "exit_code.h"
+#include "windows/utf.h"
 
 std::wstring FullPath(const std::filesystem::path& path) {
     std::wstring name(::GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
     name.resize(
         ::GetFullPathNameW(path.c_str(), static_cast<DWORD>(name.size()), name.data(), nullptr));
+    if (name.empty())
+        throw SystemFailure("cannot find the full path of \"" + ToUtf8(path.native()) + "\"");
     return name;
 }
 

@@ -4,7 +4,7 @@
 #include <string>
 
 /// The path from the root on. Not std::filesystem::absolute(): GCC's damages paths that begin with
-/// "\\?\".
+/// "\\?\". Throws SystemFailure.
 std::wstring FullPath(const std::filesystem::path& path);
 
 /// The folder that this program is in. Throws SystemFailure.
