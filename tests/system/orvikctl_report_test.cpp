@@ -225,7 +225,7 @@ TEST_F(OrvikctlReport, HasTheNewestThreeDumpsAndTheirReasons) {
 }
 
 TEST_F(OrvikctlReport, HasThreeDumpsOfTheServiceAndSaysOfWhichProgramTheOthersAre) {
-    InstallService(ProgramPath(L"OrvikService.exe"));
+    InstallService(ProgramPath(L"OrvikService"));  // Windows adds the ".exe"
     const Json status = Json::parse(Orvikctl(L"status --json").output.at(0));
     const fs::path from = ToUtf16(status.at("dump_folder").get<std::string>());
     const auto tomorrow = fs::file_time_type::clock::now() + std::chrono::hours(24);
@@ -239,6 +239,9 @@ TEST_F(OrvikctlReport, HasThreeDumpsOfTheServiceAndSaysOfWhichProgramTheOthersAr
         made.push_back(std::make_unique<NeededFile>(
             from / names.back(),
             DumpBytes("reason", kRunEnded, kRunEndedParameters, programs[i]).bytes));
+        if (i == 0)
+            fs::resize_file(from / names[i],
+                            256 * 1024 * 1024 + 1);  // its program is near the start
         fs::last_write_time(from / names.back(), tomorrow - std::chrono::hours(i));
     }
     const fs::path root = fs::path(from).root_path();

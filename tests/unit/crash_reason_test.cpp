@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 
 #include <dbghelp.h>
 
+#include "cancellation.h"
 #include "exit_code.h"
 #include "protocol/run_end.h"
 #include "support/dump_bytes.h"
@@ -190,6 +192,13 @@ TEST(DumpedProgram, OfADumpWithAWrongNumberAnywhereIsReadWithinTheDump) {
         for (const std::uint32_t number : {0u, 0x400u, 0xfff0u, 0x7fffffffu, 0xffffffffu})
             unknown += ProgramIn(With(whole, place, number)).empty() ? 1u : 0u;
     EXPECT_GT(unknown, 200u);  // the heap ends this program at a read beyond the dump
+}
+
+TEST(DumpedProgram, IsNotUnknownOnCtrlC) {
+    CatchCancellation();
+    ::SetEvent(CancellationEvent());
+    EXPECT_THROW(ProgramOf(std::filesystem::path(L"there is no such dump.dmp")), Failure);
+    CatchCancellation();  // a new event
 }
 
 }  // namespace

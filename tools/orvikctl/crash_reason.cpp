@@ -8,6 +8,7 @@
 
 #include <dbghelp.h>
 
+#include "cancellation.h"
 #include "exit_code.h"
 #include "input_file.h"
 #include "protocol/run_end.h"
@@ -141,15 +142,6 @@ std::filesystem::path ProgramIn(const DumpContent& dump) {
     return path;
 }
 
-/// All of a file. Throws Failure, also if it is too large for a dump.
-std::vector<std::byte> ContentOf(InputFile& file) {
-    const std::uint64_t size = file.Size();
-    if (size > kDumpSizeLimit)
-        Refuse("cannot read the dump " + file.Name() + ": it has more than " +
-               std::to_string(kDumpSizeLimit) + " bytes");
-    return file.Read(static_cast<std::size_t>(size));
-}
-
 const char* NameOf(DWORD exceptionCode) noexcept {
     switch (exceptionCode) {
         case kRunEnded:
@@ -201,7 +193,11 @@ CrashReason CrashReasonOf(std::span<std::byte> bytes) {
 
 CrashReason CrashReasonOf(const std::filesystem::path& dump) {
     InputFile file(dump);
-    std::vector<std::byte> bytes = ContentOf(file);
+    const std::uint64_t size = file.Size();
+    if (size > kDumpSizeLimit)
+        Refuse("cannot read the dump " + file.Name() + ": it has more than " +
+               std::to_string(kDumpSizeLimit) + " bytes");
+    std::vector<std::byte> bytes = file.Read(static_cast<std::size_t>(size));
     try {
         return CrashReasonOf(std::span(bytes));
     } catch (const Failure& failure) {
@@ -218,11 +214,14 @@ std::wstring ProgramOf(std::span<std::byte> bytes) {
 }
 
 std::wstring ProgramOf(const std::filesystem::path& dump) {
+    // The list of modules and their names are near the start, in front of the memory: a dump with
+    // all memory of its process may have gigabytes.
+    constexpr std::size_t kPartWithNames = std::size_t{4} * 1024 * 1024;
     try {
-        InputFile file(dump);
-        std::vector<std::byte> bytes = ContentOf(file);
+        std::vector<std::byte> bytes = InputFile(dump).Read(kPartWithNames);
         return ProgramOf(std::span(bytes));
     } catch (const Failure&) {
+        ThrowIfCancelled();
         return {};
     }
 }

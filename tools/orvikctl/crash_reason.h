@@ -31,9 +31,11 @@ CrashReason CrashReasonOf(std::span<std::byte> dump);
 /// Throws Failure, whose text names the file, if that cannot be read.
 CrashReason CrashReasonOf(const std::filesystem::path& dump);
 
-/// The file name of the program that crashed. Empty if it cannot be read: the dump is damaged, is
-/// larger than kDumpSizeLimit, or does not have the program.
+/// The file name of the program that crashed. Empty if it cannot be read: the dump is damaged,
+/// cannot be opened, or does not have the program in its first 4 MiB.
 std::wstring ProgramOf(std::span<std::byte> dump);
+
+/// Reads no more than those 4 MiB. Throws Failure with ExitCode::kCancelled on Ctrl-C.
 std::wstring ProgramOf(const std::filesystem::path& dump);
 
 /// An object with the keys `time`, `exception_code` and `text`, which may be null.

@@ -110,9 +110,9 @@ void ReportOldLog(ReportFolder& folder) {
 void ReportDumps(ReportFolder& folder) {
     const std::filesystem::path from = ServiceDumpFolder();
     const std::vector<Dump> dumps = DumpsIn(from);
-    std::string text = "Dumps of all programs in " + ToUtf8(from.wstring()) + ": " +
-                       std::to_string(dumps.size()) + ". The newest " + std::to_string(kDumps) +
-                       " of the service are in this folder.\n";
+    std::string text = "Dumps with names like those of the service in " + ToUtf8(from.wstring()) +
+                       ": " + std::to_string(dumps.size()) + ". At most the newest " +
+                       std::to_string(kDumps) + " of the service are in this folder.\n";
     folder.MakeFolder("dumps");
     std::size_t ofService = 0;
     for (const Dump& dump : dumps) {

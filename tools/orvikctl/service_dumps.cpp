@@ -4,7 +4,7 @@
 
 #include "crash_reason.h"
 #include "found_files.h"
-#include "service_program.h"
+#include "protocol/message.h"
 
 namespace {
 
@@ -30,9 +30,9 @@ std::vector<Dump> DumpsIn(const std::filesystem::path& folder) {
 }
 
 bool IsOfAnotherProgram(const std::wstring& program) {
+    static const std::wstring own = std::wstring(kServiceName) + L".exe";
     return !program.empty() &&
-           ::CompareStringOrdinal(program.c_str(), -1, ServiceProgram().filename().c_str(), -1,
-                                  TRUE) != CSTR_EQUAL;
+           ::CompareStringOrdinal(program.c_str(), -1, own.c_str(), -1, TRUE) != CSTR_EQUAL;
 }
 
 std::optional<Dump> NewestServiceDump(const std::filesystem::path& folder) {

@@ -22,7 +22,7 @@ std::vector<Dump> DumpsIn(const std::filesystem::path& folder);
 
 /// True if `program`, the result of ProgramOf(), is not the service's. A dump whose program cannot
 /// be read is taken for one of the service: a full disk cuts dumps off, and such a dump says at
-/// least that there was a crash, and when. Throws Failure if the service is not installed.
+/// least that there was a crash, and when.
 bool IsOfAnotherProgram(const std::wstring& program);
 
 /// The newest that is not of another program. Reads dumps until it is found. Throws Failure.

@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "cancellation.h"
 #include "commands.h"
 #include "crash_reason.h"
 #include "error_report.h"
@@ -30,12 +31,13 @@ struct Fact {
 /// cause.
 class Report {
 public:
-    /// `find` throws if the fact cannot be determined.
+    /// `find` throws if the fact cannot be determined. Throws only on Ctrl-C, then Failure.
     void Add(const char* key, const char* label, const std::function<Fact()>& find) {
         Fact fact;
         try {
             fact = find();
         } catch (const std::exception& error) {
+            ThrowIfCancelled();
             fact.words = std::string("unknown: ") + error.what();
             unknown[key] = error.what();
         }
