@@ -160,7 +160,7 @@ TEST_F(LastCrashTest, OfADumpThatIsNotOfTheServicesExceptionIsItsCodeOrWhyItCann
         const RunningService service;
         dump.WriteFault(service.ProcessId());
     }
-    InstallService(ProgramPath(L"OrvikService.exe"));  // which the service in the foreground undid
+    InstallService(ProgramPath(L"OrvikService.exe"));  // RunningService has removed it
     const std::string line = LastCrash();
     EXPECT_TRUE(line.ends_with("Z, access violation (exception 0xc0000005)")) << line;
     const Json crash = StatusAsJson().at("last_crash");

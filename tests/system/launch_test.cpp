@@ -284,8 +284,9 @@ protected:
         LeaveAndWait(main, id);
     }
 
-    /// Leaves, and the service knows it: another client, which came before, has an answer since. A
-    /// look at the drives starts no application before that, and so would lose the next drive.
+    /// Disconnects `main`, and waits until the service has handled that: it answers another client
+    /// after it. Until then a look at the drives starts no application, and the next drive would
+    /// count as seen.
     static void LeaveAndWait(RawClient& main, std::uint32_t cameraId) {
         RawClient pipe;
         pipe.RoundTrip();  // the cameras that are announced to it come before

@@ -90,7 +90,7 @@ TEST_F(ReportWindowsTest, HasTheUpdateRevisionAndBothNames) {
     EXPECT_EQ(json.at("name"), WindowsName("Windows 10 Pro", build, json.at("server")));
 }
 
-TEST_F(ReportWindowsTest, HasNullForWhatTheRegistryDoesNotHave) {
+TEST_F(ReportWindowsTest, MissingRegistryValuesAreNull) {
     const Json json = Collect();
     for (const char* const key : {"update_revision", "name", "product"})
         EXPECT_EQ(json.at(key), nullptr) << key;

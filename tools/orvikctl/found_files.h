@@ -6,8 +6,8 @@
 
 #include <windows.h>
 
-/// What a folder has, files and folders, that matches a pattern of FindFirstFileW. Throws FileError
-/// with `failure` as its text if the folder cannot be read.
+/// The files and folders in `folder` whose names match `pattern`, a pattern of FindFirstFileW.
+/// Throws FileError with `failure` as its text if the folder cannot be read.
 std::vector<WIN32_FIND_DATAW> FindFiles(const std::filesystem::path& folder, const wchar_t* pattern,
                                         const char* failure);
 

@@ -71,7 +71,7 @@ void ReportApplication(ReportFolder& folder) {
         return std::filesystem::is_regular_file(FindRegistryText(key, nullptr).value_or(L""),
                                                 error);
     });
-    // By the service's own rule, which takes some values that the above does not.
+    // By the service's own rule, which also takes values that are not text.
     ApplicationPath registered{};
     const std::filesystem::path started = FindApplicationPath(registered);
     json["started"] = ToUtf8(started.wstring());
